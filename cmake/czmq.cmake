@@ -1,0 +1,10 @@
+# jactor_czmq: CZMQ's headers and library, and ZeroMQ's for the poll item.
+find_path(CZMQ_INCLUDE_DIR czmq.h)
+find_library(CZMQ_LIBRARY czmq)
+find_library(ZMQ_LIBRARY zmq)
+if(NOT CZMQ_INCLUDE_DIR OR NOT CZMQ_LIBRARY OR NOT ZMQ_LIBRARY)
+  message(FATAL_ERROR "CZMQ was not found: install its development package (Debian: libczmq-dev)")
+endif()
+add_library(jactor_czmq INTERFACE)
+target_include_directories(jactor_czmq SYSTEM INTERFACE "${CZMQ_INCLUDE_DIR}")
+target_link_libraries(jactor_czmq INTERFACE "${CZMQ_LIBRARY}")

@@ -1,0 +1,160 @@
+// jcxxsock.h - byte-stream socks: the base, the pipe pair, the named FIFO.
+//
+// A sock has no lock: one thread at a time. It is in the registry of live socks
+// from its constructor until its destructor.
+//
+// The operations of the base return 0 for success and non-zero for failure. An
+// out-count is 0 after a failure, also when some bytes were transferred.
+#ifndef JCXXSOCK_H
+#define JCXXSOCK_H
+
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <list>
+#include <string>
+#include <tuple>
+
+#include "jactor.h"
+
+// A read and a write descriptor, handed out by the derived class, and a
+// read-ahead buffer. The base itself has no descriptor: its I/O fails.
+struct JACTOR_API JCXXSock {
+  unsigned char* read_buffer;      // null until the first read that needs it
+  unsigned char* read_buffer_pos;  // the next unread byte while read_buffer_avail is not 0
+  std::size_t read_buffer_size;    // capacity in bytes; 0 while there is no buffer
+  std::size_t read_buffer_avail;   // bytes held: the next of the stream
+
+  JCXXSock();
+
+  // Copies nothing: the new sock has no read-ahead buffer.
+  JCXXSock(JCXXSock const& other);
+
+  // Copies nothing, and logs; the target keeps its buffer.
+  JCXXSock& operator=(JCXXSock const& other);
+
+  virtual ~JCXXSock();
+
+  // Store the descriptor in `fd`. Result: 0; -1 and `fd` untouched without one.
+  virtual int GetReadFD(int& fd);
+  virtual int GetWriteFD(int& fd);
+
+  // Reads exactly `len` bytes, through the read-ahead buffer. Blocks until they
+  // have come.
+  // Result: 0 and `got` = `len`; non-zero and `got` 0 on a bad argument, a failed
+  //         read or the end of the stream; bytes already read are lost then.
+  // Throws: std::bad_alloc, when the buffer cannot be made.
+  virtual int ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got);
+
+  // Writes exactly `len` bytes. Blocks until they are written.
+  // Result: 0 and `written` = `len`; non-zero and `written` 0 on failure; a part
+  //         may be on the stream then.
+  virtual int WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& written);
+
+  // Not offered: return -1 and touch nothing.
+  virtual int ReadNonBlocking(unsigned char* buf, std::size_t len, std::size_t& got);
+  virtual int WriteNonBlocking(unsigned char* buf, std::size_t len, std::size_t& written);
+
+  // Tells how many bytes wait in the read descriptor. Bytes in the read-ahead
+  // buffer do not count: see BufferedToRead.
+  virtual int AvailableToRead(std::size_t& avail);
+
+  // Writes the `iovcnt` buffers of `iov`, in order, as one run of bytes, with one
+  // system call where the pipe takes it whole. Blocks until all is written.
+  // Result:    0 and `written` = the sum of the lengths; non-zero and `written` 0
+  //            on failure; a part may be on the stream then. More entries than
+  //            the system's limit (1,024) fail.
+  // Ownership: `iov` and what it points to stay the caller's, unmodified.
+  // Throws:    std::bad_alloc after a partial write.
+  virtual int WriteBlockingIOV(const iovec* iov, int iovcnt, std::size_t& written);
+
+  // Writes the message `*msg`; on success destroys it and sets `*msg` to null.
+  // Result: as JCXXMsg::WriteMessage; -1 when `msg` or `*msg` is null. On failure
+  //         the message stays the caller's.
+  virtual int Send(JCXXMsg** msg);
+
+  // The same as JCXXMsg::ReadMessage of this sock.
+  virtual JCXXMsg* Recv();
+
+  // One read of at most `s` bytes: from the read-ahead buffer while it holds any,
+  // otherwise from the descriptor, reading ahead when more is waiting.
+  // Result: the bytes placed in `buf`; 0 for `s` 0 or at the end of the stream;
+  //         negative on failure, with errno as the failed system call left it.
+  // Throws: std::bad_alloc, when the buffer cannot be made.
+  ssize_t ReadBlockingReadaheadBuffered(void* buf, std::size_t s);
+
+  // Bytes taken from the descriptor and not yet handed to a reader.
+  std::size_t BufferedToRead();
+
+  // Open a named endpoint: see j_pipe_new_pull and j_pipe_new_push.
+  // Throw: std::bad_alloc, std::filesystem::filesystem_error.
+  static JCXXSock* NewPull(char const* name);
+  static JCXXSock* NewPush(char const* name);
+};
+
+// A sock over two descriptors of its own, normally of two pipes.
+struct JACTOR_API SockFromPipes : JCXXSock {
+  int read_fd;   // owned; negative when there is none
+  int write_fd;  // owned; negative when there is none
+
+  SockFromPipes();
+
+  // Takes both descriptors, unexamined; either may be negative.
+  SockFromPipes(int read_fd, int write_fd);
+
+  // Copies nothing: the new sock has no descriptor.
+  SockFromPipes(SockFromPipes const& other);
+
+  // Copies nothing: closes what the target held, unless it is the source.
+  SockFromPipes& operator=(SockFromPipes const& other);
+
+  ~SockFromPipes() override;
+
+  int GetReadFD(int& fd) override;
+  int GetWriteFD(int& fd) override;
+
+  // Makes two pipes and the two socks at their ends: what one writes, the other
+  // reads. The descriptors are blocking and close-on-exec.
+  // Ownership: both socks are the caller's to delete.
+  // Throws:    std::bad_alloc when a pipe or a sock cannot be made; nothing is
+  //            left behind then.
+  static std::tuple<JCXXSock*, JCXXSock*> MakeSockPairFromPipes();
+};
+
+// A sock over a FIFO of the run directory, opened for reading and writing.
+struct JACTOR_API SockFromNamedEndpoint : JCXXSock {
+  int fd;  // owned; negative when there is none
+
+  SockFromNamedEndpoint();
+
+  // Takes the descriptor.
+  explicit SockFromNamedEndpoint(int fd);
+
+  // Copies nothing: the new sock has no descriptor.
+  SockFromNamedEndpoint(SockFromNamedEndpoint const& other);
+
+  // Copies nothing: the target forgets its descriptor without closing it, unless
+  // it is the source.
+  SockFromNamedEndpoint& operator=(SockFromNamedEndpoint const& other);
+
+  ~SockFromNamedEndpoint() override;
+
+  int GetReadFD(int& fd) override;
+  int GetWriteFD(int& fd) override;
+
+  // The pieces between the commas, one more than there are commas.
+  static std::list<std::string> SplitAtCommas(std::string names);
+
+  // Splits "transport://path" at the first "://". Both parts are empty when the
+  // name has no such form.
+  static void SplitLikeURI(std::string& name, std::string& transport, std::string& path);
+
+  // Opens the endpoint `name`; `pull` only chooses a log line.
+  // Result:    the sock, which is the caller's; null when the name is refused or
+  //            the directory or the FIFO cannot be made or opened.
+  // Throws:    std::bad_alloc, std::filesystem::filesystem_error.
+  static JCXXSock* NewSockFromNamedEndpoint(char const* name, bool pull);
+};
+
+#endif

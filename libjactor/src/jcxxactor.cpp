@@ -1,0 +1,113 @@
+// jcxxactor.cpp - starting an actor, running its function, stopping it.
+//
+// An actor announces that it is ready with a signal; closing the caller's end of
+// the pair asks it to stop.
+#include "jcxxactor.h"
+
+#include <memory>
+#include <new>
+#include <system_error>
+#include <tuple>
+
+#include "jcxxactorapi.h"
+#include "jcxxmsg.h"
+#include "jcxxsock.h"
+#include "log.h"
+
+JActorThreadWrapper::JActorThreadWrapper()
+    : fn(nullptr), args(nullptr), sock(nullptr), actor(nullptr), thread(nullptr) {}
+
+JActorThreadWrapper::JActorThreadWrapper(void (*function)(j_sock_t*, void*), void* argument,
+                                         JCXXSock* actors_end, JCXXActor* owner)
+    : fn(function), args(argument), sock(actors_end), actor(owner), thread(nullptr) {}
+
+JActorThreadWrapper::JActorThreadWrapper(JActorThreadWrapper const& /*other*/)
+    : JActorThreadWrapper() {
+  JACTOR_TRACE("JActorThreadWrapper copy constructor");
+}
+
+JActorThreadWrapper& JActorThreadWrapper::operator=(JActorThreadWrapper const& /*other*/) {
+  JACTOR_TRACE("JActorThreadWrapper copy assignment constructor");
+  fn = nullptr;
+  args = nullptr;
+  sock = nullptr;
+  actor = nullptr;
+  thread = nullptr;
+  return *this;
+}
+
+JActorThreadWrapper::~JActorThreadWrapper() {
+  if (thread != nullptr) {
+    try {
+      thread->join();
+      delete thread;
+    } catch (const std::system_error&) {
+      // A thread that cannot be joined is left behind: destroying it would end
+      // the process.
+    }
+    thread = nullptr;
+  }
+  delete sock;
+  sock = nullptr;
+}
+
+void JActorThreadWrapper::start() {
+  thread = new std::thread(&JActorThreadWrapper::the_wrapper_function, this);
+}
+
+void JActorThreadWrapper::the_wrapper_function() {
+  JACTOR_TRACE("before client function");
+  fn(sock, args);
+  JACTOR_TRACE("after client function");
+}
+
+namespace {
+
+// Closes the caller's end, which the actor function sees as the end of the
+// stream, then waits for it, then lets the rest go.
+void StopAndRelease(JCXXActor* actor) {
+  delete actor->sock;
+  actor->sock = nullptr;
+  delete actor->wrapper;
+  actor->wrapper = nullptr;
+  JCXXActorAPI::GetInstance()->JCXXActorPtrRemove(actor);
+}
+
+}  // namespace
+
+JCXXActor::JCXXActor() : sock(nullptr), wrapper(nullptr) {
+  JACTOR_TRACE("JCXXActor constructor");
+  JCXXActorAPI::GetInstance()->JCXXActorPtrAdd(this);
+}
+
+JCXXActor::JCXXActor(void (*fn)(j_sock_t*, void*), void* args) : sock(nullptr), wrapper(nullptr) {
+  JCXXActorAPI::GetInstance()->JCXXActorPtrAdd(this);
+  std::unique_ptr<JCXXActor, void (*)(JCXXActor*)> on_failure(this, StopAndRelease);
+  const auto pair = SockFromPipes::MakeSockPairFromPipes();
+  sock = std::get<0>(pair);
+  std::unique_ptr<JCXXSock> actors_end(std::get<1>(pair));
+  wrapper = new JActorThreadWrapper(fn, args, actors_end.get(), this);
+  actors_end.release();
+  wrapper->start();
+  if (JCXXMsg::WaitForSignal(sock) != 0) {
+    throw std::bad_alloc();
+  }
+  on_failure.release();
+}
+
+JCXXActor::JCXXActor(JCXXActor const& /*other*/) : sock(nullptr), wrapper(nullptr) {
+  JACTOR_TRACE("JCXXActor copy constructor");
+  JCXXActorAPI::GetInstance()->JCXXActorPtrAdd(this);
+}
+
+JCXXActor& JCXXActor::operator=(JCXXActor const& other) {
+  JACTOR_TRACE("JCXXActor copy assignment operator");
+  if (this != &other) {
+    JCXXActorAPI::GetInstance()->JCXXActorPtrAdd(this);
+  }
+  return *this;
+}
+
+JCXXActor::~JCXXActor() { StopAndRelease(this); }
+
+JCXXSock* JCXXActor::GetSock() { return sock; }

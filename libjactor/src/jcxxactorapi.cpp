@@ -1,0 +1,395 @@
+// jcxxactorapi.cpp - the registry of live objects, the members behind the
+// exported calls, and the bridge into a CZMQ event loop.
+//
+// Every member tests its arguments in a fixed order, logs the first failed test
+// and returns its failure result; only then does it touch the object.
+#include "jcxxactorapi.h"
+
+#include <czmq.h>
+
+#include <memory>
+#include <type_traits>
+
+#include "jcxxactor.h"
+#include "jcxxframe.h"
+#include "jcxxmsg.h"
+#include "jcxxsock.h"
+#include "log.h"
+
+namespace {
+
+// Set, with the mutex held, when the instance has been destroyed at exit. Threads
+// that still run and objects that are destroyed later find the registry empty:
+// they lock the mutex of the dead instance, whose storage lasts as long as the
+// process and whose destructor does nothing, and then touch no set.
+bool destroyed = false;
+static_assert(std::is_trivially_destructible_v<std::mutex>);
+
+// One family of the registry: its set, and its log lines.
+template <class Object>
+struct Family {
+  std::unordered_set<Object*> JCXXActorAPI::*set;
+  const char* null_on_valid;
+  const char* null_on_add;
+  const char* duplicate;
+  const char* null_on_remove;
+  const char* missing;
+};
+
+#define JACTOR_FAMILY(Class, set)                                                   \
+  Family<Class> {                                                                   \
+    &JCXXActorAPI::set, JACTOR_LINE("NULL " #Class " pointer passed to interface"), \
+        JACTOR_LINE("NULL " #Class " pointer passed to add"),                       \
+        JACTOR_LINE(#Class " pointer already exists"),                              \
+        JACTOR_LINE("NULL " #Class " pointer passed to remove"),                    \
+        JACTOR_LINE(#Class " pointer does not exist")                               \
+  }
+
+constexpr auto kSocks = JACTOR_FAMILY(JCXXSock, socks);
+constexpr auto kActors = JACTOR_FAMILY(JCXXActor, actors);
+constexpr auto kFrames = JACTOR_FAMILY(JCXXFrame, frames);
+constexpr auto kMsgs = JACTOR_FAMILY(JCXXMsg, msgs);
+
+void LogPointer(const char* function, const char* format) {
+  JACTOR_LOG_FORMAT(JACTOR_LEVEL_ERROR, function, format);
+}
+
+template <class Object>
+bool IsValid(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
+  if (p == nullptr) {
+    LogPointer(function, family.null_on_valid);
+    return false;
+  }
+  const std::lock_guard<std::mutex> lock(api.mutex);
+  return !destroyed && (api.*family.set).count(p) != 0;
+}
+
+template <class Object>
+void Add(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
+  if (p == nullptr) {
+    LogPointer(function, family.null_on_add);
+    return;
+  }
+  const std::lock_guard<std::mutex> lock(api.mutex);
+  if (!destroyed && !(api.*family.set).insert(p).second) {
+    LogPointer(function, family.duplicate);
+  }
+}
+
+template <class Object>
+void Remove(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
+  if (p == nullptr) {
+    LogPointer(function, family.null_on_remove);
+    return;
+  }
+  const std::lock_guard<std::mutex> lock(api.mutex);
+  if (!destroyed && (api.*family.set).erase(p) == 0) {
+    LogPointer(function, family.missing);
+  }
+}
+
+// The tests of an exported call's arguments. The last arguments are the call's
+// failure result, or nothing.
+#define JACTOR_REFUSE_NULL(pointer, call, ...)     \
+  if ((pointer) == nullptr) {                      \
+    JACTOR_ERROR("NULL pointer passed to " #call); \
+    return __VA_ARGS__;                            \
+  }
+#define JACTOR_REFUSE_UNLESS(valid, call, ...)        \
+  if (!(valid)) {                                     \
+    JACTOR_ERROR("invalid pointer passed to " #call); \
+    return __VA_ARGS__;                               \
+  }
+
+// Looks at `sock`'s read descriptor. Result: 0 and `fd` not negative, or what
+// the sock returns, or -1.
+int ReadDescriptor(JCXXSock* sock, int& fd) {
+  fd = -1;
+  const int rc = sock->GetReadFD(fd);
+  return rc == 0 && fd < 0 ? -1 : rc;
+}
+
+zmq_pollitem_t PollItem(int fd) {
+  zmq_pollitem_t item = {};
+  item.fd = fd;
+  item.events = ZMQ_POLLIN;
+  return item;
+}
+
+// What the loop calls: hands the event on to the caller's handler.
+int hybrid_internal_handler(zloop_t* loop, zmq_pollitem_t* item, void* arg) {
+  JACTOR_TRACE("hybrid_internal_handler");
+  JACTOR_REFUSE_NULL(loop, hybrid_internal_handler, -1)
+  JACTOR_REFUSE_NULL(item, hybrid_internal_handler, -1)
+  JACTOR_REFUSE_NULL(arg, hybrid_internal_handler, -1)
+  const auto* record = static_cast<const hybrid_poller_info*>(arg);
+  const int irv = record->handler(loop, record->sock, record->arg);
+  JACTOR_TRACE("irv=%d", irv);
+  return irv;
+}
+
+}  // namespace
+
+JCXXActorAPI* JCXXActorAPI::GetInstance() {
+  static JCXXActorAPI instance;
+  return &instance;
+}
+
+JCXXActorAPI::JCXXActorAPI() = default;
+
+JCXXActorAPI::JCXXActorAPI(JCXXActorAPI const& /*other*/) {
+  JACTOR_TRACE("JCXXActorAPI private copy constructor");
+}
+
+JCXXActorAPI& JCXXActorAPI::operator=(JCXXActorAPI const& /*other*/) {
+  JACTOR_TRACE("JCXXActorAPI private copy assignment operator");
+  return *this;
+}
+
+JCXXActorAPI::~JCXXActorAPI() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  pollers.clear();
+  msgs.clear();
+  frames.clear();
+  actors.clear();
+  socks.clear();
+  destroyed = true;
+}
+
+bool JCXXActorAPI::JCXXSockPtrIsValid(JCXXSock* p) { return IsValid(*this, kSocks, p, __func__); }
+void JCXXActorAPI::JCXXSockPtrAdd(JCXXSock* p) { Add(*this, kSocks, p, __func__); }
+void JCXXActorAPI::JCXXSockPtrRemove(JCXXSock* p) { Remove(*this, kSocks, p, __func__); }
+
+bool JCXXActorAPI::JCXXActorPtrIsValid(JCXXActor* p) {
+  return IsValid(*this, kActors, p, __func__);
+}
+void JCXXActorAPI::JCXXActorPtrAdd(JCXXActor* p) { Add(*this, kActors, p, __func__); }
+void JCXXActorAPI::JCXXActorPtrRemove(JCXXActor* p) { Remove(*this, kActors, p, __func__); }
+
+bool JCXXActorAPI::JCXXFramePtrIsValid(JCXXFrame* p) {
+  return IsValid(*this, kFrames, p, __func__);
+}
+void JCXXActorAPI::JCXXFramePtrAdd(JCXXFrame* p) { Add(*this, kFrames, p, __func__); }
+void JCXXActorAPI::JCXXFramePtrRemove(JCXXFrame* p) { Remove(*this, kFrames, p, __func__); }
+
+bool JCXXActorAPI::JCXXMsgPtrIsValid(JCXXMsg* p) { return IsValid(*this, kMsgs, p, __func__); }
+void JCXXActorAPI::JCXXMsgPtrAdd(JCXXMsg* p) { Add(*this, kMsgs, p, __func__); }
+void JCXXActorAPI::JCXXMsgPtrRemove(JCXXMsg* p) { Remove(*this, kMsgs, p, __func__); }
+
+JCXXMsg* JCXXActorAPI::j_msg_new() { return new JCXXMsg(); }
+
+void JCXXActorAPI::j_msg_destroy(JCXXMsg** p) {
+  JACTOR_REFUSE_NULL(p, j_msg_destroy)
+  JACTOR_REFUSE_NULL(*p, j_msg_destroy)
+  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(*p), j_msg_destroy)
+  delete *p;
+  *p = nullptr;
+}
+
+int JCXXActorAPI::j_msg_addstr(JCXXMsg* m, const char* s) {
+  JACTOR_REFUSE_NULL(m, j_msg_addstr, -1)
+  JACTOR_REFUSE_NULL(s, j_msg_addstr, -1)
+  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_addstr, -1)
+  return m->AddStr(s);
+}
+
+int JCXXActorAPI::j_msg_addmem(JCXXMsg* m, const void* data, std::size_t size) {
+  JACTOR_REFUSE_NULL(m, j_msg_addmem, -1)
+  JACTOR_REFUSE_NULL(data, j_msg_addmem, -1)
+  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_addmem, -1)
+  return m->AddMem(data, size);
+}
+
+JCXXFrame* JCXXActorAPI::j_msg_pop(JCXXMsg* m) {
+  JACTOR_REFUSE_NULL(m, j_msg_pop, nullptr)
+  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_pop, nullptr)
+  return m->Pop();
+}
+
+char* JCXXActorAPI::j_msg_popstr(JCXXMsg* m) {
+  JACTOR_REFUSE_NULL(m, j_msg_popstr, nullptr)
+  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_popstr, nullptr)
+  return m->PopStr();
+}
+
+int JCXXActorAPI::j_msg_signal(JCXXMsg* m) {
+  JACTOR_REFUSE_NULL(m, j_msg_signal, -1)
+  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_signal, -1)
+  return m->IsSignalMsg() ? m->GetSignalValue() : -1;
+}
+
+void JCXXActorAPI::j_frame_destroy(JCXXFrame** p) {
+  JACTOR_REFUSE_NULL(p, j_frame_destroy)
+  JACTOR_REFUSE_NULL(*p, j_frame_destroy)
+  JACTOR_REFUSE_UNLESS(JCXXFramePtrIsValid(*p), j_frame_destroy)
+  delete *p;
+  *p = nullptr;
+}
+
+unsigned char* JCXXActorAPI::j_frame_data(JCXXFrame* f) {
+  JACTOR_REFUSE_NULL(f, j_frame_data, nullptr)
+  JACTOR_REFUSE_UNLESS(JCXXFramePtrIsValid(f), j_frame_data, nullptr)
+  return f->GetData();
+}
+
+std::size_t JCXXActorAPI::j_frame_size(JCXXFrame* f) {
+  JACTOR_REFUSE_NULL(f, j_frame_size, 0)
+  JACTOR_REFUSE_UNLESS(JCXXFramePtrIsValid(f), j_frame_size, 0)
+  return f->GetSize();
+}
+
+JCXXActor* JCXXActorAPI::j_actor_new(void (*fn)(j_sock_t*, void*), void* args) {
+  return new JCXXActor(fn, args);
+}
+
+void JCXXActorAPI::j_actor_destroy(JCXXActor** p) {
+  JACTOR_REFUSE_NULL(p, j_actor_destroy)
+  JACTOR_REFUSE_NULL(*p, j_actor_destroy 2)
+  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(*p), j_actor_destroy)
+  delete *p;
+  *p = nullptr;
+}
+
+JCXXSock* JCXXActorAPI::j_actor_sock(JCXXActor* a) {
+  JACTOR_REFUSE_NULL(a, j_actor_sock, nullptr)
+  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_actor_sock, nullptr)
+  return a->GetSock();
+}
+
+void JCXXActorAPI::j_sock_destroy(JCXXSock** p) {
+  JACTOR_REFUSE_NULL(p, j_sock_destroy)
+  JACTOR_REFUSE_NULL(*p, j_sock_destroy)
+  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(*p), j_sock_destroy)
+  delete *p;
+  *p = nullptr;
+}
+
+int JCXXActorAPI::j_msg_send(JCXXMsg** pm, JCXXSock* s) {
+  JACTOR_REFUSE_NULL(pm, j_msg_send, -1)
+  JACTOR_REFUSE_NULL(*pm, j_msg_send, -1)
+  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(*pm), j_msg_send, -1)
+  JACTOR_REFUSE_NULL(s, j_msg_send, -1)
+  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_msg_send, -1)
+  return s->Send(pm);
+}
+
+int JCXXActorAPI::j_msg_send(JCXXMsg** pm, JCXXActor* a) {
+  JACTOR_REFUSE_NULL(pm, j_msg_send, -1)
+  JACTOR_REFUSE_NULL(*pm, j_msg_send, -1)
+  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(*pm), j_msg_send, -1)
+  JACTOR_REFUSE_NULL(a, j_msg_send, -1)
+  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_msg_send, -1)
+  return j_msg_send(pm, a->GetSock());
+}
+
+JCXXMsg* JCXXActorAPI::j_msg_recv(JCXXSock* s) {
+  JACTOR_REFUSE_NULL(s, j_msg_recv, nullptr)
+  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_msg_recv, nullptr)
+  return s->Recv();
+}
+
+JCXXMsg* JCXXActorAPI::j_msg_recv(JCXXActor* a) {
+  JACTOR_REFUSE_NULL(a, j_msg_recv, nullptr)
+  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_msg_recv, nullptr)
+  return j_msg_recv(a->GetSock());
+}
+
+int JCXXActorAPI::j_sock_signal(JCXXSock* s, unsigned char value) {
+  JACTOR_REFUSE_NULL(s, j_sock_signal, -1)
+  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_sock_signal, -1)
+  const int rc = JCXXMsg::WriteSignalMessage(s, value);
+  JACTOR_TRACE("j_sock_signal sock, rc=%d", rc);
+  return rc;
+}
+
+int JCXXActorAPI::j_sock_signal(JCXXActor* a, unsigned char value) {
+  JACTOR_REFUSE_NULL(a, j_sock_signal, -1)
+  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_sock_signal, -1)
+  const int rc = j_sock_signal(a->GetSock(), value);
+  JACTOR_TRACE("j_sock_signal actor, rc=%d", rc);
+  return rc;
+}
+
+int JCXXActorAPI::j_sock_fd(JCXXSock* s) {
+  JACTOR_REFUSE_NULL(s, j_sock_fd, -1)
+  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_sock_fd, -1)
+  int fd = -1;
+  return ReadDescriptor(s, fd) == 0 ? fd : -1;
+}
+
+int JCXXActorAPI::j_sock_fd(JCXXActor* a) {
+  JACTOR_REFUSE_NULL(a, j_sock_fd, -1)
+  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_sock_fd, -1)
+  return j_sock_fd(a->GetSock());
+}
+
+std::size_t JCXXActorAPI::j_sock_buffered(JCXXSock* s) {
+  JACTOR_REFUSE_NULL(s, j_sock_buffered, 0)
+  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_sock_buffered, 0)
+  return s->BufferedToRead();
+}
+
+std::size_t JCXXActorAPI::j_sock_buffered(JCXXActor* a) {
+  JACTOR_REFUSE_NULL(a, j_sock_buffered, 0)
+  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_sock_buffered, 0)
+  return j_sock_buffered(a->GetSock());
+}
+
+JCXXSock* JCXXActorAPI::j_pipe_new_pull(char const* name) { return JCXXSock::NewPull(name); }
+
+JCXXSock* JCXXActorAPI::j_pipe_new_push(char const* name) { return JCXXSock::NewPush(name); }
+
+int JCXXActorAPI::hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock,
+                                      int (*handler)(zloop_t*, j_sock_t*, void*), void* arg) {
+  JACTOR_TRACE("hybrid_zloop_reader");
+  JACTOR_REFUSE_NULL(loop, hybrid_zloop_reader, -1)
+  JACTOR_REFUSE_NULL(sock, hybrid_zloop_reader, -1)
+  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(sock), hybrid_zloop_reader, -1)
+  JACTOR_REFUSE_NULL(handler, hybrid_zloop_reader, -1)
+  int fd = -1;
+  if (const int rc = ReadDescriptor(sock, fd); rc != 0) {
+    return rc;
+  }
+  auto record = std::make_unique<hybrid_poller_info>(hybrid_poller_info{handler, arg, sock});
+  // The set's entry is made before the loop knows of the record, so that nothing
+  // but the lock can fail once it does.
+  std::unordered_set<hybrid_poller_info*> entry{record.get()};
+  {
+    const std::lock_guard<std::mutex> lock(mutex);
+    pollers.reserve(pollers.size() + 1);
+  }
+  zmq_pollitem_t item = PollItem(fd);
+  if (zloop_poller(loop, &item, hybrid_internal_handler, record.get()) != 0) {
+    return -1;
+  }
+  hybrid_poller_info* registered = record.release();
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (!destroyed) {
+    pollers.insert(entry.extract(registered));
+  }
+  return 0;
+}
+
+void JCXXActorAPI::hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock) {
+  JACTOR_TRACE("hybrid_zloop_reader_end");
+  JACTOR_REFUSE_NULL(loop, hybrid_zloop_reader_end)
+  JACTOR_REFUSE_NULL(sock, hybrid_zloop_reader_end)
+  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(sock), hybrid_zloop_reader_end)
+  int fd = -1;
+  if (ReadDescriptor(sock, fd) != 0) {
+    return;
+  }
+  zmq_pollitem_t item = PollItem(fd);
+  zloop_poller_end(loop, &item);
+  const std::lock_guard<std::mutex> lock(mutex);
+  for (auto next = pollers.begin(); next != pollers.end();) {
+    hybrid_poller_info* record = *next;
+    int watched = -1;
+    if (ReadDescriptor(record->sock, watched) == 0 && watched == fd) {
+      next = pollers.erase(next);
+      delete record;
+    } else {
+      ++next;
+    }
+  }
+}

@@ -1,0 +1,40 @@
+// log.h - the library's one way to write a log line.
+//
+// A line names the file, the line and the function it comes from. errno is the
+// same after the line as before it, whatever jlog_printf does: callers judge it
+// later.
+#ifndef JACTOR_LOG_H
+#define JACTOR_LOG_H
+
+#include <cerrno>
+
+#include "jlog.h"
+
+#define JACTOR_LOG_MODULE 281
+
+#define JACTOR_LEVEL_EXCEPTION 1
+#define JACTOR_LEVEL_ERROR 2
+#define JACTOR_LEVEL_TRACE 9
+
+// The whole format of a line, from its text.
+#define JACTOR_LINE(text) "%s.%d.%s: " text "\n"
+
+// Writes a line with a whole format, for a function named by the caller.
+#define JACTOR_LOG_FORMAT(level, function, format, ...)                    \
+  do {                                                                     \
+    const int errno_before_log = errno;                                    \
+    jlog_printf(level, JACTOR_LOG_MODULE, format, __FILE_NAME__, __LINE__, \
+                function __VA_OPT__(, ) __VA_ARGS__);                      \
+    errno = errno_before_log;                                              \
+  } while (false)
+
+#define JACTOR_TRACE_AS(function, text, ...) \
+  JACTOR_LOG_FORMAT(JACTOR_LEVEL_TRACE, function, JACTOR_LINE(text) __VA_OPT__(, ) __VA_ARGS__)
+#define JACTOR_ERROR_AS(function, text, ...) \
+  JACTOR_LOG_FORMAT(JACTOR_LEVEL_ERROR, function, JACTOR_LINE(text) __VA_OPT__(, ) __VA_ARGS__)
+
+// The usual ones: for the function they stand in.
+#define JACTOR_TRACE(text, ...) JACTOR_TRACE_AS(__func__, text __VA_OPT__(, ) __VA_ARGS__)
+#define JACTOR_ERROR(text, ...) JACTOR_ERROR_AS(__func__, text __VA_OPT__(, ) __VA_ARGS__)
+
+#endif
