@@ -1,0 +1,116 @@
+# shellcheck shell=bash
+#
+# What the scripts share. A script starts with:
+#
+#   #!/bin/bash
+#   set -euo pipefail
+#   . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+#
+# and then has:
+#   root, jobs             the top of the source tree, and how many CPUs there are
+#   die TEXT...            print an error and exit 1
+#   need_packages NAME...  install the Debian packages that are missing
+#   stage NAME COMMAND...  run one named stage, remember its result and time
+#   summary                print what the stages gave; fails when one failed
+
+# shellcheck disable=SC2034 # for the scripts that source this file
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+jobs=$(nproc)
+export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$jobs}
+export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$jobs}
+
+die() {
+  echo "$(basename "$0"): $*" >&2
+  exit 1
+}
+
+# Runs a command as root: directly, or through sudo, which may ask for a
+# password only when there is somebody to answer.
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif [ -t 0 ]; then
+    sudo "$@"
+  else
+    sudo -n "$@"
+  fi
+}
+
+# apt-get without questions, waiting its turn when another one runs.
+apt_get() {
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=300 \
+    -o Dpkg::Use-Pty=0 "$@"
+}
+
+package_installed() {
+  dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
+}
+
+# Refreshes the package lists, once for a script and the scripts it starts.
+apt_update_once() {
+  [ -z "${JACTOR_APT_UPDATED:-}" ] || return 0
+  apt_get update >/dev/null || return 1
+  export JACTOR_APT_UPDATED=1
+}
+
+# Installs those of the named packages that are missing; nothing happens when
+# all are there. Ends the script, naming them, when it cannot.
+need_packages() {
+  local name missing=()
+  if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+    echo "$(basename "$0"): no apt here; this needs what Debian calls: $*" >&2
+    return 0
+  fi
+  for name in "$@"; do
+    package_installed "$name" || missing+=("$name")
+  done
+  [ ${#missing[@]} -gt 0 ] || return 0
+  if [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
+    die "these packages are missing, and only root can install them: ${missing[*]}"
+  fi
+  echo "installing: ${missing[*]}"
+  if ! apt_update_once || ! apt_get install --no-install-recommends "${missing[@]}" >/dev/null; then
+    die "these packages are missing and could not be installed: ${missing[*]}"
+  fi
+}
+
+stage_lines=()
+stages_passed=0
+stages_failed=0
+
+# Runs COMMAND (a program or a function) as the stage NAME in a subshell with
+# `set -e`, and goes on after a failure. Not to be used in a condition, where
+# the shell would ignore `set -e`: `summary` has the result.
+stage() {
+  local name=$1 start=$SECONDS errexit=+e status word=ok
+  shift
+  [[ $- != *e* ]] || errexit=-e
+  echo
+  echo "==== $name"
+  set +e
+  (
+    set -e
+    "$@"
+  )
+  status=$?
+  set "$errexit"
+  if [ "$status" -eq 0 ]; then
+    stages_passed=$((stages_passed + 1))
+  else
+    stages_failed=$((stages_failed + 1))
+    word="FAILED (exit $status)"
+  fi
+  stage_lines+=("$(printf '%-20s %5d s  %s' "$name" $((SECONDS - start)) "$word")")
+  echo "---- $name: $word"
+}
+
+# Prints one line a stage and the closing line; fails when a stage failed.
+summary() {
+  echo
+  echo "==== summary"
+  if [ ${#stage_lines[@]} -gt 0 ]; then
+    printf '%s\n' "${stage_lines[@]}"
+  fi
+  echo "$stages_passed passed, $stages_failed failed"
+  [ "$stages_failed" -eq 0 ]
+}
