@@ -1,0 +1,449 @@
+// support.cpp - the log, the scripts and the leak check behind the tests.
+#include "support.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <new>
+#include <set>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "jcxxactorapi.h"
+#include "jlog.h"
+
+namespace support {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kRunDirectory = "/var/run/jactor";
+constexpr int kModule = 281;
+
+// Set while this file works: its own calls are not intercepted.
+thread_local bool at_work = false;
+class AtWork {
+ public:
+  AtWork() : was_(std::exchange(at_work, true)) {}
+  ~AtWork() { at_work = was_; }
+
+ private:
+  bool was_;
+};
+
+std::mutex log_mutex;
+std::vector<LogLine> log_lines;
+std::vector<std::string> log_faults;
+std::atomic<int> log_level{kAll};
+std::atomic<int> log_errno{0};
+
+std::mutex script_mutex;
+std::atomic<Script*> scripts[static_cast<std::size_t>(Call::kCount)];
+std::atomic<const std::string*> run_directory{nullptr};
+
+std::string Formatted(const char* format, va_list arguments) {
+  va_list again;
+  va_copy(again, arguments);
+  std::string text(static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, again)), '\0');
+  va_end(again);
+  std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+  return text;
+}
+
+int ThreadId() { return static_cast<int>(::syscall(SYS_gettid)); }
+
+// The place of a path while a RunDirectory lives.
+std::string Place(const char* path) {
+  const AtWork own;
+  const std::string* directory = run_directory.load();
+  if (directory != nullptr && std::string_view(path).starts_with(kRunDirectory)) {
+    return *directory + (path + kRunDirectory.size());
+  }
+  return path;
+}
+
+// The first `limit` bytes of a gather list.
+std::vector<iovec> CutList(const iovec* iov, int n, std::size_t limit) {
+  std::vector<iovec> list(iov, iov + n);
+  for (iovec& entry : list) {
+    entry.iov_len = std::min(entry.iov_len, limit);
+    limit -= entry.iov_len;
+  }
+  return list;
+}
+
+}  // namespace
+
+// What becomes of one intercepted call: `done` with `result`, or the real call
+// for at most `limit` bytes.
+class Interceptor {
+ public:
+  explicit Interceptor(Call call, const iovec* iov = nullptr, int n = 0) {
+    std::atomic<Script*>& slot = scripts[static_cast<std::size_t>(call)];
+    if (at_work || slot.load() == nullptr) {
+      return;
+    }
+    const AtWork own;
+    const Step* step = NextStep(slot, iov, n);
+    if (step == nullptr) {
+      return;
+    }
+    if (step->before) {
+      step->before();
+    }
+    done = step->kind == Step::kFail || step->kind == Step::kReturn;
+    result = step->kind == Step::kFail ? -1 : step->value;
+    if (step->kind == Step::kFail) {
+      errno = static_cast<int>(step->value);
+    } else if (step->kind == Step::kCut) {
+      limit = static_cast<std::size_t>(step->value);
+    }
+  }
+
+  bool done = false;
+  long result = 0;
+  std::size_t limit = SSIZE_MAX;
+
+ private:
+  static const Step* NextStep(std::atomic<Script*>& slot, const iovec* iov, int n) {
+    const std::lock_guard<std::mutex> lock(script_mutex);
+    Script* script = slot.load();
+    if (script == nullptr || (script->thread_ != 0 && script->thread_ != ThreadId())) {
+      return nullptr;
+    }
+    if (iov != nullptr) {
+      script->gathered_.emplace_back(iov, iov + n);
+    }
+    const std::size_t i = script->count_++;
+    return i < script->steps_.size() ? &script->steps_[i] : &script->rest_;
+  }
+};
+
+void ClearLog() {
+  const std::lock_guard<std::mutex> lock(log_mutex);
+  log_lines.clear();
+  log_level = kAll;
+}
+
+void KeepLog(int level) { log_level = level; }
+
+void LogSpoilsErrno(int value) { log_errno = value; }
+
+std::vector<LogLine> LogLines(int max_level) {
+  const std::lock_guard<std::mutex> lock(log_mutex);
+  std::vector<LogLine> lines;
+  std::copy_if(log_lines.begin(), log_lines.end(), std::back_inserter(lines),
+               [=](const LogLine& line) { return line.level <= max_level; });
+  return lines;
+}
+
+std::vector<std::string> LogTexts(int max_level) {
+  std::vector<std::string> texts;
+  for (const LogLine& line : LogLines(max_level)) {
+    texts.push_back(line.text);
+  }
+  return texts;
+}
+
+std::vector<std::string> LogFormats(int max_level) {
+  std::vector<std::string> formats;
+  for (const LogLine& line : LogLines(max_level)) {
+    formats.push_back(line.format);
+  }
+  return formats;
+}
+
+std::vector<std::string> LogTextsOf(const std::string& function, int max_level) {
+  std::vector<std::string> texts;
+  for (const LogLine& line : LogLines(max_level)) {
+    if (line.function == function) {
+      texts.push_back(line.text);
+    }
+  }
+  return texts;
+}
+
+Step Pass(std::function<void()> before) { return {Step::kPass, 0, std::move(before)}; }
+Step Fail(int error) { return {Step::kFail, error}; }
+Step Return(long value) { return {Step::kReturn, value}; }
+Step Cut(std::size_t bytes) { return {Step::kCut, static_cast<long>(bytes)}; }
+
+Script::Script(std::initializer_list<Call> calls, std::vector<Step> steps, Step rest,
+               bool this_thread_only)
+    : calls_(calls),
+      steps_(std::move(steps)),
+      rest_(std::move(rest)),
+      thread_(this_thread_only ? ThreadId() : 0) {
+  for (const Call call : calls_) {
+    scripts[static_cast<std::size_t>(call)] = this;
+  }
+}
+
+Script::~Script() {
+  const std::lock_guard<std::mutex> lock(script_mutex);
+  for (const Call call : calls_) {
+    scripts[static_cast<std::size_t>(call)] = nullptr;
+  }
+}
+
+std::size_t Script::count() const {
+  const std::lock_guard<std::mutex> lock(script_mutex);
+  return count_;
+}
+
+RunDirectory::RunDirectory() : folder_(testing::TempDir() + "jactor-XXXXXX") {
+  if (::mkdtemp(folder_.data()) == nullptr) {
+    throw fs::filesystem_error("mkdtemp", std::error_code(errno, std::system_category()));
+  }
+  directory_ = folder_ + "/run";
+  run_directory = &directory_;
+}
+
+RunDirectory::~RunDirectory() {
+  run_directory = nullptr;
+  fs::remove_all(folder_);
+}
+
+std::string RunDirectory::path(const std::string& name) const {
+  return name.empty() ? directory_ : directory_ + "/" + name;
+}
+
+UniqueEndpoint::UniqueEndpoint(const std::string& transport) {
+  static std::atomic<int> counter{0};
+  const std::string pid = std::to_string(::getpid());
+  const std::string number = std::to_string(++counter);
+  name = transport + "://test/" + pid + "/" + number;
+  fifo = std::string(kRunDirectory) + "/J" + transport + "_test_" + pid + "_" + number;
+}
+
+UniqueEndpoint::~UniqueEndpoint() { ::unlink(fifo.c_str()); }
+
+Census TakeCensus() {
+  Census census = {};
+  for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;  // the descriptor of this very listing
+    const fs::path target = fs::read_symlink(entry.path(), gone);
+    if (target.string().find("/fd") == std::string::npos) {
+      census.descriptors[std::stoi(entry.path().filename())] = target;
+    }
+  }
+  const fs::directory_iterator tasks("/proc/self/task");
+  census.threads = static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+  JCXXActorAPI* api = JCXXActorAPI::GetInstance();
+  const std::lock_guard<std::mutex> lock(api->mutex);
+  census.objects = api->socks.size() + api->actors.size() + api->frames.size() + api->msgs.size() +
+                   api->pollers.size();
+  return census;
+}
+
+std::string LeftSince(const Census& before) {
+  Census now = TakeCensus();
+  for (int wait = 0; now.threads > before.threads && wait < 1000; ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    now = TakeCensus();
+  }
+  std::string left;
+  for (const auto& [fd, target] : now.descriptors) {
+    const auto found = before.descriptors.find(fd);
+    if (found == before.descriptors.end() || found->second != target) {
+      left += "descriptor " + std::to_string(fd) + " (" + target + ") ";
+    }
+  }
+  if (now.threads > before.threads) {
+    left += std::to_string(now.threads - before.threads) + " threads ";
+  }
+  if (now.objects != before.objects) {
+    left += "registered objects: " + std::to_string(before.objects) + " before, " +
+            std::to_string(now.objects) + " now ";
+  }
+  return left;
+}
+
+void Test::SetUp() {
+  std::signal(SIGPIPE, SIG_IGN);
+  LogSpoilsErrno(0);
+  ClearLog();
+  std::thread([] {}).join();  // a sanitizer's own thread starts with the first one
+  before_ = TakeCensus();
+}
+
+void Test::TearDown() {
+  EXPECT_EQ(LeftSince(before_), "");
+  const std::lock_guard<std::mutex> lock(log_mutex);
+  EXPECT_EQ(std::exchange(log_faults, {}), std::vector<std::string>());
+}
+
+}  // namespace support
+
+using support::Call;
+using support::Interceptor;
+
+#define INTERPOSED extern "C" __attribute__((visibility("default")))
+#define REAL(name) \
+  static const auto real = reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))
+
+INTERPOSED void jlog_printf(int level, int module, const char* format, ...) {
+  const int spoiled = support::log_errno.load();
+  const support::AtWork own;
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string whole = support::Formatted(format, arguments);
+  va_end(arguments);
+  va_start(arguments, format);
+  const char* file = va_arg(arguments, const char*);
+  const int number = va_arg(arguments, int);
+  const char* function = va_arg(arguments, const char*);
+  va_end(arguments);
+  const std::string prefix =
+      std::string(file) + "." + std::to_string(number) + "." + function + ": ";
+  {
+    const std::lock_guard<std::mutex> lock(support::log_mutex);
+    if (module != support::kModule || !std::string_view(format).starts_with("%s.%d.%s: ") ||
+        !whole.ends_with('\n') || prefix.find('/') != std::string::npos) {
+      support::log_faults.push_back(whole);
+    } else if (level <= support::log_level) {
+      support::log_lines.push_back({level, format, file, function,
+                                    whole.substr(prefix.size(), whole.size() - prefix.size() - 1)});
+    }
+  }
+  if (spoiled != 0) {
+    errno = spoiled;
+  }
+}
+
+INTERPOSED ssize_t read(int fd, void* buf, size_t n) {
+  REAL(read);
+  const Interceptor to(Call::kRead);
+  return to.done ? to.result : real(fd, buf, std::min(n, to.limit));
+}
+
+INTERPOSED ssize_t write(int fd, const void* buf, size_t n) {
+  REAL(write);
+  const Interceptor to(Call::kWrite);
+  return to.done ? to.result : real(fd, buf, std::min(n, to.limit));
+}
+
+INTERPOSED ssize_t readv(int fd, const iovec* iov, int n) {
+  REAL(readv);
+  const Interceptor to(Call::kReadv);
+  return to.done ? to.result : real(fd, support::CutList(iov, n, to.limit).data(), n);
+}
+
+INTERPOSED ssize_t writev(int fd, const iovec* iov, int n) {
+  REAL(writev);
+  const Interceptor to(Call::kWritev, iov, n);
+  return to.done ? to.result : real(fd, support::CutList(iov, n, to.limit).data(), n);
+}
+
+// The third argument of the variadic calls, which is an int or a pointer.
+#define THIRD(last)                  \
+  va_list rest;                      \
+  va_start(rest, last);              \
+  void* third = va_arg(rest, void*); \
+  va_end(rest)
+
+INTERPOSED int ioctl(int fd, unsigned long request, ...) noexcept {
+  REAL(ioctl);
+  THIRD(request);
+  const Interceptor to(Call::kIoctl);
+  return to.done ? static_cast<int>(to.result) : real(fd, request, third);
+}
+
+INTERPOSED int fcntl(int fd, int command, ...) {
+  REAL(fcntl);
+  THIRD(command);
+  const Interceptor to(Call::kFcntl);
+  return to.done ? static_cast<int>(to.result) : real(fd, command, third);
+}
+
+INTERPOSED int open(const char* path, int flags, ...) {
+  REAL(open);
+  THIRD(flags);
+  const Interceptor to(Call::kOpen);
+  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str(), flags, third);
+}
+
+INTERPOSED int pipe(int* ends) noexcept {
+  REAL(pipe);
+  const Interceptor to(Call::kPipe);
+  return to.done ? static_cast<int>(to.result) : real(ends);
+}
+
+INTERPOSED int close(int fd) {
+  REAL(close);
+  const Interceptor to(Call::kClose);
+  return to.done ? static_cast<int>(to.result) : real(fd);
+}
+
+INTERPOSED int mkfifo(const char* path, mode_t mode) noexcept {
+  REAL(mkfifo);
+  const Interceptor to(Call::kMkfifo);
+  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str(), mode);
+}
+
+INTERPOSED int mkdir(const char* path, mode_t mode) noexcept {
+  REAL(mkdir);
+  const Interceptor to(Call::kMkdir);
+  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str(), mode);
+}
+
+INTERPOSED int stat(const char* path, struct stat* status) noexcept {
+  REAL(stat);
+  const Interceptor to(Call::kStat);
+  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str(), status);
+}
+
+INTERPOSED int fstat(int fd, struct stat* status) noexcept {
+  REAL(fstat);
+  const Interceptor to(Call::kFstat);
+  return to.done ? static_cast<int>(to.result) : real(fd, status);
+}
+
+INTERPOSED int remove(const char* path) noexcept {
+  REAL(remove);
+  const Interceptor to(Call::kRemove);
+  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str());
+}
+
+INTERPOSED int fchmodat(int fd, const char* path, mode_t mode, int flags) noexcept {
+  REAL(fchmodat);
+  return real(fd, support::Place(path).c_str(), mode, flags);
+}
+
+INTERPOSED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*body)(void*), void* argument) noexcept {
+  REAL(pthread_create);
+  const Interceptor to(Call::kPthreadCreate);
+  return to.done ? errno : real(thread, attributes, body, argument);
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return Interceptor(Call::kNew).done ? nullptr : std::malloc(size);
+}
+void* operator new(std::size_t size) {
+  if (void* memory = operator new(size, std::nothrow)) {
+    return memory;
+  }
+  throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
