@@ -153,26 +153,10 @@ std::vector<LogLine> LogLines(int max_level) {
   return lines;
 }
 
-std::vector<std::string> LogTexts(int max_level) {
+std::vector<std::string> LogTexts(int max_level, const std::string& function) {
   std::vector<std::string> texts;
   for (const LogLine& line : LogLines(max_level)) {
-    texts.push_back(line.text);
-  }
-  return texts;
-}
-
-std::vector<std::string> LogFormats(int max_level) {
-  std::vector<std::string> formats;
-  for (const LogLine& line : LogLines(max_level)) {
-    formats.push_back(line.format);
-  }
-  return formats;
-}
-
-std::vector<std::string> LogTextsOf(const std::string& function, int max_level) {
-  std::vector<std::string> texts;
-  for (const LogLine& line : LogLines(max_level)) {
-    if (line.function == function) {
+    if (function.empty() || line.function == function) {
       texts.push_back(line.text);
     }
   }
@@ -205,6 +189,18 @@ Script::~Script() {
 std::size_t Script::count() const {
   const std::lock_guard<std::mutex> lock(script_mutex);
   return count_;
+}
+
+std::string Bytes(const std::string& hex) {
+  std::string bytes;
+  std::string digits;
+  for (const char digit : hex) {
+    digits += digit == ' ' ? "" : std::string(1, digit);
+    if (digits.size() == 2) {
+      bytes += static_cast<char>(std::stoi(std::exchange(digits, ""), nullptr, 16));
+    }
+  }
+  return bytes;
 }
 
 RunDirectory::RunDirectory() : folder_(testing::TempDir() + "jactor-XXXXXX") {
@@ -289,21 +285,46 @@ void Test::TearDown() {
   EXPECT_EQ(std::exchange(log_faults, {}), std::vector<std::string>());
 }
 
+void PairTest::SetUp() {
+  Test::SetUp();
+  const auto [first, second] = SockFromPipes::MakeSockPairFromPipes();
+  a.reset(first);
+  b.reset(second);
+}
+
+void PairTest::TearDown() {
+  a.reset();
+  b.reset();
+  Test::TearDown();
+}
+
+void PairTest::Feed(const std::string& bytes) {
+  int fd = -1;
+  ASSERT_EQ(a->GetWriteFD(fd), 0);
+  ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+}
+
+std::string PairTest::Drain() {
+  std::size_t waiting = 0;
+  EXPECT_EQ(b->AvailableToRead(waiting), 0);
+  std::string bytes(b->BufferedToRead() + waiting, '\0');
+  EXPECT_EQ(b->ReadBlocking(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), waiting),
+            0);
+  return bytes;
+}
+
 }  // namespace support
 
-using support::Call;
-using support::Interceptor;
+using namespace support;
 
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
-#define REAL(name) \
-  static const auto real = reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))
 
 INTERPOSED void jlog_printf(int level, int module, const char* format, ...) {
-  const int spoiled = support::log_errno.load();
-  const support::AtWork own;
+  const int spoiled = log_errno.load();
+  const AtWork own;
   va_list arguments;
   va_start(arguments, format);
-  const std::string whole = support::Formatted(format, arguments);
+  const std::string whole = Formatted(format, arguments);
   va_end(arguments);
   va_start(arguments, format);
   const char* file = va_arg(arguments, const char*);
@@ -313,13 +334,13 @@ INTERPOSED void jlog_printf(int level, int module, const char* format, ...) {
   const std::string prefix =
       std::string(file) + "." + std::to_string(number) + "." + function + ": ";
   {
-    const std::lock_guard<std::mutex> lock(support::log_mutex);
-    if (module != support::kModule || !std::string_view(format).starts_with("%s.%d.%s: ") ||
+    const std::lock_guard<std::mutex> lock(log_mutex);
+    if (module != kModule || !std::string_view(format).starts_with("%s.%d.%s: ") ||
         !whole.ends_with('\n') || prefix.find('/') != std::string::npos) {
-      support::log_faults.push_back(whole);
-    } else if (level <= support::log_level) {
-      support::log_lines.push_back({level, format, file, function,
-                                    whole.substr(prefix.size(), whole.size() - prefix.size() - 1)});
+      log_faults.push_back(whole);
+    } else if (level <= log_level) {
+      log_lines.push_back({level, format, file, function,
+                           whole.substr(prefix.size(), whole.size() - prefix.size() - 1)});
     }
   }
   if (spoiled != 0) {
@@ -327,108 +348,58 @@ INTERPOSED void jlog_printf(int level, int module, const char* format, ...) {
   }
 }
 
-INTERPOSED ssize_t read(int fd, void* buf, size_t n) {
-  REAL(read);
-  const Interceptor to(Call::kRead);
-  return to.done ? to.result : real(fd, buf, std::min(n, to.limit));
-}
+// A libc call in front of the real one, which is called with the last arguments
+// unless a script answers.
+#define INTERPOSE(type, name, parameters, suffix, interceptor, ...)                          \
+  INTERPOSED type name parameters suffix {                                                   \
+    static const auto real = reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name)); \
+    const Interceptor to interceptor;                                                        \
+    return to.done ? static_cast<type>(to.result) : real(__VA_ARGS__);                       \
+  }
 
-INTERPOSED ssize_t write(int fd, const void* buf, size_t n) {
-  REAL(write);
-  const Interceptor to(Call::kWrite);
-  return to.done ? to.result : real(fd, buf, std::min(n, to.limit));
-}
+// The third argument of a variadic call: an int, a pointer, or missing.
+#define THIRD(last)                    \
+  __extension__({                      \
+    va_list rest;                      \
+    va_start(rest, last);              \
+    void* third = va_arg(rest, void*); \
+    va_end(rest);                      \
+    third;                             \
+  })
 
-INTERPOSED ssize_t readv(int fd, const iovec* iov, int n) {
-  REAL(readv);
-  const Interceptor to(Call::kReadv);
-  return to.done ? to.result : real(fd, support::CutList(iov, n, to.limit).data(), n);
-}
+// clang-format off
+INTERPOSE(ssize_t, read, (int fd, void* buf, size_t n), , (Call::kRead),
+          fd, buf, std::min(n, to.limit))
+INTERPOSE(ssize_t, write, (int fd, const void* buf, size_t n), , (Call::kWrite),
+          fd, buf, std::min(n, to.limit))
+INTERPOSE(ssize_t, readv, (int fd, const iovec* iov, int n), , (Call::kReadv),
+          fd, CutList(iov, n, to.limit).data(), n)
+INTERPOSE(ssize_t, writev, (int fd, const iovec* iov, int n), , (Call::kWritev, iov, n),
+          fd, CutList(iov, n, to.limit).data(), n)
+INTERPOSE(int, ioctl, (int fd, unsigned long request, ...), noexcept, (Call::kIoctl),
+          fd, request, THIRD(request))
+INTERPOSE(int, fcntl, (int fd, int command, ...), , (Call::kFcntl), fd, command, THIRD(command))
+INTERPOSE(int, pipe, (int* ends), noexcept, (Call::kPipe), ends)
+INTERPOSE(int, close, (int fd), , (Call::kClose), fd)
+INTERPOSE(int, open, (const char* path, int flags, ...), , (Call::kOpen),
+          Place(path).c_str(), flags, THIRD(flags))
+INTERPOSE(int, mkfifo, (const char* path, mode_t mode), noexcept, (Call::kMkfifo),
+          Place(path).c_str(), mode)
+INTERPOSE(int, mkdir, (const char* path, mode_t mode), noexcept, (Call::kMkdir),
+          Place(path).c_str(), mode)
+INTERPOSE(int, stat, (const char* path, struct stat* status), noexcept, (Call::kStat),
+          Place(path).c_str(), status)
+INTERPOSE(int, fstat, (int fd, struct stat* status), noexcept, (Call::kFstat), fd, status)
+INTERPOSE(int, remove, (const char* path), noexcept, (Call::kRemove), Place(path).c_str())
+INTERPOSE(int, fchmodat, (int fd, const char* path, mode_t mode, int flags), noexcept,
+          (Call::kFchmodat), fd, Place(path).c_str(), mode, flags)
+// clang-format on
 
-INTERPOSED ssize_t writev(int fd, const iovec* iov, int n) {
-  REAL(writev);
-  const Interceptor to(Call::kWritev, iov, n);
-  return to.done ? to.result : real(fd, support::CutList(iov, n, to.limit).data(), n);
-}
-
-// The third argument of the variadic calls, which is an int or a pointer.
-#define THIRD(last)                  \
-  va_list rest;                      \
-  va_start(rest, last);              \
-  void* third = va_arg(rest, void*); \
-  va_end(rest)
-
-INTERPOSED int ioctl(int fd, unsigned long request, ...) noexcept {
-  REAL(ioctl);
-  THIRD(request);
-  const Interceptor to(Call::kIoctl);
-  return to.done ? static_cast<int>(to.result) : real(fd, request, third);
-}
-
-INTERPOSED int fcntl(int fd, int command, ...) {
-  REAL(fcntl);
-  THIRD(command);
-  const Interceptor to(Call::kFcntl);
-  return to.done ? static_cast<int>(to.result) : real(fd, command, third);
-}
-
-INTERPOSED int open(const char* path, int flags, ...) {
-  REAL(open);
-  THIRD(flags);
-  const Interceptor to(Call::kOpen);
-  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str(), flags, third);
-}
-
-INTERPOSED int pipe(int* ends) noexcept {
-  REAL(pipe);
-  const Interceptor to(Call::kPipe);
-  return to.done ? static_cast<int>(to.result) : real(ends);
-}
-
-INTERPOSED int close(int fd) {
-  REAL(close);
-  const Interceptor to(Call::kClose);
-  return to.done ? static_cast<int>(to.result) : real(fd);
-}
-
-INTERPOSED int mkfifo(const char* path, mode_t mode) noexcept {
-  REAL(mkfifo);
-  const Interceptor to(Call::kMkfifo);
-  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str(), mode);
-}
-
-INTERPOSED int mkdir(const char* path, mode_t mode) noexcept {
-  REAL(mkdir);
-  const Interceptor to(Call::kMkdir);
-  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str(), mode);
-}
-
-INTERPOSED int stat(const char* path, struct stat* status) noexcept {
-  REAL(stat);
-  const Interceptor to(Call::kStat);
-  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str(), status);
-}
-
-INTERPOSED int fstat(int fd, struct stat* status) noexcept {
-  REAL(fstat);
-  const Interceptor to(Call::kFstat);
-  return to.done ? static_cast<int>(to.result) : real(fd, status);
-}
-
-INTERPOSED int remove(const char* path) noexcept {
-  REAL(remove);
-  const Interceptor to(Call::kRemove);
-  return to.done ? static_cast<int>(to.result) : real(support::Place(path).c_str());
-}
-
-INTERPOSED int fchmodat(int fd, const char* path, mode_t mode, int flags) noexcept {
-  REAL(fchmodat);
-  return real(fd, support::Place(path).c_str(), mode, flags);
-}
-
+// Answers with the error itself.
 INTERPOSED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*body)(void*), void* argument) noexcept {
-  REAL(pthread_create);
+  static const auto real =
+      reinterpret_cast<decltype(&::pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
   const Interceptor to(Call::kPthreadCreate);
   return to.done ? errno : real(thread, attributes, body, argument);
 }

@@ -16,8 +16,11 @@
 #include <functional>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "jcxxsock.h"
 
 namespace support {
 
@@ -34,12 +37,11 @@ struct LogLine {
   std::string text;  // formatted, without the prefix and the newline
 };
 
-// The lines logged since ClearLog, in order. Any thread may log.
+// The lines logged since ClearLog, in order; the texts of all functions or of one.
+// Any thread may log.
 void ClearLog();
 std::vector<LogLine> LogLines(int max_level = kErrors);
-std::vector<std::string> LogTexts(int max_level = kErrors);
-std::vector<std::string> LogFormats(int max_level = kErrors);
-std::vector<std::string> LogTextsOf(const std::string& function, int max_level = kAll);
+std::vector<std::string> LogTexts(int max_level = kErrors, const std::string& function = "");
 
 // Lines above `level` are dropped from now on; ClearLog keeps all again.
 void KeepLog(int level);
@@ -63,6 +65,7 @@ enum class Call {
   kStat,
   kFstat,
   kRemove,
+  kFchmodat,
   kClose,
   kPthreadCreate,
   kNew,  // every operator new
@@ -162,6 +165,26 @@ class Test : public testing::Test {
  private:
   Census before_;
 };
+
+// Two connected socks: what `a` writes, `b` reads. Made and destroyed by the
+// fixture.
+class PairTest : public Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Puts bytes on the way from `a` to `b`, without the library.
+  void Feed(const std::string& bytes);
+
+  // Takes all that is on that way, the read-ahead buffer of `b` first.
+  std::string Drain();
+
+  std::unique_ptr<JCXXSock> a;
+  std::unique_ptr<JCXXSock> b;
+};
+
+// The bytes written as hexadecimal digits; blanks are skipped.
+std::string Bytes(const std::string& hex);
 
 }  // namespace support
 
