@@ -1,0 +1,136 @@
+// jactor_system.cpp - this library, through its C interface alone.
+#include <unistd.h>
+
+#include "bench.h"
+#include "jactor.h"
+
+namespace bench {
+
+namespace {
+
+JCXXMsg* Build(const Payload& payload) {
+  JCXXMsg* msg = j_msg_new();
+  for (std::size_t i = 0; i < payload.frames(); ++i) {
+    const Bytes frame = payload.frame(i);
+    Must(j_msg_addmem(msg, frame.data(), frame.size()) == 0, "j_msg_addmem");
+  }
+  return msg;
+}
+
+Stamp TakeApart(JCXXMsg* msg, Checker& checker) {
+  for (std::size_t i = 0; i < checker.shape().frames; ++i) {
+    JCXXFrame* frame = j_msg_pop(msg);
+    checker.Frame({j_frame_data(frame), j_frame_size(frame)});
+    j_frame_destroy(&frame);
+  }
+  j_msg_destroy(&msg);
+  return checker.EndMessage();
+}
+
+// `handle` is a sock or an actor.
+class JactorEnd : public End {
+ public:
+  explicit JactorEnd(void* handle) : handle_(handle) {}
+
+  void Send(const Payload& payload) override {
+    JCXXMsg* msg = Build(payload);
+    Must(j_msg_send(&msg, handle_) == 0, "j_msg_send");
+  }
+
+  Stamp Receive(Checker& checker) override {
+    JCXXMsg* msg = j_msg_recv(handle_);
+    Must(msg != nullptr, "j_msg_recv");
+    return TakeApart(msg, checker);
+  }
+
+  bool Echo(Shape /*shape*/) override {
+    JCXXMsg* msg = j_msg_recv(handle_);
+    if (msg == nullptr) {
+      return false;
+    }
+    Must(j_msg_send(&msg, handle_) == 0, "j_msg_send");
+    return true;
+  }
+
+ private:
+  void* handle_;
+};
+
+class JactorActor : public Actor {
+ public:
+  explicit JactorActor(const ActorFunction& function)
+      : actor_(j_actor_new(Run, const_cast<ActorFunction*>(&function))), end_(actor_) {
+    Must(actor_ != nullptr, "j_actor_new");
+  }
+  ~JactorActor() override { j_actor_destroy(&actor_); }
+
+  End& end() override { return end_; }
+
+ private:
+  static void Run(j_sock_t* sock, void* args) {
+    j_sock_signal(sock, 0);
+    JactorEnd end(sock);
+    (*static_cast<const ActorFunction*>(args))(end);
+  }
+
+  JCXXActor* actor_;
+  JactorEnd end_;
+};
+
+// Owns a sock of a named endpoint.
+class EndpointEnd : public JactorEnd {
+ public:
+  explicit EndpointEnd(JCXXSock* sock) : JactorEnd(sock), sock_(sock) {
+    Must(sock != nullptr, "j_pipe_new_pull or j_pipe_new_push");
+  }
+  ~EndpointEnd() override { j_sock_destroy(&sock_); }
+
+ private:
+  JCXXSock* sock_;
+};
+
+class Jactor : public System {
+ public:
+  bool Supports(Shape /*shape*/) const override { return true; }
+
+  std::unique_ptr<Actor> Start(const ActorFunction& function, Shape /*shape*/) override {
+    return std::make_unique<JactorActor>(function);
+  }
+
+  // Makes the FIFOs too: the processes' first openings would race for that.
+  void Prepare(unsigned connections) override {
+    for (unsigned i = 0; i < connections; ++i) {
+      names_.push_back("jactor_bench." + std::to_string(::getpid()) + "." + std::to_string(i));
+      Pull(i, {1, 8});
+    }
+  }
+
+  std::unique_ptr<End> Pull(unsigned connection, Shape /*shape*/) override {
+    const std::string endpoint = "@ipc://" + names_.at(connection);
+    return std::make_unique<EndpointEnd>(j_pipe_new_pull(endpoint.c_str()));
+  }
+
+  std::unique_ptr<End> Push(unsigned connection, Shape /*shape*/) override {
+    const std::string endpoint = ">ipc://" + names_.at(connection);
+    return std::make_unique<EndpointEnd>(j_pipe_new_push(endpoint.c_str()));
+  }
+
+  void CleanUp() override {
+    for (const std::string& name : names_) {
+      ::unlink(("/var/run/jactor/Jipc_" + name).c_str());
+    }
+  }
+
+  void BuildAndTakeApart(const Payload& payload, Checker& checker) override {
+    TakeApart(Build(payload), checker);
+  }
+
+ private:
+  std::vector<std::string> names_;
+};
+
+}  // namespace
+
+std::unique_ptr<System> MakeJactor() { return std::make_unique<Jactor>(); }
+
+}  // namespace bench
