@@ -41,33 +41,35 @@ void WriteLine(const char* line, std::size_t length) {
   }
 }
 
+// Apart from jlog_printf, so that a rejected line pays for none of it.
+[[gnu::noinline]] void WriteFormatted(const char* format, va_list arguments) {
+  char usual[kUsualLine];
+  va_list again;
+  va_copy(again, arguments);
+  const int needed = std::vsnprintf(usual, sizeof usual, format, arguments);
+  const auto length = static_cast<std::size_t>(needed);
+  if (needed >= 0 && length < sizeof usual) {
+    WriteLine(usual, length);
+  } else if (needed >= 0) {
+    const std::unique_ptr<char[]> longer(new (std::nothrow) char[length + 1]);
+    if (longer != nullptr) {
+      std::vsnprintf(longer.get(), length + 1, format, again);
+      WriteLine(longer.get(), length);
+    }
+  }
+  va_end(again);
+}
+
 }  // namespace
 
 void jlog_printf(int level, int /*module*/, const char* format, ...) {
   if (level > threshold.load(std::memory_order_relaxed)) {
     return;
   }
-  char usual[kUsualLine];
   va_list arguments;
   va_start(arguments, format);
-  const int needed = std::vsnprintf(usual, sizeof usual, format, arguments);
+  WriteFormatted(format, arguments);
   va_end(arguments);
-  if (needed < 0) {
-    return;
-  }
-  const auto length = static_cast<std::size_t>(needed);
-  if (length < sizeof usual) {
-    WriteLine(usual, length);
-    return;
-  }
-  const std::unique_ptr<char[]> longer(new (std::nothrow) char[length + 1]);
-  if (longer == nullptr) {
-    return;
-  }
-  va_start(arguments, format);
-  std::vsnprintf(longer.get(), length + 1, format, arguments);
-  va_end(arguments);
-  WriteLine(longer.get(), length);
 }
 
 void jlog_set_level(int level) { threshold.store(level, std::memory_order_relaxed); }

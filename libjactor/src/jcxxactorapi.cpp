@@ -6,7 +6,9 @@
 #include "jcxxactorapi.h"
 
 #include <czmq.h>
+#include <pthread.h>
 
+#include <atomic>
 #include <memory>
 #include <type_traits>
 
@@ -15,8 +17,30 @@
 #include "jcxxmsg.h"
 #include "jcxxsock.h"
 #include "log.h"
+#include "registry.h"
 
 namespace {
+
+// What the registry keeps beside the set of one family.
+template <class Object>
+struct Beside {
+  Changes changes;
+  SpareNodes<Object> spares;
+};
+
+// The process-wide instance. Only its registry is remembered by threads and keeps
+// spare nodes: another object of the class has nothing but its sets.
+struct Instance final : JCXXActorAPI {
+  Instance();
+  ~Instance();
+
+  Beside<JCXXSock> beside_socks;
+  Beside<JCXXActor> beside_actors;
+  Beside<JCXXFrame> beside_frames;
+  Beside<JCXXMsg> beside_msgs;
+};
+
+std::atomic<Instance*> the_instance{nullptr};
 
 // Set, with the mutex held, when the instance has been destroyed at exit. Threads
 // that still run and objects that are destroyed later find the registry empty:
@@ -25,10 +49,11 @@ namespace {
 bool destroyed = false;
 static_assert(std::is_trivially_destructible_v<std::mutex>);
 
-// One family of the registry: its set, and its log lines.
+// One family of the registry: its set, what is beside it, and its log lines.
 template <class Object>
 struct Family {
   std::unordered_set<Object*> JCXXActorAPI::*set;
+  Beside<Object> Instance::*beside;
   const char* null_on_valid;
   const char* null_on_add;
   const char* duplicate;
@@ -36,13 +61,14 @@ struct Family {
   const char* missing;
 };
 
-#define JACTOR_FAMILY(Class, set)                                                   \
-  Family<Class> {                                                                   \
-    &JCXXActorAPI::set, JACTOR_LINE("NULL " #Class " pointer passed to interface"), \
-        JACTOR_LINE("NULL " #Class " pointer passed to add"),                       \
-        JACTOR_LINE(#Class " pointer already exists"),                              \
-        JACTOR_LINE("NULL " #Class " pointer passed to remove"),                    \
-        JACTOR_LINE(#Class " pointer does not exist")                               \
+#define JACTOR_FAMILY(Class, set)                                   \
+  Family<Class> {                                                   \
+    &JCXXActorAPI::set, &Instance::beside_##set,                    \
+        JACTOR_LINE("NULL " #Class " pointer passed to interface"), \
+        JACTOR_LINE("NULL " #Class " pointer passed to add"),       \
+        JACTOR_LINE(#Class " pointer already exists"),              \
+        JACTOR_LINE("NULL " #Class " pointer passed to remove"),    \
+        JACTOR_LINE(#Class " pointer does not exist")               \
   }
 
 constexpr auto kSocks = JACTOR_FAMILY(JCXXSock, socks);
@@ -54,14 +80,37 @@ void LogPointer(const char* function, const char* format) {
   JACTOR_LOG_FORMAT(JACTOR_LEVEL_ERROR, function, format);
 }
 
+// What is beside the set of `family` in `api`; null unless it is the instance.
+template <class Object>
+Beside<Object>* BesideOf(JCXXActorAPI& api, const Family<Object>& family) {
+  Instance* instance = the_instance.load(std::memory_order_relaxed);
+  return &api == instance ? &(instance->*family.beside) : nullptr;
+}
+
+// Kept out of line, so that a known handle costs no more than looking it up.
+template <class Object>
+[[gnu::noinline]] bool AskSet(JCXXActorAPI& api, const Family<Object>& family, Object* p) {
+  const Beside<Object>* beside = BesideOf(api, family);
+  const std::lock_guard<std::mutex> lock(api.mutex);
+  const bool valid = !destroyed && (api.*family.set).count(p) != 0;
+  if (beside != nullptr) {
+    KnownHandles<Object>::Remember(beside->changes, p, valid);
+  }
+  return valid;
+}
+
 template <class Object>
 bool IsValid(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
   if (p == nullptr) {
     LogPointer(function, family.null_on_valid);
     return false;
   }
-  const std::lock_guard<std::mutex> lock(api.mutex);
-  return !destroyed && (api.*family.set).count(p) != 0;
+  if (const Beside<Object>* beside = BesideOf(api, family); beside != nullptr) {
+    if (const auto known = KnownHandles<Object>::Recall(beside->changes, p)) {
+      return *known;
+    }
+  }
+  return AskSet(api, family, p);
 }
 
 template <class Object>
@@ -70,9 +119,18 @@ void Add(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char*
     LogPointer(function, family.null_on_add);
     return;
   }
+  Beside<Object>* beside = BesideOf(api, family);
+  auto& set = api.*family.set;
   const std::lock_guard<std::mutex> lock(api.mutex);
-  if (!destroyed && !(api.*family.set).insert(p).second) {
+  if (destroyed) {
+    return;
+  }
+  const bool added = beside != nullptr ? beside->spares.Insert(set, p) : set.insert(p).second;
+  if (!added) {
     LogPointer(function, family.duplicate);
+  } else if (beside != nullptr) {
+    beside->changes.CountAdded(p);
+    KnownHandles<Object>::Remember(beside->changes, p, true);
   }
 }
 
@@ -82,10 +140,55 @@ void Remove(JCXXActorAPI& api, const Family<Object>& family, Object* p, const ch
     LogPointer(function, family.null_on_remove);
     return;
   }
+  Beside<Object>* beside = BesideOf(api, family);
+  auto& set = api.*family.set;
   const std::lock_guard<std::mutex> lock(api.mutex);
-  if (!destroyed && (api.*family.set).erase(p) == 0) {
-    LogPointer(function, family.missing);
+  if (destroyed) {
+    return;
   }
+  const bool removed = beside != nullptr ? beside->spares.Erase(set, p) : set.erase(p) != 0;
+  if (!removed) {
+    LogPointer(function, family.missing);
+  } else if (beside != nullptr) {
+    beside->changes.CountRemoved(p);
+  }
+}
+
+// Makes a contended lock spin for a moment before it sleeps: the mutex is held for
+// well under a microsecond, and putting a thread to sleep takes longer.
+void SpinBeforeSleeping(std::mutex& mutex) {
+#ifdef __GLIBC__
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ADAPTIVE_NP);
+  pthread_mutex_destroy(mutex.native_handle());
+  pthread_mutex_init(mutex.native_handle(), &attributes);
+  pthread_mutexattr_destroy(&attributes);
+#else
+  static_cast<void>(mutex);
+#endif
+}
+
+Instance::Instance() {
+  SpinBeforeSleeping(mutex);
+  constexpr std::size_t kUsualObjects = 1024;
+  frames.reserve(kUsualObjects);
+  msgs.reserve(kUsualObjects);
+  the_instance.store(this, std::memory_order_release);
+}
+
+[[gnu::noinline]] Instance* MakeInstance() {
+  static Instance instance;
+  return &instance;
+}
+
+Instance::~Instance() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  beside_socks.changes.CountAllRemoved();
+  beside_actors.changes.CountAllRemoved();
+  beside_frames.changes.CountAllRemoved();
+  beside_msgs.changes.CountAllRemoved();
+  destroyed = true;
 }
 
 // The tests of an exported call's arguments. The last arguments are the call's
@@ -131,8 +234,8 @@ int hybrid_internal_handler(zloop_t* loop, zmq_pollitem_t* item, void* arg) {
 }  // namespace
 
 JCXXActorAPI* JCXXActorAPI::GetInstance() {
-  static JCXXActorAPI instance;
-  return &instance;
+  Instance* made = the_instance.load(std::memory_order_acquire);
+  return made != nullptr ? made : MakeInstance();
 }
 
 JCXXActorAPI::JCXXActorAPI() = default;
@@ -153,7 +256,6 @@ JCXXActorAPI::~JCXXActorAPI() {
   frames.clear();
   actors.clear();
   socks.clear();
-  destroyed = true;
 }
 
 bool JCXXActorAPI::JCXXSockPtrIsValid(JCXXSock* p) { return IsValid(*this, kSocks, p, __func__); }
