@@ -18,7 +18,7 @@ extern "C" {
 /* Writes the formatted text to standard error with one write. `format` brings
  * its own newline; `module` says who logs and is not shown. A line that cannot
  * be formatted or written is dropped. errno may change. */
-JLOG_API void jlog_printf(int level, int module, const char *format, ...)
+JLOG_API void jlog_printf(int level, int module, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 /* Sets the threshold: lines above `level` are dropped from now on. */

@@ -62,10 +62,10 @@ typedef struct _zloop_t zloop_t;
 
 /* An actor function: `sock` is the actor's end of the pipe pair, borrowed from
  * the actor; `args` is what the creator passed, unchanged. */
-typedef void (*j_actor_fn)(j_sock_t *sock, void *args);
+typedef void (*j_actor_fn)(j_sock_t* sock, void* args);
 
 /* An event-loop handler: 0 to go on, -1 to end the loop. */
-typedef int (*j_zloop_fn)(zloop_t *loop, j_sock_t *sock, void *arg);
+typedef int (*j_zloop_fn)(zloop_t* loop, j_sock_t* sock, void* arg);
 
 /*
  * Messages
@@ -80,12 +80,12 @@ typedef int (*j_zloop_fn)(zloop_t *loop, j_sock_t *sock, void *arg);
 /* Makes an empty data message.
  * Result:    the message, registered; null when memory has run out.
  * Ownership: the caller's, until it is sent or destroyed. */
-JACTOR_API JCXXMsg *j_msg_new(void);
+JACTOR_API JCXXMsg* j_msg_new(void);
 
 /* Destroys the message `*p` and its frames, and sets `*p` to null, also when
  * `*p` was not a live message (then nothing is freed and an error is logged).
  * A null `p` or `*p` does nothing. */
-JACTOR_API void j_msg_destroy(JCXXMsg **p);
+JACTOR_API void j_msg_destroy(JCXXMsg** p);
 
 /* Appends a frame holding the bytes of the string `s`, without its terminating
  * zero; the empty string gives a frame of 0 bytes.
@@ -93,7 +93,7 @@ JACTOR_API void j_msg_destroy(JCXXMsg **p);
  *            JACTOR_MAX_SIZE bytes, `msg` is a signal, or memory has run out.
  *            The message is unchanged then.
  * Ownership: `s` is copied. */
-JACTOR_API int j_msg_addstr(JCXXMsg *msg, const char *s);
+JACTOR_API int j_msg_addstr(JCXXMsg* msg, const char* s);
 
 /* Appends a frame holding `size` bytes from `data`. `data` must not be null,
  * also when `size` is 0.
@@ -101,12 +101,12 @@ JACTOR_API int j_msg_addstr(JCXXMsg *msg, const char *s);
  *            JACTOR_MAX_SIZE, `msg` is a signal, or memory has run out. The
  *            message is unchanged then.
  * Ownership: the bytes are copied. */
-JACTOR_API int j_msg_addmem(JCXXMsg *msg, const void *data, size_t size);
+JACTOR_API int j_msg_addmem(JCXXMsg* msg, const void* data, size_t size);
 
 /* Takes the first frame out of the message.
  * Result:    the frame; null when the message holds none or is not live.
  * Ownership: the frame becomes the caller's: j_frame_destroy. */
-JACTOR_API JCXXFrame *j_msg_pop(JCXXMsg *msg);
+JACTOR_API JCXXFrame* j_msg_pop(JCXXMsg* msg);
 
 /* Takes the first frame out of the message and returns its bytes as a string:
  * the frame's bytes and a zero byte after them. Zero bytes inside the frame are
@@ -114,12 +114,12 @@ JACTOR_API JCXXFrame *j_msg_pop(JCXXMsg *msg);
  * Result:    the string; null when the message holds no frame, is not live, or
  *            memory has run out.
  * Ownership: the string is the caller's: free(). The frame is destroyed. */
-JACTOR_API char *j_msg_popstr(JCXXMsg *msg);
+JACTOR_API char* j_msg_popstr(JCXXMsg* msg);
 
 /* Tells the value of a signal.
  * Result:    0 to 255 for a signal message; -1 for a data message or a message
  *            that is not live. */
-JACTOR_API int j_msg_signal(JCXXMsg *msg);
+JACTOR_API int j_msg_signal(JCXXMsg* msg);
 
 /*
  * Frames: only j_msg_pop makes one.
@@ -128,16 +128,16 @@ JACTOR_API int j_msg_signal(JCXXMsg *msg);
 /* Destroys the frame `*p` and sets `*p` to null, also when `*p` was not a live
  * frame (then nothing is freed and an error is logged). A null `p` or `*p` does
  * nothing. */
-JACTOR_API void j_frame_destroy(JCXXFrame **p);
+JACTOR_API void j_frame_destroy(JCXXFrame** p);
 
 /* Tells where the frame's bytes are.
  * Result:    the first byte; null for a frame of 0 bytes or one not live.
  * Ownership: the frame's; good until the frame is destroyed. The bytes may be
  *            changed in place. */
-JACTOR_API unsigned char *j_frame_data(JCXXFrame *frame);
+JACTOR_API unsigned char* j_frame_data(JCXXFrame* frame);
 
 /* Tells the frame's length in bytes; 0 when the frame is not live. */
-JACTOR_API size_t j_frame_size(JCXXFrame *frame);
+JACTOR_API size_t j_frame_size(JCXXFrame* frame);
 
 /*
  * Actors
@@ -168,7 +168,7 @@ JACTOR_API size_t j_frame_size(JCXXFrame *frame);
  *            had, or the wait failed. Nothing is left behind then.
  * Ownership: the actor is the caller's: j_actor_destroy. `args` stays the
  *            caller's and must outlive the actor function. */
-JACTOR_API JCXXActor *j_actor_new(j_actor_fn fn, void *args);
+JACTOR_API JCXXActor* j_actor_new(j_actor_fn fn, void* args);
 
 /* Asks the actor to stop, waits until its function has returned, destroys it
  * and sets `*p` to null, also when `*p` was not a live actor (then an error is
@@ -179,12 +179,12 @@ JACTOR_API JCXXActor *j_actor_new(j_actor_fn fn, void *args);
  *
  * Blocks until the function returns, without a time-out.
  * Threads:   not from the actor's own function. */
-JACTOR_API void j_actor_destroy(JCXXActor **p);
+JACTOR_API void j_actor_destroy(JCXXActor** p);
 
 /* Lends the caller's end of the actor's pipe pair.
  * Result:    the sock; null when the actor is not live.
  * Ownership: the actor's. Never pass it to j_sock_destroy. */
-JACTOR_API JCXXSock *j_actor_sock(JCXXActor *actor);
+JACTOR_API JCXXSock* j_actor_sock(JCXXActor* actor);
 
 /*
  * Sending, receiving, signalling. `dest`, `source` and `self` are a sock or an
@@ -200,7 +200,7 @@ JACTOR_API JCXXSock *j_actor_sock(JCXXActor *actor);
  *            large, or the write failed. After a failed write a part of the
  *            message may be on the stream, which is of no further use then.
  * Ownership: the message is gone on success and stays the caller's otherwise. */
-JACTOR_API int j_msg_send(JCXXMsg **p, void *dest);
+JACTOR_API int j_msg_send(JCXXMsg** p, void* dest);
 
 /* Receives the next message or signal.
  *
@@ -210,16 +210,16 @@ JACTOR_API int j_msg_send(JCXXMsg **p, void *dest);
  *            null at the end of the stream, when `source` is bad, the read
  *            failed, the bytes are not a message, or memory has run out.
  * Ownership: the message is the caller's: j_msg_destroy. */
-JACTOR_API JCXXMsg *j_msg_recv(void *source);
+JACTOR_API JCXXMsg* j_msg_recv(void* source);
 
 /* Sends a signal: one value of 0 to 255.
  * Result:    0; non-zero when `self` is bad or the write failed. */
-JACTOR_API int j_sock_signal(void *self, unsigned char value);
+JACTOR_API int j_sock_signal(void* self, unsigned char value);
 
 /* Destroys a sock made by j_pipe_new_pull or j_pipe_new_push and sets `*p` to
  * null, also when `*p` was not a live sock (then an error is logged). A null `p`
  * or `*p` does nothing. Never for the ends of an actor's pipe pair. */
-JACTOR_API void j_sock_destroy(JCXXSock **p);
+JACTOR_API void j_sock_destroy(JCXXSock** p);
 
 /*
  * Waiting with a time limit: poll() j_sock_fd only while j_sock_buffered is 0.
@@ -231,12 +231,12 @@ JACTOR_API void j_sock_destroy(JCXXSock **p);
  * Result:    the descriptor; -1 when there is none or the handle is bad.
  * Ownership: the sock's. Reading it, writing it or closing it directly breaks
  *            the stream. */
-JACTOR_API int j_sock_fd(void *self);
+JACTOR_API int j_sock_fd(void* self);
 
 /* Tells how many bytes the sock (or actor) has taken from its descriptor and
  * not yet handed out. poll() does not see these bytes.
  * Result:    the count; 0 also when the handle is bad. */
-JACTOR_API size_t j_sock_buffered(void *self);
+JACTOR_API size_t j_sock_buffered(void* self);
 
 /*
  * Named endpoints: "ipc://sensors/temp" or "inproc://jobs", with an optional
@@ -263,8 +263,8 @@ JACTOR_API size_t j_sock_buffered(void *self);
  *            openings meet, one may fail; calling again succeeds.
  * Ownership: the sock is the caller's: j_sock_destroy.
  * Threads:   the process's umask is 0 for the moment in which a FIFO is made. */
-JACTOR_API JCXXSock *j_pipe_new_pull(const char *endpoint);
-JACTOR_API JCXXSock *j_pipe_new_push(const char *endpoint);
+JACTOR_API JCXXSock* j_pipe_new_pull(const char* endpoint);
+JACTOR_API JCXXSock* j_pipe_new_push(const char* endpoint);
 
 /*
  * Event loops
@@ -281,11 +281,11 @@ JACTOR_API JCXXSock *j_pipe_new_push(const char *endpoint);
  *            has no read descriptor, or the loop refuses.
  * Ownership: `loop`, `sock` and `arg` stay the caller's. The sock must live
  *            until hybrid_zloop_reader_end. */
-JACTOR_API int hybrid_zloop_reader(zloop_t *loop, JCXXSock *sock, j_zloop_fn handler, void *arg);
+JACTOR_API int hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock, j_zloop_fn handler, void* arg);
 
 /* Ends every registration of the sock's descriptor with `loop`. Does nothing
  * for a sock that has none. */
-JACTOR_API void hybrid_zloop_reader_end(zloop_t *loop, JCXXSock *sock);
+JACTOR_API void hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock);
 
 #ifdef __cplusplus
 }

@@ -654,6 +654,7 @@ int SockFromNamedEndpoint::GetReadFD(int& descriptor) { return HandOut(fd, descr
 
 int SockFromNamedEndpoint::GetWriteFD(int& descriptor) { return HandOut(fd, descriptor); }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): callers pass it by value
 std::list<std::string> SockFromNamedEndpoint::SplitAtCommas(std::string names) {
   std::list<std::string> pieces;
   std::size_t start = 0;
