@@ -46,13 +46,6 @@ package_installed() {
   dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
 }
 
-# Refreshes the package lists, once for a script and the scripts it starts.
-apt_update_once() {
-  [ -z "${JACTOR_APT_UPDATED:-}" ] || return 0
-  apt_get update >/dev/null || return 1
-  export JACTOR_APT_UPDATED=1
-}
-
 # Installs those of the named packages that are missing; nothing happens when
 # all are there. Ends the script, naming them, when it cannot.
 need_packages() {
@@ -69,14 +62,17 @@ need_packages() {
     die "these packages are missing, and only root can install them: ${missing[*]}"
   fi
   echo "installing: ${missing[*]}"
-  if ! apt_update_once || ! apt_get install --no-install-recommends "${missing[@]}" >/dev/null; then
+  # The package lists may be absent or old: fetch them when it does not work without.
+  if ! apt_get install --no-install-recommends "${missing[@]}" >/dev/null 2>&1 &&
+    ! { apt_get update && apt_get install --no-install-recommends "${missing[@]}"; } >/dev/null; then
     die "these packages are missing and could not be installed: ${missing[*]}"
   fi
 }
 
-stage_lines=()
-stages_passed=0
-stages_failed=0
+# The results so far. A script that goes on for another one inherits them.
+export JACTOR_STAGES=${JACTOR_STAGES:-}
+export JACTOR_STAGES_PASSED=${JACTOR_STAGES_PASSED:-0}
+export JACTOR_STAGES_FAILED=${JACTOR_STAGES_FAILED:-0}
 
 # Runs COMMAND (a program or a function) as the stage NAME in a subshell with
 # `set -e`, and goes on after a failure. Not to be used in a condition, where
@@ -89,18 +85,19 @@ stage() {
   echo "==== $name"
   set +e
   (
+    unset JACTOR_STAGES JACTOR_STAGES_PASSED JACTOR_STAGES_FAILED
     set -e
     "$@"
   )
   status=$?
   set "$errexit"
   if [ "$status" -eq 0 ]; then
-    stages_passed=$((stages_passed + 1))
+    JACTOR_STAGES_PASSED=$((JACTOR_STAGES_PASSED + 1))
   else
-    stages_failed=$((stages_failed + 1))
+    JACTOR_STAGES_FAILED=$((JACTOR_STAGES_FAILED + 1))
     word="FAILED (exit $status)"
   fi
-  stage_lines+=("$(printf '%-20s %5d s  %s' "$name" $((SECONDS - start)) "$word")")
+  JACTOR_STAGES+=$(printf '%-12s %5d s  %s' "$name" $((SECONDS - start)) "$word")$'\n'
   echo "---- $name: $word"
 }
 
@@ -108,9 +105,7 @@ stage() {
 summary() {
   echo
   echo "==== summary"
-  if [ ${#stage_lines[@]} -gt 0 ]; then
-    printf '%s\n' "${stage_lines[@]}"
-  fi
-  echo "$stages_passed passed, $stages_failed failed"
-  [ "$stages_failed" -eq 0 ]
+  printf '%s' "$JACTOR_STAGES"
+  echo "$JACTOR_STAGES_PASSED passed, $JACTOR_STAGES_FAILED failed"
+  [ "$JACTOR_STAGES_FAILED" -eq 0 ]
 }
