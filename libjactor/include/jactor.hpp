@@ -1,0 +1,773 @@
+// jactor.hpp - actors, messages and named endpoints for C++17, over jactor.h
+//
+// One header, nothing to link beyond libjactor. What jactor.h says about limits,
+// blocking, threads and endpoints holds here too; this header adds owners,
+// results and exceptions:
+//
+// 1. Ownership. Message, Frame, Sock and Actor own one object each and can only be
+//    moved; their destructors release it. A moved-from or sent Message is empty:
+//    every use of it is defined, and fails. SockRef owns nothing and is copied.
+// 2. Failures are a jactor::error, whose text says what failed; the reason that
+//    only the library knows is one line in the log. Where nothing to return is
+//    normal, such as the end of a stream, the result is a std::optional.
+// 3. Threads. One object is used by one thread at a time, as in jactor.h.
+// 4. Event loops. Include <czmq.h> before this header to get watch(). Programs
+//    that do not include it need none of CZMQ. (That part has an include guard of
+//    its own: where <jactor.hpp> came first, including it again adds it.)
+#ifndef JACTOR_HPP
+#define JACTOR_HPP
+
+#include <cxxabi.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <initializer_list>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "jactor.h"
+
+namespace jactor {
+
+class error : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// What std::span is in C++20, as far as it is needed here: where some bytes are
+// and how many. It owns nothing. Made from a pointer and a size, or from anything
+// contiguous with such elements: an array, a vector, a std::span.
+template <class T>
+class View {
+ public:
+  constexpr View() noexcept = default;
+  constexpr View(T* data, std::size_t size) noexcept : data_(data), size_(size) {}
+  template <class Range, class = std::enable_if_t<std::is_convertible_v<
+                             decltype(std::data(std::declval<Range&>())), T*>>>
+  constexpr View(Range&& range) : data_(std::data(range)), size_(std::size(range)) {}
+
+  constexpr T* data() const noexcept { return data_; }
+  constexpr std::size_t size() const noexcept { return size_; }
+  constexpr bool empty() const noexcept { return size_ == 0; }
+  constexpr T* begin() const noexcept { return data_; }
+  constexpr T* end() const noexcept { return data_ + size_; }
+  constexpr T& operator[](std::size_t i) const { return data_[i]; }
+
+ private:
+  T* data_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+using Bytes = View<unsigned char>;             // may be changed in place
+using ConstBytes = View<const unsigned char>;  // to be read only
+
+namespace detail {
+
+// The owner of an object of the C interface, with the call that destroys it.
+template <auto Destroy>
+struct Destroyer {
+  template <class Object>
+  void operator()(Object* object) const noexcept {
+    Destroy(&object);
+  }
+};
+template <class Object, auto Destroy>
+using Owner = std::unique_ptr<Object, Destroyer<Destroy>>;
+
+}  // namespace detail
+
+// A block of bytes taken out of a message. The views are good until the frame is
+// destroyed; moving the frame does not disturb them.
+class Frame {
+ public:
+  // Takes over a frame of the C interface; null gives an empty Frame.
+  explicit Frame(JCXXFrame* frame) noexcept : frame_(frame) {}
+
+  std::size_t size() const noexcept { return j_frame_size(get()); }
+  Bytes bytes() const noexcept { return {j_frame_data(get()), size()}; }
+  std::string_view text() const noexcept {
+    return {reinterpret_cast<const char*>(j_frame_data(get())), size()};
+  }
+  unsigned char* begin() const noexcept { return bytes().begin(); }
+  unsigned char* end() const noexcept { return bytes().end(); }
+
+  // The C handle, which stays the Frame's.
+  JCXXFrame* get() const noexcept { return frame_.get(); }
+
+ private:
+  detail::Owner<JCXXFrame, j_frame_destroy> frame_;
+};
+
+class FrameRange;
+
+// A list of frames, or a signal.
+//
+//     jactor::Message message{"temperature"};
+//     message.add(&celsius, sizeof celsius);
+//     sock.send(std::move(message));
+class Message {
+ public:
+  // A data message without frames. Throws error when memory has run out.
+  Message() : msg_(j_msg_new()) {
+    if (msg_ == nullptr) {
+      throw error("jactor: no memory for a message");
+    }
+  }
+
+  // A data message of these frames. Throws as add().
+  explicit Message(std::initializer_list<std::string_view> frames) : Message() {
+    for (const std::string_view frame : frames) {
+      add(frame);
+    }
+  }
+
+  // Takes over a message of the C interface; null gives an empty Message.
+  explicit Message(JCXXMsg* msg) noexcept : msg_(msg) {}
+
+  // Whether there is a message: false once it was sent or moved away.
+  explicit operator bool() const noexcept { return msg_ != nullptr; }
+
+  // Append a frame holding a copy of the bytes. Throw error when there are more
+  // than JACTOR_MAX_SIZE, the message is a signal or empty, or memory has run out;
+  // the message is as before then.
+  Message& add(const void* data, std::size_t size) {
+    if (j_msg_addmem(get(), size == 0 ? "" : data, size) != 0) {
+      throw error("jactor: cannot add a frame of " + std::to_string(size) + " bytes");
+    }
+    return *this;
+  }
+  Message& add(std::string_view text) { return add(text.data(), text.size()); }
+  Message& add(ConstBytes bytes) { return add(bytes.data(), bytes.size()); }
+
+  // Take the first frame out. Nothing when no frame is left.
+  std::optional<Frame> pop() {
+    JCXXFrame* frame = j_msg_pop(get());
+    return frame == nullptr ? std::nullopt : std::optional(Frame(frame));
+  }
+  std::optional<std::string> pop_string() {
+    const std::optional<Frame> frame = pop();
+    return frame ? std::optional(std::string(frame->text())) : std::nullopt;
+  }
+
+  // The frames from first to last, for one pass: each is taken out of the message
+  // when it is reached, and may be moved away.
+  //
+  //     for (jactor::Frame& frame : message.frames()) {
+  //       std::cout << frame.text() << '\n';
+  //     }
+  FrameRange frames() &;
+
+  // The value of a signal; nothing for a data message.
+  std::optional<unsigned char> signal() const noexcept {
+    const int value = j_msg_signal(get());
+    return value < 0 ? std::nullopt : std::optional(static_cast<unsigned char>(value));
+  }
+
+  // The C handle, which stays the Message's.
+  JCXXMsg* get() const noexcept { return msg_.get(); }
+
+  // Hands the C handle over to the caller.
+  [[nodiscard]] JCXXMsg* release() noexcept { return msg_.release(); }
+
+ private:
+  detail::Owner<JCXXMsg, j_msg_destroy> msg_;
+};
+
+// What Message::frames() returns. It must not outlive the message.
+class FrameRange {
+ public:
+  struct Sentinel {};
+
+  class Iterator {
+   public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = Frame;
+    using difference_type = std::ptrdiff_t;
+    using pointer = Frame*;
+    using reference = Frame&;
+
+    explicit Iterator(FrameRange* range) noexcept : range_(range) {}
+    Frame& operator*() const { return *range_->current_; }
+    Frame* operator->() const { return &*range_->current_; }
+    Iterator& operator++() {
+      range_->current_ = range_->message_->pop();
+      return *this;
+    }
+    void operator++(int) { ++*this; }
+    friend bool operator==(const Iterator& it, Sentinel) { return it.done(); }
+    friend bool operator!=(const Iterator& it, Sentinel) { return !(it == Sentinel()); }
+
+   private:
+    bool done() const noexcept { return !range_->current_; }
+
+    FrameRange* range_;
+  };
+
+  explicit FrameRange(Message& message) noexcept : message_(&message) {}
+  Iterator begin() { return ++Iterator(this); }
+  Sentinel end() const noexcept { return {}; }
+
+ private:
+  Message* message_;
+  std::optional<Frame> current_;
+};
+
+inline FrameRange Message::frames() & { return FrameRange(*this); }
+
+// The outcome of a receive with a time limit.
+struct Received {
+  std::optional<Message> message;  // what came
+  bool timed_out = false;          // without a message: the time was up, not the stream
+};
+
+namespace detail {
+
+using Clock = std::chrono::steady_clock;
+
+// The end of `limit` from now on; the last moment of the clock for centuries.
+template <class Rep, class Period>
+Clock::time_point deadline_after(const std::chrono::duration<Rep, Period>& limit) {
+  constexpr double kLongest = 3e9;
+  const double seconds = std::chrono::duration<double>(limit).count();
+  if (seconds > kLongest) {
+    return Clock::time_point::max();
+  }
+  return seconds > 0 ? Clock::now() + std::chrono::ceil<Clock::duration>(limit) : Clock::now();
+}
+
+// The time-out for poll(), rounded up so that it never ends early.
+inline int milliseconds_until(Clock::time_point deadline) {
+  const auto now = Clock::now();
+  if (deadline <= now) {
+    return 0;
+  }
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
+  return left < INT_MAX ? static_cast<int>(left) : INT_MAX;
+}
+
+// Waits until one of the descriptors has something. Result: false at the deadline.
+inline bool poll_until(pollfd* fds, nfds_t count, Clock::time_point deadline) {
+  for (;;) {
+    const int timeout = milliseconds_until(deadline);
+    const int ready = ::poll(fds, count, timeout);
+    if (ready > 0) {
+      return true;
+    }
+    if (ready == 0 && timeout < INT_MAX) {
+      return false;
+    }
+    if (ready < 0 && errno != EINTR) {
+      throw error("jactor: poll failed");
+    }
+  }
+}
+
+enum class Wait { kReadable, kTimedOut, kEnded };
+
+// Waits until `fd` is readable. `done_fd`, unless it is -1, becomes readable when
+// nothing will be written any more.
+inline Wait wait_readable(int fd, int done_fd, Clock::time_point deadline) {
+  pollfd fds[] = {{fd, POLLIN, 0}, {done_fd, POLLIN, 0}};
+  if (!poll_until(fds, 2, deadline)) {
+    return Wait::kTimedOut;
+  }
+  // The two are looked at one after the other: the last bytes may have come in between.
+  const bool readable = fds[0].revents != 0 || poll_until(fds, 1, Clock::time_point::min());
+  return readable ? Wait::kReadable : Wait::kEnded;
+}
+
+// Runs `call`. Result: the exception it threw, or null. The cancellation of the
+// thread is no exception of the program's and passes.
+template <class Call>
+std::exception_ptr capture(Call call) {
+  try {
+    call();
+#ifdef __GLIBCXX__
+  } catch (const abi::__forced_unwind&) {
+    throw;
+#endif
+  } catch (...) {
+    return std::current_exception();
+  }
+  return nullptr;
+}
+
+// What can be done with a SockRef, a Sock and an Actor alike.
+template <class Self>
+class Stream {
+ public:
+  // Sends the message. Blocks while the pipe is full.
+  //
+  // The message is empty afterwards if it was sent, and untouched if send throws
+  // error: when it was empty, is too large, or the write failed. After a failed
+  // write a part of it may be on the stream, which is of no further use then.
+  void send(Message&& message) const {
+    JCXXMsg* msg = message.get();
+    if (j_msg_send(&msg, self().get()) != 0) {
+      throw error(message ? "jactor: cannot send the message" : "jactor: no message to send");
+    }
+    static_cast<void>(message.release());
+  }
+
+  // Sends a signal. Throws error when the write failed.
+  void signal(unsigned char value) const {
+    if (j_sock_signal(self().get(), value) != 0) {
+      throw error("jactor: cannot send a signal");
+    }
+  }
+
+  // Receives the next message or signal. Blocks until it is complete.
+  //
+  // Result: nothing at the end of the stream. A failed read and bytes that are no
+  // message end the stream too: the C interface does not tell these apart (the log
+  // does). On an actor the stream ends when its function has ended and all that it
+  // sent is received. A pull sock on an endpoint never sees an end: it waits.
+  std::optional<Message> receive() const {
+    return self().done_fd() < 0 ? take() : receive_until(Clock::time_point::max()).message;
+  }
+
+  // The same with a time limit, which may be 0. What came before it is returned
+  // even when the limit has passed.
+  //
+  // The limit ends the wait for the first byte of a message. It cannot end the
+  // wait for the others: a sender that stops in the middle of a message, or
+  // another reader of the same endpoint that takes the bytes away first, keeps
+  // these calls until more comes. The clock is the monotonic one, the resolution
+  // a millisecond, rounded up. Throw error on a sock that cannot be waited for.
+  template <class Rep, class Period>
+  Received receive_for(const std::chrono::duration<Rep, Period>& limit) const {
+    return receive_until(deadline_after(limit));
+  }
+  Received receive_until(std::chrono::steady_clock::time_point deadline) const {
+    const Wait wait =
+        buffered() > 0 ? Wait::kReadable : wait_readable(fd(), self().done_fd(), deadline);
+    if (wait != Wait::kReadable) {
+      return {std::nullopt, wait == Wait::kTimedOut};
+    }
+    return {take(), false};
+  }
+
+  // The descriptor to poll() while buffered() is 0. Never read, write or close it.
+  // Throws error when there is none.
+  int fd() const {
+    const int descriptor = j_sock_fd(self().get());
+    if (descriptor < 0) {
+      throw error("jactor: no sock to wait for");
+    }
+    return descriptor;
+  }
+
+  // The bytes taken from the descriptor and not yet received.
+  std::size_t buffered() const noexcept { return j_sock_buffered(self().get()); }
+
+ protected:
+  Stream() = default;
+  Stream(const Stream&) = default;
+  Stream& operator=(const Stream&) = default;
+  ~Stream() = default;
+
+  int done_fd() const noexcept { return -1; }
+
+ private:
+  const Self& self() const noexcept { return static_cast<const Self&>(*this); }
+
+  std::optional<Message> take() const {
+    JCXXMsg* msg = j_msg_recv(self().get());
+    return msg == nullptr ? std::nullopt : std::optional(Message(msg));
+  }
+};
+
+class ActorState;
+
+}  // namespace detail
+
+// A sock that belongs to somebody else, such as the actor whose function uses it.
+// It must not be used after its owner has gone.
+class SockRef : public detail::Stream<SockRef> {
+ public:
+  explicit SockRef(JCXXSock* sock) noexcept : sock_(sock) {}
+
+  // As for every sock; on the one that an actor's function is given, the first
+  // signal tells the creator that the actor is ready.
+  void signal(unsigned char value) const {
+    Stream::signal(value);
+    if (started_ != nullptr) {
+      *started_ = true;
+    }
+  }
+  void ready() const { signal(0); }
+
+  // The C handle, for calls other than j_sock_destroy.
+  JCXXSock* get() const noexcept { return sock_; }
+
+ private:
+  friend detail::ActorState;
+  SockRef(JCXXSock* sock, bool* started) noexcept : sock_(sock), started_(started) {}
+
+  JCXXSock* sock_;
+  bool* started_ = nullptr;
+};
+
+// One end of a named endpoint, such as "ipc://jobs". Each is used in the one
+// direction it was made for. Closing the last one loses what was not received.
+class Sock : public detail::Stream<Sock> {
+ public:
+  // Open the reading or the writing end. Never wait for a partner. Throw error
+  // when the name is refused or the FIFO cannot be had.
+  static Sock pull(const std::string& endpoint) { return Sock(endpoint, j_pipe_new_pull); }
+  static Sock push(const std::string& endpoint) { return Sock(endpoint, j_pipe_new_push); }
+
+  operator SockRef() const& noexcept { return SockRef(get()); }
+  operator SockRef() const&& = delete;
+
+  // The C handle, which stays the Sock's.
+  JCXXSock* get() const noexcept { return sock_.get(); }
+
+ private:
+  Sock(const std::string& endpoint, JCXXSock* (*open)(const char*))
+      : sock_(endpoint.find('\0') == std::string::npos ? open(endpoint.c_str()) : nullptr) {
+    if (sock_ == nullptr) {
+      throw error("jactor: cannot open the endpoint " + endpoint);
+    }
+  }
+
+  detail::Owner<JCXXSock, j_sock_destroy> sock_;
+};
+
+namespace detail {
+
+// What an actor's thread and its creator share. It outlives the thread.
+class ActorState {
+ public:
+  ActorState() : done_fd_(::eventfd(0, EFD_CLOEXEC)) {
+    if (done_fd_ < 0) {
+      throw error("jactor: no descriptor for an actor");
+    }
+  }
+  ActorState(const ActorState&) = delete;
+  ActorState& operator=(const ActorState&) = delete;
+  virtual ~ActorState() { ::close(done_fd_); }
+
+  // The actor function that the library runs.
+  static void main(j_sock_t* sock, void* arg) {
+    auto& state = *static_cast<ActorState*>(arg);
+    sigset_t pipe_signal;
+    ::sigemptyset(&pipe_signal);
+    ::sigaddset(&pipe_signal, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &pipe_signal, nullptr);
+    const AtExit at_exit{state, sock};
+    state.failure_ = capture([&] { state.call(SockRef(sock, &state.started_)); });
+  }
+
+  int done_fd() const noexcept { return done_fd_; }
+  bool finished() const noexcept { return finished_.load(std::memory_order_acquire); }
+
+  // Whether the function threw before it was ready.
+  bool failed_early() const noexcept { return finished() && !started_ && failure_ != nullptr; }
+
+  // What the function threw. Only once it has finished.
+  const std::exception_ptr& failure() const noexcept { return failure_; }
+
+ private:
+  // Runs also when the thread is cancelled or calls pthread_exit.
+  struct AtExit {
+    ActorState& state;
+    JCXXSock* sock;
+    ~AtExit() { state.finish(sock); }
+  };
+
+  virtual void call(SockRef sock) = 0;
+
+  // The creator may read the rest as soon as it sees `finished_`, and starts to
+  // look when it has the signal that it waits for.
+  void finish(JCXXSock* sock) noexcept {
+    finished_.store(true, std::memory_order_release);
+    if (!started_) {
+      j_sock_signal(sock, 0);
+    }
+    ::eventfd_write(done_fd_, 1);
+  }
+
+  int done_fd_;
+  bool started_ = false;
+  std::exception_ptr failure_;
+  std::atomic<bool> finished_{false};
+};
+
+template <class Callable>
+class ActorOf final : public ActorState {
+ public:
+  template <class Argument>
+  explicit ActorOf(Argument&& callable) : callable_(std::forward<Argument>(callable)) {}
+
+ private:
+  void call(SockRef sock) override { std::invoke(std::move(callable_), sock); }
+
+  Callable callable_;
+};
+
+}  // namespace detail
+
+// A callable on a thread of its own, connected to its creator by a pipe pair.
+//
+//     jactor::Actor echo([](jactor::SockRef sock) {
+//       sock.ready();
+//       while (auto message = sock.receive()) {  // nothing: asked to stop
+//         sock.send(std::move(*message));
+//       }
+//     });
+//
+// The callable tells that it is ready by its first SockRef::signal() or ready();
+// what it sends before is thrown away. If it returns before, that counts as ready.
+// (j_sock_signal on the C handle is not noticed: one more signal follows when the
+// callable returns.) SIGPIPE is blocked in its thread, so that a send to a creator
+// that has gone throws error; programs that it executes inherit that.
+class Actor : public detail::Stream<Actor> {
+ public:
+  // Copies or moves the callable and runs it once. Blocks until it is ready, has
+  // returned or has thrown. Throws what it threw before it was ready, and error
+  // when the thread, the pipes or memory cannot be had.
+  template <class Callable,
+            class = std::enable_if_t<std::is_invocable_v<std::decay_t<Callable>, SockRef>>>
+  explicit Actor(Callable&& callable)
+      : state_(std::make_unique<detail::ActorOf<std::decay_t<Callable>>>(
+            std::forward<Callable>(callable))),
+        actor_(j_actor_new(detail::ActorState::main, state_.get())) {
+    if (actor_ == nullptr) {
+      throw error("jactor: cannot start an actor");
+    }
+    if (state_->failed_early()) {
+      join();
+    }
+  }
+
+  // Its destructor asks the callable to stop, by the end of its stream, and waits
+  // without a limit until it has returned. What it threw is dropped then: use
+  // join() to have it. Not from the callable itself.
+  ~Actor() = default;
+  Actor(Actor&& other) noexcept = default;
+
+  // Stops the actor on the left first, as the destructor does.
+  Actor& operator=(Actor&& other) noexcept {
+    actor_ = std::move(other.actor_);
+    state_ = std::move(other.state_);
+    return *this;
+  }
+
+  // Stops the actor as the destructor does, and throws what the callable threw.
+  // The actor is empty afterwards, and joining it again does nothing.
+  void join() {
+    actor_.reset();
+    if (const auto state = std::move(state_); state != nullptr && state->failure() != nullptr) {
+      std::rethrow_exception(state->failure());
+    }
+  }
+
+  // Throws what the callable threw, without stopping anything. Does nothing while
+  // it runs, or when it returned.
+  void rethrow() const {
+    if (state_ != nullptr && state_->finished() && state_->failure() != nullptr) {
+      std::rethrow_exception(state_->failure());
+    }
+  }
+
+  // Whether the callable has ended, in whatever way; true for an empty actor.
+  bool finished() const noexcept { return state_ == nullptr || state_->finished(); }
+
+  // The creator's end; good while the actor is. Its receive() does not notice that
+  // the callable has ended, and saves a poll().
+  SockRef sock() const noexcept { return SockRef(j_actor_sock(get())); }
+
+  // The C handle, which stays the Actor's.
+  JCXXActor* get() const noexcept { return actor_.get(); }
+
+ private:
+  friend detail::Stream<Actor>;
+  int done_fd() const noexcept { return state_ == nullptr ? -1 : state_->done_fd(); }
+
+  std::unique_ptr<detail::ActorState> state_;  // outlives the actor
+  detail::Owner<JCXXActor, j_actor_destroy> actor_;
+};
+
+}  // namespace jactor
+
+#endif  // JACTOR_HPP
+
+#if defined(__CZMQ_H_INCLUDED__) && !defined(JACTOR_HPP_WATCH)
+#define JACTOR_HPP_WATCH
+
+namespace jactor {
+
+// What the end of the stream ends: the watch alone, or the loop with it.
+enum class AtEnd { kEndWatch, kEndLoop };
+
+namespace detail {
+
+// The registration. The loop's callback shares it, so that a handler may destroy
+// its own Watch.
+class WatchState : public std::enable_shared_from_this<WatchState> {
+ public:
+  WatchState(zloop_t* loop, SockRef sock, AtEnd at_end)
+      : loop_(loop), sock_(sock), at_end_(at_end) {}
+  WatchState(const WatchState&) = delete;
+  WatchState& operator=(const WatchState&) = delete;
+  virtual ~WatchState() = default;
+
+  void begin() {
+    zmq_pollitem_t item = {nullptr, sock_.fd(), ZMQ_POLLIN, 0};
+    if (hybrid_zloop_reader(loop_, sock_.get(), on_readable, this) != 0) {
+      throw error("jactor: the loop does not take the sock");
+    }
+    active_ = true;
+    // An intolerant loop drops a poller at its second event with an error flag,
+    // and a hang-up that comes with data is one.
+    zloop_poller_set_tolerant(loop_, &item);
+  }
+
+  void end() noexcept {
+    if (std::exchange(active_, false)) {
+      hybrid_zloop_reader_end(loop_, sock_.get());
+    }
+  }
+
+  bool active() const noexcept { return active_; }
+  std::exception_ptr take_error() noexcept { return std::exchange(error_, nullptr); }
+
+ private:
+  virtual bool handle(Message&& message) = 0;
+
+  // Called by the loop. No exception may cross its C code.
+  static int on_readable(zloop_t*, j_sock_t*, void* arg) {
+    const auto state = static_cast<WatchState*>(arg)->shared_from_this();
+    bool go_on = false;
+    state->error_ = capture([&] { go_on = state->drain(); });
+    return go_on ? 0 : -1;
+  }
+
+  // Handles messages until the read-ahead buffer is empty: poll() does not see
+  // what waits there. Result: whether the loop goes on.
+  bool drain() {
+    do {
+      std::optional<Message> message = sock_.receive();
+      if (!message) {
+        end();
+        return at_end_ == AtEnd::kEndWatch;
+      }
+      if (!handle(std::move(*message))) {
+        return false;
+      }
+    } while (active_ && sock_.buffered() > 0);
+    return true;
+  }
+
+  zloop_t* loop_;
+  SockRef sock_;
+  AtEnd at_end_;
+  bool active_ = false;
+  std::exception_ptr error_;
+};
+
+template <class Handler>
+class WatchOf final : public WatchState {
+ public:
+  using Result = std::invoke_result_t<Handler&, Message>;
+  static_assert(std::is_void_v<Result> || std::is_same_v<Result, int>,
+                "a handler returns nothing, or 0 to go on and -1 to end the loop");
+
+  template <class Argument>
+  WatchOf(zloop_t* loop, SockRef sock, AtEnd at_end, Argument&& handler)
+      : WatchState(loop, sock, at_end), handler_(std::forward<Argument>(handler)) {}
+
+ private:
+  bool handle(Message&& message) override {
+    if constexpr (std::is_void_v<Result>) {
+      std::invoke(handler_, std::move(message));
+      return true;
+    } else {
+      return std::invoke(handler_, std::move(message)) == 0;
+    }
+  }
+
+  Handler handler_;
+};
+
+}  // namespace detail
+
+// A registration with an event loop, made by watch(). Its destructor ends it; the
+// loop and the sock must live until then.
+class [[nodiscard]] Watch {
+ public:
+  explicit Watch(std::shared_ptr<detail::WatchState> state) : state_(std::move(state)) {
+    state_->begin();
+  }
+  Watch(Watch&&) noexcept = default;
+  Watch& operator=(Watch&& other) noexcept {
+    const Watch old(std::move(*this));
+    state_ = std::move(other.state_);
+    return *this;
+  }
+  ~Watch() { end(); }
+
+  // Ends the registration; the handler is not called again.
+  void end() noexcept {
+    if (state_ != nullptr) {
+      state_->end();
+    }
+  }
+
+  // Whether the handler may be called again: false after end(), and once the end
+  // of the stream was seen.
+  bool active() const noexcept { return state_ != nullptr && state_->active(); }
+
+  // Throws, once, what the handler threw. Call it when the loop has ended.
+  void rethrow() {
+    if (state_ != nullptr) {
+      if (const std::exception_ptr error = state_->take_error(); error != nullptr) {
+        std::rethrow_exception(error);
+      }
+    }
+  }
+
+ private:
+  std::shared_ptr<detail::WatchState> state_;
+};
+
+// Has the loop call `handler(Message)` on its thread for every message and signal
+// that comes on the sock. One watch for each sock and loop.
+//
+// All messages that have been read ahead are handled before the loop goes on; when
+// the last of them is incomplete, that waits for its sender. A handler that
+// returns -1 ends the loop, and so does one that throws: Watch::rethrow() throws
+// that again. What was read ahead and not handled then waits in the sock. A handler
+// may end or destroy its own watch, and then destroy the sock.
+//
+// At the end of the stream the registration ends, and the loop as well with
+// AtEnd::kEndLoop. (The end of an actor's function is not seen on its creator's
+// end, and a pull sock on an endpoint sees no end at all.)
+//
+// Throws error when the sock or the loop is not fit for it.
+template <class Handler>
+Watch watch(zloop_t* loop, SockRef sock, Handler&& handler, AtEnd at_end = AtEnd::kEndWatch) {
+  return Watch(std::make_shared<detail::WatchOf<std::decay_t<Handler>>>(
+      loop, sock, at_end, std::forward<Handler>(handler)));
+}
+
+}  // namespace jactor
+
+#endif  // JACTOR_HPP_WATCH
