@@ -153,11 +153,11 @@ std::vector<LogLine> LogLines(int max_level) {
   return lines;
 }
 
-std::vector<std::string> LogTexts(int max_level, const std::string& function) {
-  std::vector<std::string> texts;
+std::string Log(int max_level, const std::string& function) {
+  std::string texts;
   for (const LogLine& line : LogLines(max_level)) {
     if (function.empty() || line.function == function) {
-      texts.push_back(line.text);
+      texts += (texts.empty() ? "" : "; ") + line.text;
     }
   }
   return texts;

@@ -37,11 +37,11 @@ struct LogLine {
   std::string text;  // formatted, without the prefix and the newline
 };
 
-// The lines logged since ClearLog, in order; the texts of all functions or of one.
-// Any thread may log.
+// The lines logged since ClearLog, in order, or their texts, of all functions or
+// of one, joined with "; ". Any thread may log.
 void ClearLog();
 std::vector<LogLine> LogLines(int max_level = kErrors);
-std::vector<std::string> LogTexts(int max_level = kErrors, const std::string& function = "");
+std::string Log(int max_level = kErrors, const std::string& function = "");
 
 // Lines above `level` are dropped from now on; ClearLog keeps all again.
 void KeepLog(int level);
