@@ -181,7 +181,8 @@ struct Options {
 struct Result {
   std::uint64_t messages = 0;
   double seconds = 0;
-  double median_us = 0;  // of a round trip; 0 where none is measured
+  double cpu_seconds = 0;  // processor time of all threads and processes meanwhile
+  double median_us = 0;    // of a round trip; 0 where none is measured
   double p99_us = 0;
   double bytes_each = 0;  // memory of one actor; 0 where none is measured
 };

@@ -125,11 +125,12 @@ void Print(const bench::Options& options, const bench::Result& result) {
       result.seconds > 0 ? static_cast<double>(result.messages) / result.seconds : 0;
   std::printf(
       "{\"scenario\": \"%s\", \"system\": \"%s\", \"frames\": %zu, \"size\": %zu, "
-      "\"senders\": %u, \"messages\": %llu, \"seconds\": %.6f, \"rate\": %.1f, "
+      "\"senders\": %u, \"messages\": %llu, \"seconds\": %.6f, \"cpu_seconds\": %.6f, \"rate\": "
+      "%.1f, "
       "\"median_us\": %.3f, \"p99_us\": %.3f, \"bytes_each\": %.0f, \"checked\": true}\n",
       options.scenario.c_str(), options.system.c_str(), options.shape.frames, options.shape.size,
-      options.senders, static_cast<unsigned long long>(result.messages), result.seconds, rate,
-      result.median_us, result.p99_us, result.bytes_each);
+      options.senders, static_cast<unsigned long long>(result.messages), result.seconds,
+      result.cpu_seconds, rate, result.median_us, result.p99_us, result.bytes_each);
 }
 
 }  // namespace

@@ -129,8 +129,15 @@ def run_once(program, row, system, seconds):
     return result
 
 
+class options:
+    cpu_time = False
+
+
 def figure(row, result):
     """The number that a row compares."""
+    if row.kind != BYTES and options.cpu_time:
+        each = result["cpu_seconds"] / result["messages"]
+        return 1 / each if row.kind == RATE else each * 1e6
     if row.kind == RATE:
         return result["rate"]
     if row.kind == TRIP:
@@ -176,10 +183,10 @@ def cell(row, runs):
     value = statistics.median(figure(row, run) for run in runs)
     if row.kind == RATE:
         return f"{value / 1000:,.1f} k/s" if value >= 1000 else f"{value:,.0f} /s"
-    if row.kind == TRIP:
+    if row.kind == TRIP and not options.cpu_time:
         p99 = statistics.median(run["p99_us"] for run in runs)
         return f"{number(value)} us (p99 {number(p99)})"
-    if row.kind == TIME:
+    if row.kind in (TRIP, TIME):
         return f"{number(value)} us"
     return f"{value / 1024:,.1f} KiB"
 
@@ -233,11 +240,15 @@ def parse_arguments():
     parser.add_argument("--reps", type=int, help="repetitions (7; quick: 3)")
     parser.add_argument("--seconds", type=float, help="seconds of a run (0.5; quick: 0.08)")
     parser.add_argument("--quick", action="store_true", help="less than a minute")
+    parser.add_argument("--cpu-time", action="store_true",
+                        help="compare processor time instead of elapsed time, which bears a "
+                        "machine that is busy with other things")
     return parser.parse_args()
 
 
 def main():
     arguments = parse_arguments()
+    options.cpu_time = arguments.cpu_time
     repetitions = arguments.reps or (3 if arguments.quick else 7)
     seconds = arguments.seconds or (0.08 if arguments.quick else 0.5)
     rows = [row for row in one_cpu_rows() + all_cpu_rows() if re.search(arguments.rows, row.key)]

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <limits>
 #include <semaphore>
@@ -21,6 +22,22 @@ namespace bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+double ClockSeconds(clockid_t clock) {
+  timespec time{};
+  Must(::clock_gettime(clock, &time) == 0, "clock_gettime");
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+double ProcessorSeconds(std::span<const pid_t> children = {}) {
+  double sum = ClockSeconds(CLOCK_PROCESS_CPUTIME_ID);
+  for (const pid_t child : children) {
+    clockid_t clock{};
+    Must(::clock_getcpuclockid(child, &clock) == 0, "clock_getcpuclockid");
+    sum += ClockSeconds(clock);
+  }
+  return sum;
+}
 
 double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -71,12 +88,19 @@ struct Received {
   std::uint64_t messages = 0;
   Clock::time_point start;
   Clock::time_point end;
+  double cpu_start = 0;
+  double cpu_end = 0;
 
-  double seconds() const { return std::chrono::duration<double>(end - start).count(); }
+  Result Summary() const {
+    return {.messages = messages,
+            .seconds = std::chrono::duration<double>(end - start).count(),
+            .cpu_seconds = cpu_end - cpu_start};
+  }
 };
 
 // Receives until every sender has sent its last message.
-Received ReceiveAll(End& end, Checker& checker, unsigned senders) {
+Received ReceiveAll(End& end, Checker& checker, unsigned senders,
+                    std::span<const pid_t> children = {}) {
   const std::uint64_t warm_up = WarmUp(checker.shape());
   Received received;
   while (senders > 0) {
@@ -85,9 +109,11 @@ Received ReceiveAll(End& end, Checker& checker, unsigned senders) {
     }
     if (checker.messages() == warm_up) {
       received.start = Clock::now();
+      received.cpu_start = ProcessorSeconds(children);
     }
   }
   received.end = Clock::now();
+  received.cpu_end = ProcessorSeconds(children);
   received.messages = checker.messages() - warm_up;
   return received;
 }
@@ -131,8 +157,10 @@ class Streams {
       all.messages += received_[i].messages;
       all.start = std::min(all.start, received_[i].start);
       all.end = std::max(all.end, received_[i].end);
+      all.cpu_start = std::min(all.cpu_start, received_[i].cpu_start);
+      all.cpu_end = std::max(all.cpu_end, received_[i].cpu_end);
     }
-    return {.messages = all.messages, .seconds = all.seconds()};
+    return all.Summary();
   }
 
   System& system_;
@@ -158,9 +186,10 @@ class Latencies {
     }
   }
 
-  Result Summary() {
+  Result Summary(double cpu_seconds) {
     return {.messages = count_,
             .seconds = std::chrono::duration<double>(total_).count(),
+            .cpu_seconds = cpu_seconds,
             .median_us = Quantile(0.5),
             .p99_us = Quantile(0.99)};
   }
@@ -181,13 +210,18 @@ class Latencies {
 };
 
 // Sends a message and waits for it to come back, again and again.
-Result MeasureRoundTrips(End& there, End& back, const Options& options) {
+Result MeasureRoundTrips(End& there, End& back, const Options& options,
+                         std::span<const pid_t> children = {}) {
   Payload payload(options.shape);
   Checker checker(options.shape, 1);
   Latencies latencies;
   const std::uint64_t warm_up = WarmUp(options.shape);
   const Stopper stopper(options.budget, 2 * warm_up);
+  double cpu_start = 0;
   for (std::uint64_t number = 0;; ++number) {
+    if (number == warm_up) {
+      cpu_start = ProcessorSeconds(children);
+    }
     const bool last = stopper.IsLast(number);
     payload.SetStamp(Stamp::Of(0, number, last));
     const Clock::time_point start = Clock::now();
@@ -198,7 +232,7 @@ Result MeasureRoundTrips(End& there, End& back, const Options& options) {
       latencies.Add(end - start);
     }
     if (last) {
-      return latencies.Summary();
+      return latencies.Summary(ProcessorSeconds(children) - cpu_start);
     }
   }
 }
@@ -239,6 +273,8 @@ class Children {
     work();
     std::_Exit(0);
   }
+
+  std::span<const pid_t> ids() const { return children_; }
 
   void Go() const {
     const std::vector<char> word(children_.size());
@@ -285,8 +321,7 @@ Result RunProcesses(System& system, const Options& options) {
     pull->Receive(checker);
   }
   children.Go();
-  const Received received = ReceiveAll(*pull, checker, options.senders);
-  return {.messages = received.messages, .seconds = received.seconds()};
+  return ReceiveAll(*pull, checker, options.senders, children.ids()).Summary();
 }
 
 Result RunRoundTrip(System& system, const Options& options) {
@@ -307,7 +342,7 @@ Result RunRoundTrip(System& system, const Options& options) {
   });
   const std::unique_ptr<End> pull = system.Pull(1, options.shape);
   const std::unique_ptr<End> push = system.Push(0, options.shape);
-  return MeasureRoundTrips(*push, *pull, options);
+  return MeasureRoundTrips(*push, *pull, options, children.ids());
 }
 
 // Does `work(number, last)` until the budget is used up.
@@ -315,14 +350,18 @@ template <class Work>
 Result MeasureLoop(const Options& options, std::uint64_t warm_up, Work work) {
   const Stopper stopper(options.budget, 2 * warm_up);
   Clock::time_point start = Clock::now();
+  double cpu_start = ProcessorSeconds();
   for (std::uint64_t number = 0;; ++number) {
     if (number == warm_up) {
       start = Clock::now();
+      cpu_start = ProcessorSeconds();
     }
     const bool last = stopper.IsLast(number);
     work(number, last);
     if (last) {
-      return {.messages = number + 1 - warm_up, .seconds = SecondsSince(start)};
+      return {.messages = number + 1 - warm_up,
+              .seconds = SecondsSince(start),
+              .cpu_seconds = ProcessorSeconds() - cpu_start};
     }
   }
 }
