@@ -1,6 +1,8 @@
 // czmq_system.cpp - CZMQ: zactor and zmsg, and PUSH/PULL zsocks over ipc.
 #include <czmq.h>
 
+#include <mutex>
+
 #include "bench.h"
 
 namespace bench {
@@ -100,9 +102,12 @@ class Czmq : public System {
   bool Supports(Shape /*shape*/) const override { return true; }
 
   std::unique_ptr<Actor> Start(const ActorFunction& function, Shape shape) override {
-    if (shape.size >= kLarge) {
-      zsys_set_pipehwm(kLargeQueue);
-    }
+    std::call_once(set_up_, [&] {
+      zsys_init();  // which is not for several threads at once
+      if (shape.size >= kLarge) {
+        zsys_set_pipehwm(kLargeQueue);
+      }
+    });
     return std::make_unique<CzmqActor>(function);
   }
 
@@ -131,6 +136,7 @@ class Czmq : public System {
   }
 
  private:
+  std::once_flag set_up_;
   std::vector<std::string> paths_;
 };
 
