@@ -17,7 +17,6 @@
 #ifndef JACTOR_HPP
 #define JACTOR_HPP
 
-#include <cxxabi.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -293,17 +292,16 @@ inline Wait wait_readable(int fd, int done_fd, Clock::time_point deadline) {
 }
 
 // Runs `call`. Result: the exception it threw, or null. The cancellation of the
-// thread is no exception of the program's and passes.
+// thread, which is no C++ exception and therefore has no pointer, passes.
 template <class Call>
 std::exception_ptr capture(Call call) {
   try {
     call();
-#ifdef __GLIBCXX__
-  } catch (const abi::__forced_unwind&) {
-    throw;
-#endif
   } catch (...) {
-    return std::current_exception();
+    if (std::exception_ptr thrown = std::current_exception(); thrown != nullptr) {
+      return thrown;
+    }
+    throw;
   }
   return nullptr;
 }
