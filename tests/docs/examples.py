@@ -1,0 +1,120 @@
+"""Compiles the code that a document shows, and runs its whole programs.
+
+usage: examples.py DOCUMENT CC CXX DIR
+
+DIR holds compile.rsp and link.rsp, the options of the build. In Markdown, fences
+marked "c" or "cpp" are code; in a manual page, every literal display is. Code
+with a main() is a program: it has to end with exit status 0 and print what
+stands in the next block, when the text before that block ends in "prints:".
+Endpoint names are made unique while a program runs, and their FIFOs are removed.
+"""
+
+import glob
+import os
+import re
+import subprocess
+import sys
+import tempfile
+
+STRICT = ["-Wall", "-Wextra", "-Wpedantic", "-Werror", "-Wno-unused-function"]
+STANDARD = {
+    "c": ["-x", "c", "-std=c11", "-D_POSIX_C_SOURCE=200809L"],
+    "cpp": ["-x", "c++", "-std=c++17"],
+}
+README_LINES = 20
+
+
+def markdown_blocks(lines):
+    """Yields (line number, language, last line of text before it, body)."""
+    before, opened = "", None
+    for number, line in enumerate(lines, 1):
+        if opened is None and line.startswith("```"):
+            opened, body = (number, line[3:].strip()), []
+        elif opened is not None and line.startswith("```"):
+            yield (*opened, before, body)
+            opened = None
+        elif opened is not None:
+            body.append(line)
+        elif line.strip():
+            before = line.strip()
+
+
+def mdoc_text(line):
+    """What the reader of a manual page sees of a line of a literal display."""
+    line = re.sub(r"^\\&", "", line)
+    for escape, text in (("\\(aq", "'"), ("\\-", "-"), ("\\e", "\\"), ("\\&", "")):
+        line = line.replace(escape, text)
+    return line
+
+
+def mdoc_blocks(lines):
+    language = "cpp" if any("jactor.hpp" in line for line in lines) else "c"
+    before, body = "", None
+    for number, line in enumerate(lines, 1):
+        if line.startswith(".Bd -literal"):
+            start, body = number, []
+        elif line.startswith(".Ed") and body is not None:
+            yield start, "text" if before.endswith("prints:") else language, before, body
+            body = None
+        elif body is not None:
+            body.append(mdoc_text(line))
+        else:
+            before = line.strip()
+
+
+def compile_code(compiler, language, directory, code, output, program):
+    source = output + "." + language
+    with open(source, "w", encoding="utf-8") as file:
+        file.write(code)
+    command = [*compiler, *STANDARD[language], *STRICT, f"@{directory}/compile.rsp", source, "-o", output]
+    command += ["-x", "none", f"@{directory}/link.rsp"] if program else ["-c"]
+    done = subprocess.run(command, capture_output=True, text=True)
+    return done.stdout + done.stderr if done.returncode else None
+
+
+def run(path):
+    done = subprocess.run([path], capture_output=True, text=True, timeout=30, stdin=subprocess.DEVNULL)
+    return done.returncode, done.stdout, done.stderr
+
+
+def main():
+    document, cc, cxx, directory = sys.argv[1:]
+    compilers = {"c": [cc], "cpp": [cxx]}
+    with open(document, encoding="utf-8") as file:
+        lines = file.read().splitlines()
+    blocks = markdown_blocks(lines) if document.endswith(".md") else mdoc_blocks(lines)
+    mark = f"-docs{os.getpid()}"
+    failures, compiled, printed = [], 0, None
+    with tempfile.TemporaryDirectory() as scratch:
+        for number, language, before, body in blocks:
+            where = f"{document}:{number}"
+            text = "".join(line + "\n" for line in body)
+            if before.endswith("prints:") and printed is not None:
+                if printed != text:
+                    failures.append(f"{where}: the program printed\n{printed}")
+                printed = None
+                continue
+            if language not in compilers:
+                continue
+            if document == "README.md" and compiled == 0 and len(body) > README_LINES:
+                failures.append(f"{where}: {len(body)} lines, promised are {README_LINES}")
+            code = re.sub(r'((?:ipc|inproc)://[^",]+)', rf"\g<1>{mark}", text)
+            program = re.search(r"^(int )?main\(", text, re.M) is not None
+            output = f"{scratch}/example{number}"
+            errors = compile_code(compilers[language], language, directory, code, output, program)
+            compiled += 1
+            if errors is not None:
+                failures.append(f"{where}: does not compile\n{errors}")
+                continue
+            if program:
+                status, printed, errors = run(output)
+                if status != 0:
+                    failures.append(f"{where}: exit status {status}\n{errors}")
+    for fifo in glob.glob(f"/var/run/jactor/*{mark}"):
+        os.unlink(fifo)
+    print(f"{document}: {compiled} examples compiled")
+    print("\n".join(failures))
+    return 1 if failures else 0
+
+
+sys.exit(main())
