@@ -47,8 +47,7 @@ def mdoc_text(line):
     return line
 
 
-def mdoc_blocks(lines):
-    language = "cpp" if any("jactor.hpp" in line for line in lines) else "c"
+def mdoc_blocks(lines, language):
     before, body = "", None
     for number, line in enumerate(lines, 1):
         if line.startswith(".Bd -literal"):
@@ -82,7 +81,10 @@ def main():
     compilers = {"c": [cc], "cpp": [cxx]}
     with open(document, encoding="utf-8") as file:
         lines = file.read().splitlines()
-    blocks = markdown_blocks(lines) if document.endswith(".md") else mdoc_blocks(lines)
+    if document.endswith(".md"):
+        blocks = markdown_blocks(lines)
+    else:
+        blocks = mdoc_blocks(lines, "cpp" if "jactor_hpp" in document else "c")
     mark = f"-docs{os.getpid()}"
     failures, compiled, printed = [], 0, None
     with tempfile.TemporaryDirectory() as scratch:
