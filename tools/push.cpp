@@ -1,0 +1,167 @@
+// push.cpp - jpipe push and jpipe signal: words, lines or a file into an endpoint.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "commands.h"
+#include "lines.h"
+#include "progress.h"
+#include "report.h"
+#include "sock.h"
+
+namespace jpipe {
+namespace {
+
+// A line that is cut into frames may be longer than a message by its separators.
+constexpr std::size_t kLongestLine = 4 * JACTOR_MAX_SIZE;
+
+// A file opened for reading, or standard input for "-".
+class Input {
+ public:
+  explicit Input(const std::string& name)
+      : fd_(name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
+    if (fd_ < 0) {
+      throw Failure(kFailed, "cannot open " + name + ": " + std::strerror(errno));
+    }
+  }
+  Input(const Input&) = delete;
+  Input& operator=(const Input&) = delete;
+  ~Input() {
+    if (fd_ != STDIN_FILENO) {
+      ::close(fd_);
+    }
+  }
+  int fd() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// Sends messages, and remembers what there is to say about them.
+class Pusher {
+ public:
+  explicit Pusher(const Options& options)
+      : options_(options),
+        patience_(options.timeout),
+        sock_(options.operands[0], Direction::kPush, patience_),
+        progress_(options.progress) {}
+
+  Outcome Send(const Content& content) {
+    if (content.frames.size() > 1 && content.frames.back().empty() && !warned_) {
+      warned_ = true;
+      Note("an empty frame at the end of a message arrives as a message of its own");
+    }
+    const Outcome outcome = sock_.Put(content);
+    if (outcome == Outcome::kReady) {
+      progress_.Add(content);
+    } else {
+      Note("stopped before a message was sent, after " + progress_.Counts());
+    }
+    return outcome;
+  }
+
+  bool Enough() const { return options_.count && progress_.messages() >= *options_.count; }
+
+  // The end of the command, after the last message or what came instead of it.
+  Exit Leave(Outcome outcome) {
+    if (outcome != Outcome::kReady) {
+      sock_.SayWhatLeavingLoses();
+    } else if (!options_.no_wait) {
+      outcome = sock_.WaitUntilSafeToLeave();
+    }
+    return ExitFor(outcome, false);
+  }
+
+  Patience& patience() { return patience_; }
+
+ private:
+  const Options& options_;
+  Patience patience_;
+  EndpointSock sock_;
+  Progress progress_;
+  bool warned_ = false;
+};
+
+Content CutIntoFrames(std::string_view line, const std::optional<std::string>& separator) {
+  Content content;
+  if (separator) {
+    for (std::size_t at = line.find(*separator); at != std::string_view::npos;
+         at = line.find(*separator)) {
+      content.frames.push_back(line.substr(0, at));
+      line.remove_prefix(at + separator->size());
+    }
+  }
+  content.frames.push_back(line);
+  return content;
+}
+
+Outcome PushLines(const Options& options, Pusher& pusher) {
+  LineReader reader(STDIN_FILENO, "standard input", pusher.patience());
+  const std::size_t longest = options.frames ? kLongestLine : JACTOR_MAX_SIZE;
+  std::string line;
+  Outcome outcome = Outcome::kReady;
+  while (outcome == Outcome::kReady && !pusher.Enough()) {
+    bool at_end = false;
+    outcome = reader.Next(line, longest, at_end);
+    if (at_end) {
+      break;
+    }
+    if (outcome == Outcome::kReady) {
+      outcome = pusher.Send(CutIntoFrames(line, options.frames));
+    }
+  }
+  return outcome;
+}
+
+Outcome PushFile(const Options& options, Pusher& pusher) {
+  const Input input(*options.file);
+  LineReader reader(input.fd(), *options.file, pusher.patience());
+  std::string bytes;
+  const Outcome outcome = reader.Rest(bytes, JACTOR_MAX_SIZE);
+  if (outcome != Outcome::kReady) {
+    return outcome;
+  }
+  Content content;
+  content.frames.push_back(bytes);
+  return pusher.Send(content);
+}
+
+Outcome PushWords(const Options& options, Pusher& pusher) {
+  Content content;
+  content.frames.assign(options.operands.begin() + 1, options.operands.end());
+  return pusher.Send(content);
+}
+
+}  // namespace
+
+int Push(const Options& options) {
+  const bool words = options.operands.size() > 1;
+  if (words && (options.file || options.frames || options.count)) {
+    throw Failure(kUsage, "FRAME words make one message: leave out --file, --frames and --count");
+  }
+  if (options.file && (options.frames || options.count)) {
+    throw Failure(kUsage, "--file sends one message of one frame: leave out --frames and --count");
+  }
+  Pusher pusher(options);
+  try {
+    return pusher.Leave(words          ? PushWords(options, pusher)
+                        : options.file ? PushFile(options, pusher)
+                                       : PushLines(options, pusher));
+  } catch (const Failure& failure) {
+    // What was sent before is not lost with the bad input.
+    Note(failure.what());
+    pusher.Leave(Outcome::kReady);
+    return failure.code();
+  }
+}
+
+int Signal(const Options& options) {
+  Content content;
+  content.signal = static_cast<int>(Number("signal value", options.operands[1], 0, 255));
+  Pusher pusher(options);
+  return pusher.Leave(pusher.Send(content));
+}
+
+}  // namespace jpipe

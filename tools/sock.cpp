@@ -1,0 +1,272 @@
+// sock.cpp - reading and writing an endpoint without blocking for ever.
+#include "sock.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "endpoint.h"
+#include "report.h"
+
+namespace jpipe {
+namespace {
+
+constexpr int kOpenings = 3;         // two first openings that meet may both have to try again
+constexpr int kLookInterval = 20;    // milliseconds between two looks at the bytes that wait
+constexpr int kLooksPerSearch = 10;  // and between two searches for who has the FIFO open
+constexpr std::size_t kMaxFrames = 1048576;
+
+bool MustRepeat(int error) { return error == EINTR; }
+
+std::string WhyNotOpened(const std::string& endpoint, const std::string& fifo) {
+  const std::string reason = "cannot open " + endpoint + ": ";
+  struct stat status = {};
+  if (::lstat(fifo.c_str(), &status) == 0 && ::geteuid() != 0 && status.st_uid != ::geteuid()) {
+    return reason +
+           Text("%s belongs to user %u, and only its owner may open it: run jpipe as that user",
+                fifo.c_str(), status.st_uid);
+  }
+  if (::access(kRunDirectory, W_OK | X_OK) != 0) {
+    return reason + kRunDirectory + ": " + std::strerror(errno) +
+           ": have the administrator create it for you";
+  }
+  const std::string why = LibraryError();
+  return reason + (why.empty() ? "no memory left" : why) + ": see " + fifo;
+}
+
+JCXXSock* Open(const std::string& endpoint, Direction direction) {
+  const std::string fifo = FifoPath(endpoint);
+  for (int k = 0; k < kOpenings; ++k) {
+    ForgetLibraryError();
+    JCXXSock* sock = direction == Direction::kPull ? j_pipe_new_pull(endpoint.c_str())
+                                                   : j_pipe_new_push(endpoint.c_str());
+    if (sock != nullptr) {
+      return sock;
+    }
+  }
+  throw Failure(kFailed, WhyNotOpened(endpoint, fifo));
+}
+
+void CheckSize(const Content& content) {
+  const std::size_t bytes = content.Bytes();
+  if (bytes > JACTOR_MAX_SIZE) {
+    throw Failure(kFailed, Text("the message has %zu bytes, and the most is %d: split it", bytes,
+                                JACTOR_MAX_SIZE));
+  }
+  if (content.frames.size() > kMaxFrames) {
+    throw Failure(kFailed, Text("the message has %zu frames, and the most is %zu: split it",
+                                content.frames.size(), kMaxFrames));
+  }
+}
+
+}  // namespace
+
+std::size_t Content::Bytes() const {
+  std::size_t bytes = 0;
+  for (const std::string_view frame : frames) {
+    bytes += frame.size();
+  }
+  return bytes;
+}
+
+EndpointSock::EndpointSock(const std::string& endpoint, Direction direction, Patience& patience)
+    : endpoint_(endpoint),
+      patience_(patience),
+      opened_(Open(endpoint, direction)),
+      fd_(j_sock_fd(opened_)) {
+  ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
+}
+
+EndpointSock::~EndpointSock() { j_sock_destroy(&opened_); }
+
+int EndpointSock::GetReadFD(int& fd) {
+  fd = fd_;
+  return 0;
+}
+
+int EndpointSock::GetWriteFD(int& fd) { return GetReadFD(fd); }
+
+std::size_t EndpointSock::Waiting() const { return BytesWaiting(fd_); }
+
+// Waits after EAGAIN. Result: whether the transfer may be tried again.
+bool EndpointSock::MayGoOn(short events, bool begun) {
+  if (errno == EAGAIN) {
+    ended_ = patience_.Wait(fd_, events, begun);
+    return ended_ == Outcome::kReady;
+  }
+  if (MustRepeat(errno)) {
+    return true;
+  }
+  error_ = errno;
+  return false;
+}
+
+int EndpointSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got) {
+  got = 0;
+  std::size_t done = 0;
+  while (done < len) {
+    const ssize_t count = ::read(fd_, buf + done, len - done);
+    if (count > 0) {
+      done += static_cast<std::size_t>(count);
+      moved_ += static_cast<std::size_t>(count);
+    } else if (count == 0 || !MayGoOn(POLLIN, moved_ > 0)) {
+      return -1;
+    }
+  }
+  got = len;
+  return 0;
+}
+
+int EndpointSock::WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& written) {
+  written = 0;
+  size_on_wire_ = len;
+  while (moved_ < len) {
+    const ssize_t count = ::write(fd_, buf + moved_, len - moved_);
+    if (count > 0) {
+      moved_ += static_cast<std::size_t>(count);
+    } else if (!MayGoOn(POLLOUT, moved_ > 0 || sends_what_was_taken_)) {
+      return -1;
+    }
+  }
+  written = len;
+  return 0;
+}
+
+// One write of the whole message keeps it in one piece among other writers up to
+// PIPE_BUF bytes, however many frames it has.
+int EndpointSock::WriteBlockingIOV(const iovec* iov, int iovcnt, std::size_t& written) {
+  std::vector<unsigned char> bytes;
+  for (int k = 0; k < iovcnt; ++k) {
+    const auto* first = static_cast<const unsigned char*>(iov[k].iov_base);
+    bytes.insert(bytes.end(), first, first + iov[k].iov_len);
+  }
+  return WriteBlocking(bytes.data(), bytes.size(), written);
+}
+
+void EndpointSock::Begin() {
+  moved_ = 0;
+  ended_ = Outcome::kReady;
+  error_ = 0;
+  frames_.clear();
+  ForgetLibraryError();
+}
+
+void EndpointSock::TakeApart(JCXXMsg* msg, Content& content) {
+  content.signal = j_msg_signal(msg);
+  content.frames.clear();
+  while (JCXXFrame* frame = j_msg_pop(msg)) {
+    frames_.emplace_back(frame);
+    content.frames.emplace_back(reinterpret_cast<const char*>(j_frame_data(frame)),
+                                j_frame_size(frame));
+  }
+}
+
+// What to tell of a message that was not transferred to its end.
+Outcome EndpointSock::Unfinished(Direction direction) {
+  const bool pull = direction == Direction::kPull;
+  if (ended_ == Outcome::kReady) {
+    const std::string why = error_ != 0 ? std::strerror(error_) : LibraryError();
+    throw Failure(
+        kFailed, pull && error_ == 0
+                     ? "the bytes in " + endpoint_ + " are not a message" +
+                           (why.empty() ? "" : " (" + why + ")") +
+                           ": throw away what is left with: jpipe drain " + endpoint_
+                     : "cannot " + std::string(pull ? "read " : "write ") + endpoint_ + ": " + why);
+  }
+  if (moved_ > 0 && pull) {
+    Note(
+        Text("%s of a message that its sender has not finished were taken from %s and are lost; "
+             "when no sender is at work any more, throw away the rest with: jpipe drain %s",
+             Counted(moved_, "byte").c_str(), endpoint_.c_str(), endpoint_.c_str()));
+  } else if (moved_ > 0) {
+    Note(
+        Text("only %zu of the %zu bytes of a message went into %s: its reader cannot make sense "
+             "of them; throw them away with: jpipe drain %s",
+             moved_, size_on_wire_, endpoint_.c_str(), endpoint_.c_str()));
+  }
+  return ended_;
+}
+
+Outcome EndpointSock::Take(Content& content) {
+  Begin();
+  if (const Outcome outcome = patience_.Wait(fd_, POLLIN, false); outcome != Outcome::kReady) {
+    return outcome;
+  }
+  const Msg msg(j_msg_recv(static_cast<JCXXSock*>(this)));
+  if (msg == nullptr) {
+    return Unfinished(Direction::kPull);
+  }
+  TakeApart(msg.get(), content);
+  return Outcome::kReady;
+}
+
+Outcome EndpointSock::Put(const Content& content) {
+  Begin();
+  CheckSize(content);
+  JCXXSock* self = this;
+  if (content.signal >= 0) {
+    return j_sock_signal(self, static_cast<unsigned char>(content.signal)) == 0
+               ? Outcome::kReady
+               : Unfinished(Direction::kPush);
+  }
+  Msg msg(j_msg_new());
+  for (const std::string_view frame : content.frames) {
+    if (j_msg_addmem(msg.get(), frame.empty() ? "" : frame.data(), frame.size()) != 0) {
+      throw Failure(kFailed, "no memory left for a message");
+    }
+  }
+  JCXXMsg* sent = msg.release();
+  if (sent != nullptr && j_msg_send(&sent, self) == 0) {
+    return Outcome::kReady;
+  }
+  msg.reset(sent);
+  return Unfinished(Direction::kPush);
+}
+
+void EndpointSock::WillLeave() { ::flock(fd_, LOCK_SH | LOCK_NB); }
+
+// Another process has the FIFO open, and it is not a jpipe that will leave soon:
+// such a one holds a shared lock, which keeps the exclusive lock out. Two
+// processes can thus never both leave the bytes to the other one.
+Outcome EndpointSock::WaitUntilSafeToLeave() {
+  bool said = false;
+  int found = 0;
+  for (int look = 0; Waiting() > 0; ++look) {
+    if (look % kLooksPerSearch <= 1) {
+      const bool held = ::flock(fd_, LOCK_EX | LOCK_NB) == 0 && IsHeldElsewhere(fd_);
+      found = held ? found + 1 : 0;
+      if (found == 2) {  // twice in a row: it was not one that had just come to leave
+        return Outcome::kReady;
+      }
+      WillLeave();
+      if (look > 0 && !held && !said && Waiting() > 0) {
+        said = true;
+        Note(
+            Text("%s wait in %s, which nobody else keeps open: staying until they are taken "
+                 "(leaving now would lose them; --no-wait does)",
+                 Counted(Waiting(), "byte").c_str(), endpoint_.c_str()));
+      }
+    }
+    const Outcome outcome = patience_.Wait(-1, 0, sends_what_was_taken_, kLookInterval);
+    if (outcome != Outcome::kTick) {
+      SayWhatLeavingLoses();
+      return outcome;
+    }
+  }
+  return Outcome::kReady;
+}
+
+void EndpointSock::SayWhatLeavingLoses() {
+  const std::size_t bytes = Waiting();
+  if (bytes > 0 && !IsHeldElsewhere(fd_)) {
+    Note(Text("%s that wait in %s are lost, since nobody else has it open",
+              Counted(bytes, "byte").c_str(), endpoint_.c_str()));
+  }
+}
+
+}  // namespace jpipe

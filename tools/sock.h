@@ -1,0 +1,103 @@
+// sock.h - an endpoint's sock for a command that must be able to stop.
+#ifndef JPIPE_SOCK_H
+#define JPIPE_SOCK_H
+
+#include <jactor.h>
+#include <jcxxsock.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "waiting.h"
+
+namespace jpipe {
+
+// A message taken apart, or about to be sent. The views point into what the
+// message came from.
+struct Content {
+  int signal = -1;  // 0 to 255 for a signal, which has no frames
+  std::vector<std::string_view> frames;
+  std::size_t Bytes() const;
+};
+
+enum class Direction { kPull, kPush };
+
+// A sock on an endpoint that reads and writes without blocking and waits with a
+// Patience in between.
+//
+// It takes no byte before a message asks for it: the library's socks read ahead,
+// and what they have read ahead is lost when the process ends, which a command
+// that takes a few messages and leaves cannot have.
+class EndpointSock final : public JCXXSock {
+ public:
+  // Opens the endpoint. Fails with the reason and what to do about it.
+  EndpointSock(const std::string& endpoint, Direction direction, Patience& patience);
+  EndpointSock(const EndpointSock&) = delete;
+  EndpointSock& operator=(const EndpointSock&) = delete;
+  ~EndpointSock() override;
+
+  // Receives the next message. Result: kReady and `content`, which is good until
+  // the next call; or what ended the wait. Fails when the bytes are no message.
+  Outcome Take(Content& content);
+
+  // Sends a message. Result: kReady, or what ended the wait. Fails when the
+  // message is too large, or cannot be written.
+  Outcome Put(const Content& content);
+
+  // Has Put treat every message as begun: one that was taken from elsewhere gets
+  // the grace period even when no byte of it is written.
+  void SendsWhatWasTaken() { sends_what_was_taken_ = true; }
+
+  // Tells other jpipe processes that this one will leave the endpoint soon, so
+  // that they do not leave their bytes to it.
+  void WillLeave();
+
+  // Waits while bytes lie in the FIFO and nobody else has it open, since they
+  // would be lost. Says so once. Result: kReady when it is safe to leave, or what
+  // ended the wait.
+  Outcome WaitUntilSafeToLeave();
+
+  // Says so when bytes are lost now because nobody else has the FIFO open.
+  void SayWhatLeavingLoses();
+
+  int fd() const { return fd_; }
+  std::size_t Waiting() const;
+  const std::string& endpoint() const { return endpoint_; }
+
+  int GetReadFD(int& fd) override;
+  int GetWriteFD(int& fd) override;
+  int ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got) override;
+  int WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& written) override;
+  int WriteBlockingIOV(const iovec* iov, int iovcnt, std::size_t& written) override;
+
+ private:
+  struct DestroyMsg {
+    void operator()(JCXXMsg* msg) const { j_msg_destroy(&msg); }
+  };
+  struct DestroyFrame {
+    void operator()(JCXXFrame* frame) const { j_frame_destroy(&frame); }
+  };
+  using Msg = std::unique_ptr<JCXXMsg, DestroyMsg>;
+
+  void Begin();
+  bool MayGoOn(short events, bool begun);
+  Outcome Unfinished(Direction direction);
+  void TakeApart(JCXXMsg* msg, Content& content);
+
+  std::string endpoint_;
+  Patience& patience_;
+  JCXXSock* opened_;
+  int fd_;
+  bool sends_what_was_taken_ = false;
+  std::size_t moved_ = 0;            // bytes of the message under way
+  std::size_t size_on_wire_ = 0;     // of the message being sent
+  Outcome ended_ = Outcome::kReady;  // what ended the message under way
+  int error_ = 0;                    // errno of its failed system call
+  std::vector<std::unique_ptr<JCXXFrame, DestroyFrame>> frames_;  // of the last message
+};
+
+}  // namespace jpipe
+
+#endif

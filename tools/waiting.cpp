@@ -1,0 +1,133 @@
+// waiting.cpp - stop requests and time limits.
+#include "waiting.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+
+namespace jpipe {
+namespace {
+
+int stop_pipe[2] = {-1, -1};
+int requests = 0;
+
+void OnStopSignal(int /*signal*/) {
+  const int saved = errno;
+  const char byte = 0;
+  if (::write(stop_pipe[1], &byte, 1) < 0) {
+    // The pipe is full of requests already.
+  }
+  errno = saved;
+}
+
+Patience::Clock::duration Seconds(double seconds) {
+  return std::chrono::duration_cast<Patience::Clock::duration>(
+      std::chrono::duration<double>(seconds));
+}
+
+}  // namespace
+
+void StopRequests::Install() {
+  if (::pipe2(stop_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
+    throw Failure(kFailed, "cannot make a pipe: close some files or raise the limit (ulimit -n)");
+  }
+  struct sigaction action = {};
+  action.sa_handler = OnStopSignal;
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction inherited = {};
+    ::sigaction(number, nullptr, &inherited);
+    if (inherited.sa_handler != SIG_IGN) {  // nohup, or a background job of a script
+      ::sigaction(number, &action, nullptr);
+    }
+  }
+  action.sa_handler = SIG_IGN;
+  ::sigaction(SIGPIPE, &action, nullptr);
+}
+
+int StopRequests::fd() { return stop_pipe[0]; }
+
+int StopRequests::Take() {
+  char bytes[16];
+  ssize_t count = 0;
+  while ((count = ::read(stop_pipe[0], bytes, sizeof bytes)) > 0) {
+    requests += static_cast<int>(count);
+  }
+  return requests;
+}
+
+Patience::Patience(std::optional<double> timeout, std::optional<double> grace)
+    : polling_(timeout.has_value() && *timeout <= 0), grace_(grace) {
+  if (timeout) {
+    deadline_ = Clock::now() + Seconds(*timeout);
+  }
+}
+
+bool Patience::IsOver(bool begun) const {
+  return cause_ && (!begun || (grace_end_ && Clock::now() >= *grace_end_));
+}
+
+int Patience::Milliseconds(int slice) const {
+  const std::optional<Clock::time_point> limit = cause_ ? grace_end_ : deadline_;
+  if (!limit) {
+    return slice;
+  }
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*limit - Clock::now()).count();
+  const int bounded = static_cast<int>(std::clamp<long long>(left, 0, 3600 * 1000));
+  return slice < 0 ? bounded : std::min(slice, bounded);
+}
+
+void Patience::Interrupt(Outcome cause) {
+  if (cause_) {
+    grace_end_ = Clock::now();
+    return;
+  }
+  cause_ = cause;
+  if (grace_) {
+    grace_end_ = Clock::now() + Seconds(*grace_);
+  }
+}
+
+Outcome Patience::Wait(int fd, short events, bool begun, int slice) {
+  for (;;) {
+    const bool late = deadline_ && Clock::now() >= *deadline_;
+    if (late && !polling_ && !cause_) {
+      Interrupt(Outcome::kTimedOut);
+    }
+    if (IsOver(begun)) {
+      return *cause_;
+    }
+    pollfd watched[3] = {
+        {fd, events, 0}, {StopRequests::fd(), POLLIN, 0}, {cause_ ? -1 : output_, 0, 0}};
+    const int ready = ::poll(watched, 3, Milliseconds(slice));
+    if (watched[1].revents != 0) {
+      StopRequests::Take();
+      Interrupt(Outcome::kStopped);
+      if (begun && !said_in_grace_.empty() && !IsOver(begun)) {
+        Note(said_in_grace_);
+      }
+    } else if (watched[0].revents != 0) {
+      return Outcome::kReady;
+    } else if (watched[2].revents != 0) {
+      Interrupt(Outcome::kOutputClosed);
+    } else if (ready == 0 && !cause_ && deadline_ && Clock::now() >= *deadline_) {
+      Interrupt(Outcome::kTimedOut);
+    } else if (ready == 0 && slice >= 0) {
+      return Outcome::kTick;
+    }
+  }
+}
+
+Exit ExitFor(Outcome outcome, bool complete) {
+  if (outcome == Outcome::kTimedOut) {
+    return kTimedOut;
+  }
+  return complete || outcome == Outcome::kReady || outcome == Outcome::kOutputClosed ? kDone
+                                                                                     : kFailed;
+}
+
+}  // namespace jpipe
