@@ -380,7 +380,15 @@ INTERPOSE(int, ioctl, (int fd, unsigned long request, ...), noexcept, (Call::kIo
           fd, request, THIRD(request))
 INTERPOSE(int, fcntl, (int fd, int command, ...), , (Call::kFcntl), fd, command, THIRD(command))
 INTERPOSE(int, pipe, (int* ends), noexcept, (Call::kPipe), ends)
-INTERPOSE(int, close, (int fd), , (Call::kClose), fd)
+
+// The descriptor is gone also when the call is made to fail, as on Linux.
+INTERPOSED int close(int fd) {
+  static const auto real = reinterpret_cast<decltype(&::close)>(::dlsym(RTLD_NEXT, "close"));
+  const int rc = real(fd);
+  const Interceptor to(Call::kClose);
+  return to.done ? static_cast<int>(to.result) : rc;
+}
+
 INTERPOSE(int, open, (const char* path, int flags, ...), , (Call::kOpen),
           Place(path).c_str(), flags, THIRD(flags))
 INTERPOSE(int, mkfifo, (const char* path, mode_t mode), noexcept, (Call::kMkfifo),
