@@ -1,4 +1,5 @@
-"""Checks the manual pages: clean mdoc, synopses that agree with jactor.h, a page for every call.
+"""Checks the manual pages: clean mdoc, synopses that agree with jactor.h, and a page and a
+row in README.md for every call.
 
 man/aliases.txt names, a line each, a page and the page that it is a link to.
 Exit status 77: there is no mandoc.
@@ -55,6 +56,8 @@ def missing_names(linked):
     calls = re.findall(r"^JACTOR_API [^(]*?(\w+)\(", header, re.M)
     failures += [f"{call}: no manual page" for call in calls
                  if f"{call}.3" not in linked and not os.path.exists(f"man/{call}.3")]
+    readme = open("README.md", encoding="utf-8").read()
+    failures += [f"README.md: {call} is not in the table" for call in calls if f"`{call}(" not in readme]
     return failures if calls else ["jactor.h: no calls found"]
 
 
