@@ -161,13 +161,15 @@ def chart_value(row, runs):
 def chart_script(path, title, label, logarithmic, named_rows, results):
     columns = [column for column in COLUMNS
                if any(runs_of(results, row, column[1]) for row, _ in named_rows)]
+    if logarithmic:
+        label += ", logarithmic"
     lines = ["set terminal svg size 860,420 font 'sans-serif,13' background '#ffffff'",
              f"set output '{path}'", f'set title "{title}"', f'set ylabel "{label}"',
              "set style data histogram", "set style histogram clustered gap 1",
              "set style fill solid 0.9 border -1", "set boxwidth 0.9",
              "set grid ytics lc rgb '#dddddd'", "set key outside right top",
              "set logscale y" if logarithmic else "set yrange [0:*]",
-             "set xtics nomirror", "set datafile missing 'NaN'", "$data << END"]
+             "set bmargin 4", "set xtics nomirror", "set datafile missing 'NaN'", "$data << END"]
     for row, name in named_rows:
         values = [chart_value(row, runs_of(results, row, systems)) for _, systems in columns]
         lines.append(f'"{name}" ' + " ".join(values))
