@@ -18,6 +18,7 @@
 #define JACTOR_HPP
 
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -495,6 +496,7 @@ class ActorState {
   // The creator may read the rest as soon as it sees `finished_`, and starts to
   // look when it has the signal that it waits for.
   void finish(JCXXSock* sock) noexcept {
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     finished_.store(true, std::memory_order_release);
     if (!started_) {
       j_sock_signal(sock, 0);

@@ -1,5 +1,8 @@
 // wrapper_test.cpp - jactor.hpp: its owners, the exceptions of actors, receives
 // with a time limit, and event loops.
+// clang-format off
+#include "jactor.hpp"  // and again below, which adds the part for event loops
+// clang-format on
 #include <czmq.h>
 #include <pthread.h>
 #include <signal.h>
@@ -10,17 +13,10 @@
 #include <vector>
 
 #include "jactor.hpp"
-#include "jactor.hpp"  // again: the part for event loops, after <czmq.h>
 #include "support.h"
 
 using namespace std::chrono_literals;
-using jactor::Actor;
-using jactor::AtEnd;
-using jactor::Frame;
-using jactor::Message;
-using jactor::Sock;
-using jactor::SockRef;
-using jactor::Watch;
+using namespace jactor;
 
 template <class T>
 constexpr bool kMoveOnly =
@@ -107,15 +103,15 @@ TEST_F(Wrapper, SendEmptiesItsMessageOnlyOnSuccess) {
   Actor echo(Echo);
   const std::string half(JACTOR_MAX_SIZE / 2, 'x');
   Message message{half, half, "!"};
-  EXPECT_THROW(message.add(std::string(JACTOR_MAX_SIZE + 1, 'x')), jactor::error);
-  EXPECT_THROW(echo.send(std::move(message)), jactor::error);
+  EXPECT_THROW(message.add(std::string(JACTOR_MAX_SIZE + 1, 'x')), error);
+  EXPECT_THROW(echo.send(std::move(message)), error);
   ASSERT_TRUE(message);
   EXPECT_EQ(message.pop_string(), half);
 
   echo.send(std::move(message));
   EXPECT_FALSE(message);
-  EXPECT_THROW(echo.send(std::move(message)), jactor::error);
-  EXPECT_THROW(message.add("more"), jactor::error);
+  EXPECT_THROW(echo.send(std::move(message)), error);
+  EXPECT_THROW(message.add("more"), error);
   EXPECT_FALSE(message.pop());
   EXPECT_FALSE(message.signal());
   EXPECT_EQ(echo.receive()->pop_string(), half);
@@ -124,8 +120,8 @@ TEST_F(Wrapper, SendEmptiesItsMessageOnlyOnSuccess) {
 TEST_F(Wrapper, EndpointsThatCannotBeOpenedAreErrors) {
   const std::string with_zero("ipc://a\0b", 9);
   for (const std::string& endpoint : {std::string(), std::string("tcp://host:1"), with_zero}) {
-    EXPECT_THROW(Sock::pull(endpoint), jactor::error) << endpoint;
-    EXPECT_THROW(Sock::push(endpoint), jactor::error) << endpoint;
+    EXPECT_THROW(Sock::pull(endpoint), error) << endpoint;
+    EXPECT_THROW(Sock::push(endpoint), error) << endpoint;
   }
 }
 
@@ -156,7 +152,7 @@ TEST_F(Wrapper, AnActorAndItsCallableCanBeMoved) {
   EXPECT_EQ(runs, 1);
   actor.signal(1);
   EXPECT_EQ(actor.receive()->signal(), 1);
-  EXPECT_THROW(moved.signal(1), jactor::error);
+  EXPECT_THROW(moved.signal(1), error);
   EXPECT_FALSE(moved.receive());
 }
 
@@ -189,7 +185,7 @@ TEST_F(Wrapper, SendingToACreatorThatHasGoneIsAnErrorInTheActor) {
       sock.signal(0);
     }
   });
-  EXPECT_THROW(actor.join(), jactor::error);
+  EXPECT_THROW(actor.join(), error);
   ::signal(SIGPIPE, ignored);
 }
 
@@ -214,7 +210,7 @@ TEST_F(Wrapper, ATimeLimitTellsTimeOutFromEnd) {
   EXPECT_TRUE(actor.receive_for(1ms).timed_out);
   actor.join();
   EXPECT_FALSE(timed_out);
-  EXPECT_THROW(actor.receive_for(0s), jactor::error);
+  EXPECT_THROW(actor.receive_for(0s), error);
 
   Actor over([](SockRef) {});
   const auto end = over.receive_for(1h);
@@ -246,7 +242,7 @@ TEST_F(Wrapper, ALoopSeesAnEndThatComesWithData) {
     Actor actor([&](SockRef sock) {
       const Loop loop(zloop_new());
       const auto count = [&](Message) { ++handled; };
-      const Watch watch = jactor::watch(loop.get(), sock, count, AtEnd::kEndLoop);
+      const Watch watching = watch(loop.get(), sock, count, AtEnd::kEndLoop);
       sock.ready();
       zloop_start(loop.get());
     });
@@ -260,13 +256,13 @@ TEST_F(Wrapper, AnEndThatEndsTheWatchLeavesTheLoopRunning) {
   bool ended_by_timer = false;
   Actor actor([&](SockRef sock) {
     const Loop loop(zloop_new());
-    const Watch watch = jactor::watch(loop.get(), sock, [](Message) {});
+    const Watch watching = watch(loop.get(), sock, [](Message) {});
     const auto tick = [](zloop_t*, int, void* arg) {
       return static_cast<const Watch*>(arg)->active() ? 0 : -1;
     };
-    zloop_timer(loop.get(), 1, 0, tick, const_cast<Watch*>(&watch));
+    zloop_timer(loop.get(), 1, 0, tick, const_cast<Watch*>(&watching));
     sock.ready();
-    ended_by_timer = zloop_start(loop.get()) == -1 && !watch.active();
+    ended_by_timer = zloop_start(loop.get()) == -1 && !watching.active();
   });
   actor.send(Message{"work"});
   actor.join();
@@ -280,36 +276,40 @@ TEST_F(Wrapper, AHandlersExceptionEndsTheLoopAndLosesNothing) {
   }
   const Loop loop(zloop_new());
   std::string handled;
-  Watch watch = jactor::watch(loop.get(), *jobs.pull, [&](Message message) {
+  Watch watching = watch(loop.get(), *jobs.pull, [&](Message message) {
     handled += message.pop_string().value();
     if (handled == "12bad") {
       throw std::invalid_argument(handled);
     }
   });
   EXPECT_EQ(zloop_start(loop.get()), -1);
-  EXPECT_THROW(watch.rethrow(), std::invalid_argument);
-  EXPECT_NO_THROW(watch.rethrow());
-  EXPECT_TRUE(watch.active());
+  EXPECT_THROW(watching.rethrow(), std::invalid_argument);
+  EXPECT_NO_THROW(watching.rethrow());
+  EXPECT_TRUE(watching.active());
   EXPECT_EQ(jobs.pull->receive_for(0s).message->pop_string(), "4");
 }
 
-TEST_F(Wrapper, AHandlerMayDestroyItsWatchAndItsSock) {
-  const Loop loop(zloop_new());
-  Endpoint first;
-  const Endpoint second;
-  int handled = 0;
-  std::optional<Watch> gone;
-  gone = jactor::watch(loop.get(), *first.pull, [&](Message) {
-    ++handled;
-    gone.reset();
-    first.pull.reset();
-  });
-  const Watch last = jactor::watch(loop.get(), *second.pull, [](Message) { return -1; });
-  first.push.signal(1);
-  first.push.signal(2);
-  second.push.signal(3);
-  EXPECT_EQ(zloop_start(loop.get()), -1);
-  EXPECT_EQ(handled, 1);
+TEST_F(Wrapper, AHandlerMayDestroyItsWatchAndThenItsSock) {
+  for (const bool sock_too : {false, true}) {
+    const Loop loop(zloop_new());
+    Endpoint first;
+    const Endpoint second;
+    int handled = 0;
+    std::optional<Watch> gone;
+    gone = watch(loop.get(), *first.pull, [&, sock_too](Message) {
+      ++handled;
+      gone.reset();
+      if (sock_too) {
+        first.pull.reset();
+      }
+    });
+    const Watch last = watch(loop.get(), *second.pull, [](Message) { return -1; });
+    first.push.signal(1);
+    first.push.signal(2);
+    second.push.signal(3);
+    EXPECT_EQ(zloop_start(loop.get()), -1);
+    EXPECT_EQ(handled, 1);
+  }
 }
 
 }  // namespace
