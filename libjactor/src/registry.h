@@ -67,25 +67,33 @@ class KnownHandles {
   // Tells the answer known for `p`, if it still holds.
   static std::optional<bool> Recall(const Changes& changes, const Object* p) {
     const Entry& entry = entries_[SpreadAddress<kEntries>(p)];
-    if (entry.object != p || entry.since != changes.Since(p, entry.valid)) {
+    const bool valid = (entry.answer & 1) != 0;
+    if (entry.object != p || entry.answer != Answer(changes, p, valid)) {
       return std::nullopt;
     }
-    return entry.valid;
+    return valid;
   }
 
   // With the mutex held, so that answer and count belong together.
   static void Remember(const Changes& changes, const Object* p, bool valid) {
-    entries_[SpreadAddress<kEntries>(p)] = {p, changes.Since(p, valid), valid};
+    entries_[SpreadAddress<kEntries>(p)] = {p, Answer(changes, p, valid)};
   }
 
  private:
-  static constexpr std::size_t kEntries = 16;
+  static constexpr std::size_t kEntries = 8;
   struct Entry {
     const Object* object;
-    std::uint64_t since;
-    bool valid;
+    std::uint64_t answer;  // the count, and in the lowest bit whether the handle is valid
   };
-  static inline thread_local std::array<Entry, kEntries> entries_ = {};
+
+  static std::uint64_t Answer(const Changes& changes, const Object* p, bool valid) {
+    return changes.Since(p, valid) << 1 | static_cast<std::uint64_t>(valid);
+  }
+
+  // Found without a call. A few hundred bytes of this kind do no harm even where
+  // the library is loaded late, by dlopen.
+  [[gnu::tls_model("initial-exec")]] static inline thread_local std::array<Entry, kEntries>
+      entries_ = {};
 };
 
 // Set nodes kept for the next objects. Only with the mutex held.
