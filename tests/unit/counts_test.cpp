@@ -1,7 +1,7 @@
 // counts_test.cpp - what a message costs, counted: system calls, allocations, and
 // acquisitions of the registry's mutex. The bounds are what is used now: a change
 // that needs more has to say so here. Acquisitions depend a little on where the
-// objects happen to lie; their bound is the most that was seen.
+// objects happen to lie, so that their bounds have some room.
 #include <dlfcn.h>
 #include <pthread.h>
 
@@ -103,13 +103,13 @@ class CountsTest : public support::PairTest {
 };
 
 TEST_F(CountsTest, MessagesCostNoMoreThanBefore) {
-  ExpectAtMost("32 B, one by one", {3, 10, 10}, Measure(1, [&] { Exchange(1, 32, 1); }));
-  ExpectAtMost("32 B, in bursts of 10", {1.2, 9.1, 8.2}, Measure(10, [&] { Exchange(1, 32, 10); }));
-  ExpectAtMost("1 KiB, one by one", {3, 10, 10}, Measure(1, [&] { Exchange(1, 1024, 1); }));
-  ExpectAtMost("eight frames of 64 B", {3, 54, 48}, Measure(1, [&] { Exchange(8, 64, 1); }));
-  ExpectAtMost("build and take apart 3 frames", {0, 10, 10},
+  ExpectAtMost("32 B, one by one", {3, 10, 12}, Measure(1, [&] { Exchange(1, 32, 1); }));
+  ExpectAtMost("32 B, in bursts of 10", {1.2, 9.1, 10}, Measure(10, [&] { Exchange(1, 32, 10); }));
+  ExpectAtMost("1 KiB, one by one", {3, 10, 12}, Measure(1, [&] { Exchange(1, 1024, 1); }));
+  ExpectAtMost("eight frames of 64 B", {3, 54, 54}, Measure(1, [&] { Exchange(8, 64, 1); }));
+  ExpectAtMost("build and take apart 3 frames", {0, 10, 12},
                Measure(1, [] { TakeApart(Build(3, 32), 3); }));
-  ExpectAtMost("signal", {3, 4, 10}, Measure(1, [&] {
+  ExpectAtMost("signal", {3, 4, 12}, Measure(1, [&] {
                  EXPECT_EQ(j_sock_signal(a.get(), 7), 0);
                  JCXXMsg* msg = j_msg_recv(b.get());
                  EXPECT_EQ(j_msg_signal(msg), 7);
