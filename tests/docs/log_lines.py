@@ -1,0 +1,29 @@
+"""Checks that the log lines that docs/errors.md names are lines that the library writes."""
+
+import glob
+import re
+import sys
+
+FROM_THE_SYSTEM = ("std::bad_alloc", "Resource temporarily unavailable", "filesystem error: status: ...")
+
+
+def main():
+    sources = "".join(open(path, encoding="utf-8").read() for path in glob.glob("libjactor/src/*"))
+    with open("docs/errors.md", encoding="utf-8") as file:
+        text = file.read()
+    named = []
+    for header, body in re.findall(r"^\|( .*in the log.*)\n\|[-|]+\n((?:\|.*\n)+)", text, re.M):
+        column = [cell.strip() for cell in header.split("|")].index("in the log")
+        for row in body.splitlines():
+            named += re.findall(r"`([^`]+)`", row.strip("|").split("|")[column])
+    failures = []
+    for line in named:
+        written = re.sub(r"=(-?\d+|N)$", "=%d", line.removesuffix(", ..."))
+        if line not in FROM_THE_SYSTEM and written not in sources:
+            failures.append(f"docs/errors.md: the library does not write {line}")
+    print(f"{len(named)} log lines checked")
+    print("\n".join(failures))
+    return 1 if failures or not named else 0
+
+
+sys.exit(main())
