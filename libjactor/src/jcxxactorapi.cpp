@@ -458,6 +458,9 @@ int JCXXActorAPI::hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock,
   std::unordered_set<hybrid_poller_info*> entry{record.get()};
   {
     const std::lock_guard<std::mutex> lock(mutex);
+    if (destroyed) {
+      return -1;
+    }
     pollers.reserve(pollers.size() + 1);
   }
   zmq_pollitem_t item = PollItem(fd);
@@ -484,10 +487,15 @@ void JCXXActorAPI::hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock) {
   zmq_pollitem_t item = PollItem(fd);
   zloop_poller_end(loop, &item);
   const std::lock_guard<std::mutex> lock(mutex);
+  if (destroyed) {
+    return;
+  }
   for (auto next = pollers.begin(); next != pollers.end();) {
     hybrid_poller_info* record = *next;
     int watched = -1;
-    if (ReadDescriptor(record->sock, watched) == 0 && watched == fd) {
+    // A sock that was destroyed in spite of its registration is not asked.
+    if (socks.count(record->sock) != 0 && ReadDescriptor(record->sock, watched) == 0 &&
+        watched == fd) {
       next = pollers.erase(next);
       delete record;
     } else {
