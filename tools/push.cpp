@@ -21,7 +21,7 @@ constexpr std::size_t kLongestLine = 4 * JACTOR_MAX_SIZE;
 class Input {
  public:
   explicit Input(const std::string& name)
-      : fd_(name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
+      : name_(name), fd_(name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
     if (fd_ < 0) {
       throw Failure(kFailed, "cannot open " + name + ": " + std::strerror(errno));
     }
@@ -34,8 +34,10 @@ class Input {
     }
   }
   int fd() const { return fd_; }
+  const std::string& name() const { return name_; }
 
  private:
+  std::string name_;
   int fd_;
 };
 
@@ -115,9 +117,8 @@ Outcome PushLines(const Options& options, Pusher& pusher) {
   return outcome;
 }
 
-Outcome PushFile(const Options& options, Pusher& pusher) {
-  const Input input(*options.file);
-  LineReader reader(input.fd(), *options.file, pusher.patience());
+Outcome PushFile(const Input& input, Pusher& pusher) {
+  LineReader reader(input.fd(), input.name(), pusher.patience());
   std::string bytes;
   const Outcome outcome = reader.Rest(bytes, JACTOR_MAX_SIZE);
   if (outcome != Outcome::kReady) {
@@ -144,11 +145,15 @@ int Push(const Options& options) {
   if (options.file && (options.frames || options.count)) {
     throw Failure(kUsage, "--file sends one message of one frame: leave out --frames and --count");
   }
+  std::optional<Input> input;
+  if (options.file) {
+    input.emplace(*options.file);
+  }
   Pusher pusher(options);
   try {
-    return pusher.Leave(words          ? PushWords(options, pusher)
-                        : options.file ? PushFile(options, pusher)
-                                       : PushLines(options, pusher));
+    return pusher.Leave(words   ? PushWords(options, pusher)
+                        : input ? PushFile(*input, pusher)
+                                : PushLines(options, pusher));
   } catch (const Failure& failure) {
     // What was sent before is not lost with the bad input.
     Note(failure.what());

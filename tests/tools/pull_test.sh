@@ -1,0 +1,82 @@
+#!/bin/bash
+# How a pull ends, and what it leaves.
+. "$(dirname "$0")/lib.sh"
+e=$(endpoint e)
+mkfifo "$(fifo e)"
+exec 9<>"$(fifo e)"
+
+# It takes the messages that it shows and no byte more.
+printf '\x01a\x01b\x43\x01c\x02dd\x01e' >&9
+is 'the first two' $'a\nb' "$("$JPIPE" pull "$e" --count 2)"
+is 'the third' $'c\tdd' "$("$JPIPE" pull "$e" --count 1)"
+is 'the last' e "$("$JPIPE" pull "$e" --timeout 0; echo "$?" >"$scratch/code")"
+is 'nothing more waits' 124 "$(cat "$scratch/code")"
+
+"$JPIPE" pull "$e" --timeout 0.05
+is 'a time limit' 124 $?
+"$JPIPE" pull "$e" --timeout 0.05 --count 1
+is 'a time limit and a count' 124 $?
+
+# A sender that stops inside a message does not hold it for ever.
+printf '\x03a' >&9
+"$JPIPE" pull "$e" --timeout 0.05 2>"$scratch/err"
+is 'a time limit inside a message' 124 $?
+has 'it tells what is lost' 'jpipe: 2 bytes of a message*jpipe drain*' "$(cat "$scratch/err")"
+
+printf '\x45\x81\x01z' >&9
+"$JPIPE" pull "$e" 2>"$scratch/err"
+is 'bytes that are no message' 1 $?
+has 'it says what to do' 'jpipe: *not a message*jpipe drain*' "$(cat "$scratch/err")"
+"$JPIPE" drain "$e" >/dev/null
+
+# Signals end it; without a count that is its normal end.
+for signal in INT TERM HUP; do
+  set -m # a background job of its own, which does not ignore SIGINT
+  "$JPIPE" pull "$e" &
+  pull=$!
+  set +m
+  until_true holds e $pull
+  kill -$signal $pull
+  wait $pull
+  is "exit code after SIG$signal" 0 $?
+done
+"$JPIPE" pull "$e" --count 1 &
+pull=$!
+until_true holds e $pull
+kill -TERM $pull
+wait $pull
+is 'a signal before the count is reached' 1 $?
+
+# It notices a closed standard output without a further message, and then takes none.
+printf '\x01a' >&9
+"$JPIPE" pull "$e" 2>"$scratch/err" | head -n 1 >"$scratch/out"
+is 'exit codes of pull and head' '0 0' "${PIPESTATUS[*]}"
+is 'what head saw' a "$(cat "$scratch/out")"
+is 'nothing to complain about' '' "$(cat "$scratch/err")"
+
+# A full disk is an error.
+printf '\x01a' >&9
+"$JPIPE" pull "$e" --count 1 2>"$scratch/err" >/dev/full
+is 'a full disk' 1 $?
+has 'it says so' 'jpipe: cannot write*' "$(cat "$scratch/err")"
+
+# The last one to leave tells what that loses.
+printf '\x01a\x01b' >&9
+exec 9>&-
+printf '\x01a\x01b' 1<>"$(fifo e)" >&1 | cat
+exec 9<>"$(fifo e)"
+printf '\x01a\x01b' >&9
+"$JPIPE" pull "$e" >"$scratch/out" 2>"$scratch/err" --count 1 &
+wait $!
+is 'who leaves others behind says nothing' '' "$(cat "$scratch/err")"
+
+# Progress is shown on a terminal only.
+printf '\x01c' >&9
+"$JPIPE" pull "$e" --count 2 --progress 2>"$scratch/err" >/dev/null
+is 'progress in a pipe' '' "$(cat "$scratch/err")"
+if command -v script >/dev/null; then
+  printf '\x01a' >&9
+  has 'progress on a terminal' '*1 message, 1 byte, *messages/s*' \
+    "$(script -qec "'$JPIPE' pull '$e' --count 1 --progress >/dev/null" /dev/null)"
+fi
+finish

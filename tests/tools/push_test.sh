@@ -1,0 +1,91 @@
+#!/bin/bash
+# What push sends, and when it leaves.
+. "$(dirname "$0")/lib.sh"
+e=$(endpoint e)
+mkfifo "$(fifo e)"
+
+# sends WHAT WANTED COMMAND... - the messages, shown quoted, that the command sends.
+sends() {
+  local what=$1 wanted=$2
+  shift 2
+  "$@" &
+  is "$what" "$wanted" "$("$JPIPE" pull "$e" --format quoted --count "$(wc -l <<<"$wanted")")"
+  wait $!
+  is "exit code: $what" 0 $?
+}
+from() { # TEXT COMMAND... - with the text, as printf understands it, on standard input
+  printf "$1" | "${@:2}"
+}
+
+exec 9<>"$(fifo e)" # somebody who keeps the FIFO open: push leaves at once
+sends 'words' '"ab" "" "c d"' "$JPIPE" push "$e" ab '' 'c d'
+sends 'a word like an option' '"--x"' "$JPIPE" push "$e" -- --x
+sends 'one empty word' '""' "$JPIPE" push "$e" ''
+sends 'lines' $'"a"\n""\n"b\\x00c"\n"last"' from 'a\n\nb\0c\nlast' "$JPIPE" push "$e"
+sends 'lines with frames' $'"a" "b"\n"" "c"\n"d"' from 'a::b\n::c\nd\n' "$JPIPE" push "$e" --frames ::
+sends 'a number of lines' $'"1"\n"2"' from '1\n2\n3\n' "$JPIPE" push "$e" --count 2
+sends 'a file' '"x\ny\x00"' from 'x\ny\0' "$JPIPE" push "$e" --file -
+sends 'signals' 'signal 64' "$JPIPE" signal "$e" 64
+
+# Every byte, there and back; and the longest message, which is larger than a FIFO.
+for k in {0..255}; do printf "\\x$(printf %02x "$k")"; done >"$scratch/bytes"
+head -c 1048576 /dev/urandom >"$scratch/longest"
+for file in bytes longest; do
+  "$JPIPE" push "$e" --file "$scratch/$file" &
+  "$JPIPE" pull "$e" --format raw --count 1 >"$scratch/got"
+  wait $!
+  is "$file round trip" 0 "$(cmp "$scratch/$file" "$scratch/got" >&2; echo $?)"
+done
+
+# Too much is refused, and what was sent before is not lost.
+echo >>"$scratch/longest"
+"$JPIPE" push "$e" --file "$scratch/longest" 2>"$scratch/err"
+is 'a file too long' 1 $?
+has 'it tells the limit' 'jpipe: *1048576*split it*' "$(cat "$scratch/err")"
+{ echo before; tr '\n' x <"$scratch/longest"; } | "$JPIPE" push "$e" 2>"$scratch/err"
+is 'a line too long' 1 $?
+has 'it tells the line' 'jpipe: line 2 of standard input*' "$(cat "$scratch/err")"
+is 'the line before' before "$("$JPIPE" pull "$e" --count 1)"
+"$JPIPE" push "$e" a '' 2>"$scratch/err"
+has 'an empty frame at the end' 'jpipe: an empty frame at the end*' "$(cat "$scratch/err")"
+is 'it arrives on its own' $'"a"\n""' "$("$JPIPE" pull "$e" --count 2 -f quoted)"
+
+# A full FIFO: the time limit, and what it leaves.
+head -c 100000 /dev/zero | "$JPIPE" push "$e" --file - --timeout 0.05 2>"$scratch/err"
+is 'a full FIFO' 124 $?
+has 'half a message' 'jpipe: only 65536 of the 100005 bytes*jpipe drain*' "$(cat "$scratch/err")"
+"$JPIPE" drain "$e" >/dev/null
+exec 9>&-
+
+# Nobody else has the FIFO open: push stays, and says so, until its bytes are taken.
+said() { grep -q '^jpipe: .* wait in .*staying' "$scratch/$1"; }
+printf '1\n2\n3\n' | "$JPIPE" push "$e" 2>"$scratch/err" &
+push=$!
+until_true said err
+for k in 1 2 3; do
+  is "message $k, by a pull of its own" $k "$("$JPIPE" pull "$e" --count 1)"
+done
+wait $push
+is 'push ends when all is taken' 0 $?
+
+# Two that wait do not leave their bytes to each other.
+for k in 1 2; do
+  "$JPIPE" push "$e" x 2>"$scratch/err$k" &
+  until_true said err$k
+done
+is 'what both sent' $'x\nx' "$("$JPIPE" pull "$e" --count 2)"
+wait
+
+"$JPIPE" push "$e" x --timeout 0.3 2>"$scratch/err"
+is 'the time limit bounds the wait' 124 $?
+has 'it tells what is lost' '*staying*jpipe: 2 bytes*lost*' "$(cat "$scratch/err")"
+"$JPIPE" push "$e" x --no-wait 2>"$scratch/err"
+is 'no wait' 0 $?
+is 'no wait is silent' '' "$(cat "$scratch/err")"
+"$JPIPE" push "$e" x 2>"$scratch/err" &
+push=$!
+until_true said err
+kill -TERM $push
+wait $push
+is 'a signal ends the wait' 1 $?
+finish
