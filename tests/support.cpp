@@ -287,6 +287,10 @@ void Test::TearDown() {
 
 void PairTest::SetUp() {
   Test::SetUp();
+  SetUpPair();
+}
+
+void PairTest::SetUpPair() {
   const auto [first, second] = SockFromPipes::MakeSockPairFromPipes();
   a.reset(first);
   b.reset(second);

@@ -173,6 +173,9 @@ class PairTest : public Test {
   void SetUp() override;
   void TearDown() override;
 
+  // A fresh pair.
+  void SetUpPair();
+
   // Puts bytes on the way from `a` to `b`, without the library.
   void Feed(const std::string& bytes);
 

@@ -1,0 +1,313 @@
+// jcxxactorapi_test.cpp - the registry, and what every exported call answers to
+// handles that are none.
+#include "jcxxactorapi.h"
+
+#include <cstring>
+#include <functional>
+#include <thread>
+#include <type_traits>
+
+#include "jcxxactor.h"
+#include "jcxxframe.h"
+#include "jcxxmsg.h"
+#include "support.h"
+
+namespace {
+
+using namespace support;
+
+class ApiTest : public support::Test {};
+
+int Handle(zloop_t*, j_sock_t*, void*) { return 0; }
+
+template <class To>
+To* As(void* handle) {
+  return static_cast<To*>(handle);
+}
+
+// Destroys through a variable of its own, which must be null afterwards.
+template <class To>
+bool Destroys(void (*destroy)(To**), void* handle) {
+  To* p = As<To>(handle);
+  destroy(nullptr);
+  destroy(&p);
+  return p == nullptr;
+}
+
+// Every call that takes a handle: whether it failed as it should for a bad one,
+// and which kind of object it would take.
+struct CallOn {
+  const char* name;
+  char takes;  // m, f, s, a, or e for a sock or an actor
+  bool (*fails)(void* handle);
+};
+JCXXMsg* live_msg = nullptr;
+JCXXSock* live_sock = nullptr;
+zloop_t* const kLoop = reinterpret_cast<zloop_t*>(&live_msg);  // never looked at
+const CallOn kCalls[] = {
+    {"j_msg_destroy", 'm', [](void* p) { return Destroys(j_msg_destroy, p); }},
+    {"j_msg_addstr", 'm', [](void* p) { return j_msg_addstr(As<JCXXMsg>(p), "x") == -1; }},
+    {"j_msg_addmem", 'm', [](void* p) { return j_msg_addmem(As<JCXXMsg>(p), "x", 1) == -1; }},
+    {"j_msg_pop", 'm', [](void* p) { return j_msg_pop(As<JCXXMsg>(p)) == nullptr; }},
+    {"j_msg_popstr", 'm', [](void* p) { return j_msg_popstr(As<JCXXMsg>(p)) == nullptr; }},
+    {"j_msg_signal", 'm', [](void* p) { return j_msg_signal(As<JCXXMsg>(p)) == -1; }},
+    {"j_msg_send", 'm',
+     [](void* p) {
+       auto* msg = As<JCXXMsg>(p);
+       return j_msg_send(nullptr, live_sock) == -1 && j_msg_send(&msg, live_sock) == -1 && msg == p;
+     }},
+    {"j_frame_destroy", 'f', [](void* p) { return Destroys(j_frame_destroy, p); }},
+    {"j_frame_data", 'f', [](void* p) { return j_frame_data(As<JCXXFrame>(p)) == nullptr; }},
+    {"j_frame_size", 'f', [](void* p) { return j_frame_size(As<JCXXFrame>(p)) == 0; }},
+    {"j_sock_destroy", 's', [](void* p) { return Destroys(j_sock_destroy, p); }},
+    {"hybrid_zloop_reader", 's',
+     [](void* p) { return hybrid_zloop_reader(kLoop, As<JCXXSock>(p), Handle, nullptr) == -1; }},
+    {"hybrid_zloop_reader_end", 's',
+     [](void* p) { return hybrid_zloop_reader_end(kLoop, As<JCXXSock>(p)), true; }},
+    {"j_actor_destroy", 'a', [](void* p) { return Destroys(j_actor_destroy, p); }},
+    {"j_actor_sock", 'a', [](void* p) { return j_actor_sock(As<JCXXActor>(p)) == nullptr; }},
+    {"j_msg_send", 'e', [](void* p) { return j_msg_send(&live_msg, p) == -1 && live_msg; }},
+    {"j_msg_recv", 'e', [](void* p) { return j_msg_recv(p) == nullptr; }},
+    {"j_sock_signal", 'e', [](void* p) { return j_sock_signal(p, 1) == -1; }},
+    {"j_sock_fd", 'e', [](void* p) { return j_sock_fd(p) == -1; }},
+    {"j_sock_buffered", 'e', [](void* p) { return j_sock_buffered(p) == 0; }},
+};
+
+TEST_F(ApiTest, EveryCallRefusesNullStaleForeignAndWrongHandles) {
+  JCXXMsg msg;
+  JCXXFrame frame;
+  SockFromPipes sock;
+  JCXXActor actor;
+  live_msg = &msg;
+  live_sock = &sock;
+  auto* const dead = new JCXXMsg();
+  void* const stale = dead;
+  delete dead;
+  const std::unique_ptr<char[]> foreign(new char[1]);
+  const std::pair<char, void*> kHandles[] = {{'0', stale},  {'0', foreign.get()}, {'m', &msg},
+                                             {'f', &frame}, {'s', &sock},         {'a', &actor}};
+  for (const CallOn& call : kCalls) {
+    ClearLog();
+    EXPECT_TRUE(call.fails(nullptr)) << call.name;
+    EXPECT_EQ(Log(kAll), "") << call.name;
+    for (const auto& [kind, handle] : kHandles) {
+      const bool fits = call.takes == kind || (call.takes == 'e' && (kind == 's' || kind == 'a'));
+      if (!fits) {
+        ClearLog();
+        EXPECT_TRUE(call.fails(handle)) << call.name << " of " << kind;
+        EXPECT_EQ(Log(), std::string("invalid pointer passed to ") + call.name);
+        EXPECT_EQ(LogLines().back().function, call.name);
+      }
+    }
+  }
+}
+
+TEST_F(ApiTest, TheMembersTellANullArgument) {
+  JCXXActorAPI* api = JCXXActorAPI::GetInstance();
+  JCXXMsg msg;
+  JCXXMsg* none = nullptr;
+  JCXXMsg* some = &msg;
+  JCXXMsg* bad = reinterpret_cast<JCXXMsg*>(&some);
+  JCXXActor* no_actor = nullptr;
+  JCXXSock* no_sock = nullptr;
+  JCXXFrame* no_frame = nullptr;
+  const std::pair<const char*, std::function<bool()>> kNulls[] = {
+      {"j_msg_destroy", [&] { return api->j_msg_destroy(nullptr), true; }},
+      {"j_msg_destroy", [&] { return api->j_msg_destroy(&none), true; }},
+      {"j_msg_addstr", [&] { return api->j_msg_addstr(none, "") == -1; }},
+      {"j_msg_addstr", [&] { return j_msg_addstr(bad, nullptr) == -1; }},
+      {"j_msg_addmem", [&] { return j_msg_addmem(some, nullptr, 0) == -1; }},
+      {"j_msg_pop", [&] { return api->j_msg_pop(none) == nullptr; }},
+      {"j_msg_popstr", [&] { return api->j_msg_popstr(none) == nullptr; }},
+      {"j_msg_signal", [&] { return api->j_msg_signal(none) == -1; }},
+      {"j_frame_destroy", [&] { return api->j_frame_destroy(&no_frame), true; }},
+      {"j_frame_data", [&] { return api->j_frame_data(no_frame) == nullptr; }},
+      {"j_frame_size", [&] { return api->j_frame_size(no_frame) == 0; }},
+      {"j_actor_destroy", [&] { return api->j_actor_destroy(nullptr), true; }},
+      {"j_actor_destroy 2", [&] { return api->j_actor_destroy(&no_actor), true; }},
+      {"j_actor_sock", [&] { return api->j_actor_sock(no_actor) == nullptr; }},
+      {"j_sock_destroy", [&] { return api->j_sock_destroy(&no_sock), true; }},
+      {"j_msg_send", [&] { return api->j_msg_send(nullptr, no_sock) == -1; }},
+      {"j_msg_send", [&] { return api->j_msg_send(&none, no_actor) == -1; }},
+      {"j_msg_send", [&] { return api->j_msg_send(&some, no_sock) == -1; }},
+      {"j_msg_send", [&] { return api->j_msg_send(&some, no_actor) == -1; }},
+      {"j_msg_recv", [&] { return api->j_msg_recv(no_actor) == nullptr; }},
+      {"j_sock_signal", [&] { return api->j_sock_signal(no_actor, 1) == -1; }},
+      {"j_sock_fd", [&] { return api->j_sock_fd(no_sock) == -1; }},
+      {"j_sock_buffered", [&] { return api->j_sock_buffered(no_actor) == 0; }},
+  };
+  for (const auto& [name, fails] : kNulls) {
+    ClearLog();
+    EXPECT_TRUE(fails()) << name;
+    EXPECT_EQ(Log(), std::string("NULL pointer passed to ") + name);
+  }
+}
+
+template <class Object>
+void ExpectRegistryLines(const std::string& name, bool (JCXXActorAPI::*valid)(Object*),
+                         void (JCXXActorAPI::*add)(Object*),
+                         void (JCXXActorAPI::*remove)(Object*)) {
+  JCXXActorAPI* api = JCXXActorAPI::GetInstance();
+  auto* p = reinterpret_cast<Object*>(&live_msg);  // an address is enough
+  ClearLog();
+  EXPECT_FALSE((api->*valid)(nullptr));
+  EXPECT_FALSE((api->*valid)(p));
+  (api->*add)(nullptr);
+  (api->*add)(p);
+  (api->*add)(p);
+  EXPECT_TRUE((api->*valid)(p));
+  (api->*remove)(p);
+  EXPECT_FALSE((api->*valid)(p));
+  (api->*remove)(p);
+  (api->*remove)(nullptr);
+  EXPECT_EQ(Log(kAll), "NULL " + name + " pointer passed to interface; NULL " + name +
+                           " pointer passed to add; " + name + " pointer already exists; " + name +
+                           " pointer does not exist; NULL " + name + " pointer passed to remove");
+  EXPECT_EQ(LogLines().back().function, name + "PtrRemove");
+}
+
+#define EXPECT_REGISTRY_LINES(Class)                                   \
+  ExpectRegistryLines<Class>(#Class, &JCXXActorAPI::Class##PtrIsValid, \
+                             &JCXXActorAPI::Class##PtrAdd, &JCXXActorAPI::Class##PtrRemove)
+
+TEST_F(ApiTest, TheRegistryHoldsAnAddressOnce) {
+  EXPECT_REGISTRY_LINES(JCXXSock);
+  EXPECT_REGISTRY_LINES(JCXXActor);
+  EXPECT_REGISTRY_LINES(JCXXFrame);
+  EXPECT_REGISTRY_LINES(JCXXMsg);
+}
+
+// Copies and assigns: the lines, with the registry's where it is asked again.
+template <class Object>
+void ExpectCopyLines(const std::string& name, const std::string& on_assign = "",
+                     const std::string& assignment = "operator") {
+  Object source;
+  ClearLog();
+  Object copy(source);
+  Object& itself = copy;
+  copy = itself;
+  copy = source;
+  const std::string assigned = name + " copy assignment " + assignment;
+  EXPECT_EQ(Log(kAll), name + " copy constructor; " + assigned + "; " + assigned + on_assign);
+  EXPECT_EQ(LogLines(kAll)[0].function, name);
+  EXPECT_EQ(LogLines(kAll)[1].function, "operator=");
+}
+
+TEST_F(ApiTest, CopyingCopiesNothingAndTellsSo) {
+  ExpectCopyLines<JCXXSock>("JCXXSock", "; JCXXSock pointer already exists");
+  ExpectCopyLines<JCXXActor>("JCXXActor", "; JCXXActor pointer already exists");
+  ExpectCopyLines<JCXXFrame>("JCXXFrame", "; JCXXFrame pointer already exists");
+  ExpectCopyLines<JCXXMsg>("JCXXMsg", "; JCXXMsg pointer already exists");
+  ExpectCopyLines<SockFromPipes>("SockFromPipes");
+  ExpectCopyLines<SockFromNamedEndpoint>("SockFromNamedEndpoint");
+  ExpectCopyLines<JActorThreadWrapper>("JActorThreadWrapper", "", "constructor");
+  JCXXMsg signal(static_cast<unsigned char>(9));
+  EXPECT_TRUE(JCXXMsg(signal).IsDataMsg());
+  JCXXFrame frame(static_cast<unsigned char>(9));
+  EXPECT_EQ(JCXXFrame(frame).GetSize(), 0U);
+}
+
+// One allocation after the other fails, until the call succeeds.
+TEST_F(ApiTest, NoExceptionLeavesACCall) {
+  auto [first, second] = SockFromPipes::MakeSockPairFromPipes();
+  const std::unique_ptr<JCXXSock> a(first);
+  const std::unique_ptr<JCXXSock> b(second);
+  JCXXMsg* const msg = j_msg_new();
+  JCXXMsg* made = nullptr;
+  const std::pair<int, std::function<bool()>> kCallsByLevel[] = {
+      {2, [&] { return (made = j_msg_new()) != nullptr; }},
+      {2, [&] { return j_msg_addmem(msg, "text", 4) == 0; }},
+      {2, [&] { return j_msg_addstr(msg, "text") == 0; }},
+      {1, [&] { return (made = j_msg_recv(b.get())) != nullptr; }},
+  };
+  for (const auto& [level, call] : kCallsByLevel) {
+    bool done = false;
+    for (std::size_t good = 0; !done; ++good) {
+      for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(j_sock_signal(a.get(), 1), 0);
+      }
+      ClearLog();
+      {
+        const Script script({Call::kNew}, std::vector<Step>(good), Fail(ENOMEM), true);
+        done = call();
+        EXPECT_EQ(done, script.count() <= good);
+      }
+      EXPECT_EQ(Log(), done ? "" : "std::bad_alloc");
+      EXPECT_TRUE(done || LogLines()[0].level == level);
+    }
+    j_msg_destroy(&made);
+  }
+  delete msg;
+}
+
+// A thread's own earlier answers must not outlive what another thread changes.
+TEST_F(ApiTest, EveryThreadSeesWhatAnotherRegistered) {
+  JCXXActorAPI* api = JCXXActorAPI::GetInstance();
+  char addresses[500];
+  const auto expect = [&](bool valid) {
+    for (char& address : addresses) {
+      EXPECT_EQ(api->JCXXMsgPtrIsValid(reinterpret_cast<JCXXMsg*>(&address)), valid);
+    }
+  };
+  const auto elsewhere = [&](void (JCXXActorAPI::*change)(JCXXMsg*)) {
+    std::thread([&] {
+      for (char& address : addresses) {
+        (api->*change)(reinterpret_cast<JCXXMsg*>(&address));
+      }
+    }).join();
+  };
+  for (int i = 0; i < 2; ++i) {
+    expect(false);
+    elsewhere(&JCXXActorAPI::JCXXMsgPtrAdd);
+    expect(true);
+    elsewhere(&JCXXActorAPI::JCXXMsgPtrRemove);
+  }
+  expect(false);
+  EXPECT_EQ(Log(kAll), "");
+}
+
+TEST_F(ApiTest, ThreadsRegisterAtTheSameTime) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([] {
+      for (int j = 0; j < 200; ++j) {
+        JCXXMsg* msg = j_msg_new();
+        EXPECT_EQ(j_msg_addstr(msg, "x"), 0);
+        j_msg_destroy(&msg);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+// The layouts that compiled callers rely on.
+static_assert(offsetof(JCXXFrame, msg_size) == 4 && offsetof(JCXXFrame, data) == 8 &&
+              offsetof(JCXXFrame, header) == 32 && offsetof(JCXXFrame, header_len) == 40);
+static_assert(offsetof(JCXXActor, wrapper) == 8 && offsetof(JActorThreadWrapper, thread) == 32);
+static_assert(sizeof(JCXXMsg) == 40 && sizeof(JCXXSock) == 40 && sizeof(SockFromPipes) == 48);
+static_assert(!std::is_polymorphic_v<JCXXMsg> && !std::is_polymorphic_v<JCXXActorAPI>);
+
+// The place of a virtual member in the table, the two destructors being 0 and 1.
+template <class Member>
+std::size_t Slot(Member member) {
+  std::size_t word = 0;
+  std::memcpy(&word, &member, sizeof word);
+  return word / sizeof(void*);
+}
+
+TEST_F(ApiTest, TheVirtualTableKeepsItsOrder) {
+  EXPECT_EQ(Slot(&JCXXSock::GetReadFD), 2U);
+  EXPECT_EQ(Slot(&JCXXSock::GetWriteFD), 3U);
+  EXPECT_EQ(Slot(&JCXXSock::ReadBlocking), 4U);
+  EXPECT_EQ(Slot(&JCXXSock::WriteBlocking), 5U);
+  EXPECT_EQ(Slot(&JCXXSock::ReadNonBlocking), 6U);
+  EXPECT_EQ(Slot(&JCXXSock::WriteNonBlocking), 7U);
+  EXPECT_EQ(Slot(&JCXXSock::AvailableToRead), 8U);
+  EXPECT_EQ(Slot(&JCXXSock::WriteBlockingIOV), 9U);
+  EXPECT_EQ(Slot(&JCXXSock::Send), 10U);
+  EXPECT_EQ(Slot(&JCXXSock::Recv), 11U);
+}
+
+}  // namespace
