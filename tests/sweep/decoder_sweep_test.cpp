@@ -42,8 +42,10 @@ struct StringSock : JCXXSock {
   return ::testing::AssertionSuccess();
 }
 
-// Sanitizers make each string several times as expensive: they see a part.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__OPTIMIZE__)
+// Sanitizers and emulators make each string several times as expensive: they see
+// a part.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(JACTOR_EMULATED) || \
+    !defined(__OPTIMIZE__)
 constexpr unsigned kStep = 61;
 #else
 constexpr unsigned kStep = 1;
