@@ -325,6 +325,10 @@ using namespace support;
 
 INTERPOSED void jlog_printf(int level, int module, const char* format, ...) {
   const int spoiled = log_errno.load();
+  if (level > log_level) {
+    errno = spoiled != 0 ? spoiled : errno;
+    return;
+  }
   const AtWork own;
   va_list arguments;
   va_start(arguments, format);
@@ -342,7 +346,7 @@ INTERPOSED void jlog_printf(int level, int module, const char* format, ...) {
     if (module != kModule || !std::string_view(format).starts_with("%s.%d.%s: ") ||
         !whole.ends_with('\n') || prefix.find('/') != std::string::npos) {
       log_faults.push_back(whole);
-    } else if (level <= log_level) {
+    } else {
       log_lines.push_back({level, format, file, function,
                            whole.substr(prefix.size(), whole.size() - prefix.size() - 1)});
     }
