@@ -1,0 +1,22 @@
+// replay.cpp - runs a fuzz target on every file of the folders named as arguments.
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "fuzz/check.h"
+
+int main(int argc, char** argv) {
+  std::size_t inputs = 0;
+  for (int i = 1; i < argc; ++i) {
+    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
+      std::ifstream file(entry.path(), std::ios::binary);
+      const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+      std::fprintf(stderr, "%s\n", entry.path().c_str());
+      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+      ++inputs;
+    }
+  }
+  std::printf("%zu inputs replayed\n", inputs);
+  CHECK(inputs > 0);
+}
