@@ -179,11 +179,15 @@ void Bridge::LinkTo(const std::string& address) {
 }
 
 void Bridge::Unlink() {
+  if (linked_.empty()) {
+    return;
+  }
   if (binds_) {
     zsock_unbind(socket_, "%s", linked_.c_str());
   } else {
     zsock_disconnect(socket_, "%s", linked_.c_str());
   }
+  linked_.clear();
 }
 
 // ZeroMQ tells the end of its work only by ending its context, which blocks: a

@@ -8,6 +8,7 @@
 
 #include "bridge.h"
 #include "commands.h"
+#include "endpoint.h"
 #include "progress.h"
 #include "report.h"
 
@@ -24,7 +25,11 @@ class Exporter {
         reading_(options.timeout),
         sock_(options.operands[0], Direction::kPull, reading_),
         bridge_(options, options.operands[1], ZMQ_PUSH, Link::kConnect),
-        progress_(options.progress) {}
+        progress_(options.progress) {
+    if (options.count || options.timeout) {
+      sock_.WillLeave();
+    }
+  }
   Exporter(const Exporter&) = delete;
   Exporter& operator=(const Exporter&) = delete;
   ~Exporter() { zmsg_destroy(&pending_); }
@@ -39,6 +44,7 @@ class Exporter {
   void AwaitRoom(zloop_t* loop);
   void Loop();
   bool TakeOne();
+  bool TakeAnother();
   bool SendPending();
   bool Enough() const { return options_.count && progress_.messages() >= *options_.count; }
   Outcome SendRest(Patience& patience);
@@ -135,14 +141,32 @@ void Exporter::Loop() {
   zloop_destroy(&loop);
 }
 
-// After the last message: hands over the pending one, and waits for ZeroMQ.
-Outcome Exporter::SendRest(Patience& patience) {
-  while (!SendPending()) {
-    const Outcome outcome = patience.Wait(-1, 0, false, kLookInterval);
-    if (outcome != Outcome::kTick) {
-      return outcome;
-    }
+// TakeOne, outside the loop.
+bool Exporter::TakeAnother() {
+  try {
+    return TakeOne();
+  } catch (const Failure& failure) {
+    Note(failure.what());
+    failure_ = failure;
+    return false;
   }
+}
+
+// After the loop: hands over the pending message, takes what would be lost in the
+// FIFO when nobody else has it open, and waits for ZeroMQ.
+Outcome Exporter::SendRest(Patience& patience) {
+  Patience without_waiting(0.0, 0.0);
+  sock_.WaitWith(without_waiting);
+  const bool takes_all = !Enough() && !failure_ && !IsHeldElsewhere(sock_.fd());
+  do {
+    while (!SendPending()) {
+      const Outcome outcome = patience.Wait(-1, 0, false, kLookInterval);
+      if (outcome != Outcome::kTick) {
+        return outcome;
+      }
+    }
+  } while (takes_all && sock_.Waiting() > 0 && TakeAnother());
+  sock_.SayWhatLeavingLoses();
   return bridge_.Close(patience);
 }
 
@@ -151,21 +175,19 @@ Exit Exporter::Finish(Exit code) {
   const Outcome outcome = SendRest(patience);
   Note("exported " + progress_.Counts());
   if (outcome == Outcome::kReady) {
-    return code;
+    return failure_ ? failure_->code() : code;
   }
   const auto held = std::min<unsigned long long>(
       progress_.messages(), static_cast<unsigned long long>(options_.high_water) + 1);
-  Note("not all of it has left: up to " + Counted(held, "message") +
-       ", the last ones, are lost; see that the other side runs and can be reached");
+  Note("not everything has left: the last messages, at most " + std::to_string(held) +
+       ", are lost; see that the other side runs and can be reached");
   ::_exit(kFailed);
 }
 
 Exit Exporter::Run() {
   Loop();
-  sock_.SayWhatLeavingLoses();
   if (failure_) {
     Note(failure_->what());
-    return Finish(failure_->code());
   }
   const Outcome outcome = reading_.cause().value_or(Outcome::kReady);
   return Finish(ExitFor(outcome, !options_.count));

@@ -14,6 +14,7 @@ namespace {
 
 constexpr int kBatch = 100;  // messages between two looks at the other events
 constexpr int kQuiet = 100;  // milliseconds without a message: none is on its way inside
+constexpr std::chrono::seconds kCatchUp{1};
 constexpr const char* kStopping =
     "stopping when what has arrived is delivered; interrupt again to give up";
 
@@ -40,6 +41,7 @@ class Importer {
 
   bool DeliverOne();
   void Loop();
+  bool DeliverWhatComes(bool limited);
   bool DeliverRest();
   unsigned long long CountUndelivered();
 
@@ -96,28 +98,41 @@ void Importer::Loop() {
   zloop_destroy(&loop);
 }
 
-// After the loop: takes nothing more from the network, delivers what has come, and
-// waits for its reader. Result: whether nothing of it is lost.
-bool Importer::DeliverRest() {
-  bridge_.Unlink();
-  if (writing_.cause() && bridge_.Has(ZMQ_POLLIN)) {
-    Note(kStopping);
-  }
-  bool delivered = undelivered_ == 0;
-  while (delivered) {
+// Delivers messages until none has come for a moment, or, when `limited`, for
+// kCatchUp at most. Result: whether all were delivered.
+bool Importer::DeliverWhatComes(bool limited) {
+  const auto limit = Patience::Clock::now() + kCatchUp;
+  while (!limited || Patience::Clock::now() < limit) {
     if (bridge_.Has(ZMQ_POLLIN)) {
-      delivered = DeliverOne();
+      if (!DeliverOne()) {
+        return false;
+      }
     } else if (writing_.Wait(-1, 0, true, kQuiet) != Outcome::kTick) {
-      delivered = false;
+      return false;
     } else if (!bridge_.Has(ZMQ_POLLIN)) {
       break;
     }
   }
-  return delivered && sock_.WaitUntilSafeToLeave() == Outcome::kReady;
+  return true;
+}
+
+// After the loop: catches up with a far end that has finished, takes nothing more
+// from the network, delivers what has come, and waits for its reader. Result:
+// whether nothing of it is lost.
+bool Importer::DeliverRest() {
+  if (undelivered_ > 0) {
+    return false;
+  }
+  if (!DeliverWhatComes(true)) {
+    return false;
+  }
+  bridge_.Unlink();
+  return DeliverWhatComes(false) && sock_.WaitUntilSafeToLeave() == Outcome::kReady;
 }
 
 // Takes what nobody will deliver, in order to tell how much it is.
 unsigned long long Importer::CountUndelivered() {
+  bridge_.Unlink();
   unsigned long long count = undelivered_;
   while (bridge_.Has(ZMQ_POLLIN)) {
     zmsg_t* zmsg = zmsg_recv_nowait(bridge_.socket());

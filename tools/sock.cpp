@@ -76,7 +76,7 @@ std::size_t Content::Bytes() const {
 
 EndpointSock::EndpointSock(const std::string& endpoint, Direction direction, Patience& patience)
     : endpoint_(endpoint),
-      patience_(patience),
+      patience_(&patience),
       opened_(Open(endpoint, direction)),
       fd_(j_sock_fd(opened_)) {
   ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
@@ -96,7 +96,7 @@ std::size_t EndpointSock::Waiting() const { return BytesWaiting(fd_); }
 // Waits after EAGAIN. Result: whether the transfer may be tried again.
 bool EndpointSock::MayGoOn(short events, bool begun) {
   if (errno == EAGAIN) {
-    ended_ = patience_.Wait(fd_, events, begun);
+    ended_ = patience_->Wait(fd_, events, begun);
     return ended_ == Outcome::kReady;
   }
   if (MustRepeat(errno)) {
@@ -194,7 +194,7 @@ Outcome EndpointSock::Unfinished(Direction direction) {
 
 Outcome EndpointSock::Take(Content& content) {
   Begin();
-  if (const Outcome outcome = patience_.Wait(fd_, POLLIN, false); outcome != Outcome::kReady) {
+  if (const Outcome outcome = patience_->Wait(fd_, POLLIN, false); outcome != Outcome::kReady) {
     return outcome;
   }
   const Msg msg(j_msg_recv(static_cast<JCXXSock*>(this)));
@@ -252,7 +252,7 @@ Outcome EndpointSock::WaitUntilSafeToLeave() {
                  Counted(Waiting(), "byte").c_str(), endpoint_.c_str()));
       }
     }
-    const Outcome outcome = patience_.Wait(-1, 0, sends_what_was_taken_, kLookInterval);
+    const Outcome outcome = patience_->Wait(-1, 0, sends_what_was_taken_, kLookInterval);
     if (outcome != Outcome::kTick) {
       SayWhatLeavingLoses();
       return outcome;

@@ -50,6 +50,9 @@ class EndpointSock final : public JCXXSock {
   // the grace period even when no byte of it is written.
   void SendsWhatWasTaken() { sends_what_was_taken_ = true; }
 
+  // Waits with another Patience from now on.
+  void WaitWith(Patience& patience) { patience_ = &patience; }
+
   // Tells other jpipe processes that this one will leave the endpoint soon, so
   // that they do not leave their bytes to it.
   void WillLeave();
@@ -87,7 +90,7 @@ class EndpointSock final : public JCXXSock {
   void TakeApart(JCXXMsg* msg, Content& content);
 
   std::string endpoint_;
-  Patience& patience_;
+  Patience* patience_;
   JCXXSock* opened_;
   int fd_;
   bool sends_what_was_taken_ = false;

@@ -101,15 +101,16 @@ Outcome Patience::Wait(int fd, short events, bool begun, int slice) {
     if (IsOver(begun)) {
       return *cause_;
     }
+    if (cause_ && fd >= 0 && !said_in_grace_.empty()) {
+      Note(said_in_grace_);
+      said_in_grace_.clear();
+    }
     pollfd watched[3] = {
         {fd, events, 0}, {StopRequests::fd(), POLLIN, 0}, {cause_ ? -1 : output_, 0, 0}};
     const int ready = ::poll(watched, 3, Milliseconds(slice));
     if (watched[1].revents != 0) {
       StopRequests::Take();
       Interrupt(Outcome::kStopped);
-      if (begun && !said_in_grace_.empty() && !IsOver(begun)) {
-        Note(said_in_grace_);
-      }
     } else if (watched[0].revents != 0) {
       return Outcome::kReady;
     } else if (watched[2].revents != 0) {

@@ -50,7 +50,7 @@ class Patience {
   // Has a hang-up of `fd` end a wait with kOutputClosed.
   void WatchOutput(int fd) { output_ = fd; }
 
-  // Said on standard error when the grace period begins.
+  // Said once on standard error when something is waited for in the grace period.
   void SayInGrace(const std::string& text) { said_in_grace_ = text; }
 
   // Waits for `events` on `fd` (-1: for nothing). `begun`: a message is under way.

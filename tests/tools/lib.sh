@@ -16,6 +16,7 @@ fi
 
 clean_up() {
   local jobs
+  set +f
   jobs=$(jobs -p)
   if [ -n "$jobs" ]; then
     kill -KILL $jobs 2>/dev/null

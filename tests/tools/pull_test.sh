@@ -32,7 +32,7 @@ has 'it says what to do' 'jpipe: *not a message*jpipe drain*' "$(cat "$scratch/e
 # Signals end it; without a count that is its normal end.
 for signal in INT TERM HUP; do
   set -m # a background job of its own, which does not ignore SIGINT
-  "$JPIPE" pull "$e" &
+  "$JPIPE" pull "$e" 9>&- & # without the FIFO of the test: see holds
   pull=$!
   set +m
   until_true holds e $pull
@@ -40,7 +40,7 @@ for signal in INT TERM HUP; do
   wait $pull
   is "exit code after SIG$signal" 0 $?
 done
-"$JPIPE" pull "$e" --count 1 &
+"$JPIPE" pull "$e" --count 1 9>&- &
 pull=$!
 until_true holds e $pull
 kill -TERM $pull
@@ -60,19 +60,25 @@ printf '\x01a' >&9
 is 'a full disk' 1 $?
 has 'it says so' 'jpipe: cannot write*' "$(cat "$scratch/err")"
 
-# The last one to leave tells what that loses.
+# Who leaves bytes behind says so when they are lost by that.
 printf '\x01a\x01b' >&9
+"$JPIPE" pull "$e" --count 1 >"$scratch/out" 2>"$scratch/err"
+is 'somebody else has it open' '' "$(cat "$scratch/err")"
+"$JPIPE" pull "$e" --count 2 9>&- >"$scratch/out" 2>"$scratch/err" &
+pull=$!
+until_true holds e $pull
+kill -STOP $pull
+printf '\x01c\x01d' >&9
 exec 9>&-
-printf '\x01a\x01b' 1<>"$(fifo e)" >&1 | cat
+kill -CONT $pull
+wait $pull
+is 'the messages that were taken' $'b\nc' "$(cat "$scratch/out")"
+has 'what is lost' "jpipe: 2 bytes that wait in $e are lost*" "$(cat "$scratch/err")"
 exec 9<>"$(fifo e)"
-printf '\x01a\x01b' >&9
-"$JPIPE" pull "$e" >"$scratch/out" 2>"$scratch/err" --count 1 &
-wait $!
-is 'who leaves others behind says nothing' '' "$(cat "$scratch/err")"
 
 # Progress is shown on a terminal only.
 printf '\x01c' >&9
-"$JPIPE" pull "$e" --count 2 --progress 2>"$scratch/err" >/dev/null
+"$JPIPE" pull "$e" --count 1 --progress 2>"$scratch/err" >/dev/null
 is 'progress in a pipe' '' "$(cat "$scratch/err")"
 if command -v script >/dev/null; then
   printf '\x01a' >&9
