@@ -1,14 +1,7 @@
 // decode.cpp - jpipe decode: captured bytes, explained offset by offset.
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
-
 #include "commands.h"
 #include "formats.h"
+#include "input.h"
 #include "output.h"
 #include "report.h"
 #include "wire.h"
@@ -19,22 +12,6 @@ namespace {
 constexpr std::size_t kBytesPerLine = 8;
 constexpr std::size_t kLinesPerFrame = 4;  // what is shown of a long payload
 constexpr int kHexWidth = static_cast<int>(3 * kBytesPerLine) + 3;
-
-struct CloseFile {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
-
-File OpenInput(const Options& options) {
-  const bool from_shell = options.operands.empty() || options.operands[0] == "-";
-  File file(from_shell ? ::fdopen(::dup(STDIN_FILENO), "rb")
-                       : std::fopen(options.operands[0].c_str(), "rb"));
-  if (file == nullptr) {
-    throw Failure(kFailed, "cannot open " + (from_shell ? "standard input" : options.operands[0]) +
-                               ": " + std::strerror(errno));
-  }
-  return file;
-}
 
 // Offset, bytes and what they are. Inside a message the bytes are indented.
 std::string Line(std::uint64_t offset, bool inside, std::string_view bytes,
@@ -76,27 +53,21 @@ std::string Explain(const WireFrame& frame, bool inside) {
   return lines;
 }
 
-ByteSource Source(FILE* file) {
-  return [file](char* bytes, std::size_t size) {
-    const std::size_t count = std::fread(bytes, 1, size, file);
-    if (count < size && std::ferror(file) != 0) {
-      throw Failure(kFailed, std::string("cannot read the bytes: ") + std::strerror(errno));
-    }
-    return count;
-  };
-}
-
 }  // namespace
 
 int Decode(const Options& options) {
-  const File file = OpenInput(options);
-  WireReader reader(Source(file.get()));
+  InputReader input(options.operands.empty() ? "-" : options.operands[0]);
   Patience patience(std::nullopt);
+  input.WaitWith(patience);
+  WireReader reader([&input](char* bytes, std::size_t size) { return input.Read(bytes, size); });
   unsigned long long messages = 0;
   for (;;) {
     WireFrame frame;
     const bool inside = reader.in_message();
     const WireEvent event = reader.Next(frame);
+    if (patience.cause()) {
+      return ExitFor(*patience.cause(), false);
+    }
     std::string lines = Explain(frame, inside);
     messages += event == WireEvent::kMessage ? 1 : 0;
     if (event == WireEvent::kEnd) {

@@ -1,12 +1,6 @@
 // push.cpp - jpipe push and jpipe signal: words, lines or a file into an endpoint.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-
 #include "commands.h"
-#include "lines.h"
+#include "input.h"
 #include "progress.h"
 #include "report.h"
 #include "sock.h"
@@ -16,30 +10,6 @@ namespace {
 
 // A line that is cut into frames may be longer than a message by its separators.
 constexpr std::size_t kLongestLine = 4 * JACTOR_MAX_SIZE;
-
-// A file opened for reading, or standard input for "-".
-class Input {
- public:
-  explicit Input(const std::string& name)
-      : name_(name), fd_(name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (fd_ < 0) {
-      throw Failure(kFailed, "cannot open " + name + ": " + std::strerror(errno));
-    }
-  }
-  Input(const Input&) = delete;
-  Input& operator=(const Input&) = delete;
-  ~Input() {
-    if (fd_ != STDIN_FILENO) {
-      ::close(fd_);
-    }
-  }
-  int fd() const { return fd_; }
-  const std::string& name() const { return name_; }
-
- private:
-  std::string name_;
-  int fd_;
-};
 
 // Sends messages, and remembers what there is to say about them.
 class Pusher {
@@ -99,8 +69,7 @@ Content CutIntoFrames(std::string_view line, const std::optional<std::string>& s
   return content;
 }
 
-Outcome PushLines(const Options& options, Pusher& pusher) {
-  LineReader reader(STDIN_FILENO, "standard input", pusher.patience());
+Outcome PushLines(const Options& options, InputReader& reader, Pusher& pusher) {
   const std::size_t longest = options.frames ? kLongestLine : JACTOR_MAX_SIZE;
   std::string line;
   Outcome outcome = Outcome::kReady;
@@ -117,8 +86,7 @@ Outcome PushLines(const Options& options, Pusher& pusher) {
   return outcome;
 }
 
-Outcome PushFile(const Input& input, Pusher& pusher) {
-  LineReader reader(input.fd(), input.name(), pusher.patience());
+Outcome PushFile(InputReader& reader, Pusher& pusher) {
   std::string bytes;
   const Outcome outcome = reader.Rest(bytes, JACTOR_MAX_SIZE);
   if (outcome != Outcome::kReady) {
@@ -145,15 +113,13 @@ int Push(const Options& options) {
   if (options.file && (options.frames || options.count)) {
     throw Failure(kUsage, "--file sends one message of one frame: leave out --frames and --count");
   }
-  std::optional<Input> input;
-  if (options.file) {
-    input.emplace(*options.file);
-  }
+  InputReader input(options.file.value_or("-"));
   Pusher pusher(options);
+  input.WaitWith(pusher.patience());
   try {
-    return pusher.Leave(words   ? PushWords(options, pusher)
-                        : input ? PushFile(*input, pusher)
-                                : PushLines(options, pusher));
+    return pusher.Leave(words          ? PushWords(options, pusher)
+                        : options.file ? PushFile(input, pusher)
+                                       : PushLines(options, input, pusher));
   } catch (const Failure& failure) {
     // What was sent before is not lost with the bad input.
     Note(failure.what());

@@ -33,4 +33,15 @@ kill -TERM $export
 wait $export
 is 'export gave up' 1 $?
 has 'it tells what is lost' '*exported 1 message, 4 bytes*at most 1, are lost*' "$(cat "$scratch/export")"
+
+# What no export sends is refused, one by one, and what follows still arrives.
+"$JPIPE" import 'tcp://127.0.0.1:*' "$far" 2>"$scratch/import" &
+import=$!
+until_true grep -q 'bound to' "$scratch/import"
+"$TRAFFIC" foreign ">$(sed -n 's/.*bound to //p' "$scratch/import")"
+is 'the message behind' good "$("$JPIPE" pull "$far" --count 1)"
+kill -TERM $import
+wait $import
+is 'import refused something' 1 $?
+is 'it tells each' 3 "$(grep -c 'refused a message' "$scratch/import")"
 finish

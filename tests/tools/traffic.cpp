@@ -8,6 +8,11 @@
 // in its order) or "numbered" (messages that name themselves and fit into PIPE_BUF;
 // the check allows gaps, wants the order kept, and tells what is missing). After
 // PAUSE messages the check prints "paused" and waits for a line of input.
+//
+//   traffic foreign ADDRESS
+//
+// sends what no jpipe export sends on a ZeroMQ PUSH socket, and a message behind it.
+#include <czmq.h>
 #include <jactor.h>
 
 #include <cstdio>
@@ -126,9 +131,24 @@ void Check(JCXXSock* sock, unsigned long count, const std::string& shape, unsign
   std::printf("received %lu lost %lu\n", count - lost, lost);
 }
 
+int SendForeign(const char* address) {
+  zsock_t* push = zsock_new_push(address);
+  const std::string half(JACTOR_MAX_SIZE / 2 + 1, 'x');
+  zstr_send(push, "X");
+  zstr_sendx(push, "S", "ab", nullptr);
+  zstr_sendx(push, "M", half.c_str(), half.c_str(), nullptr);
+  const int rc = zstr_sendx(push, "M", "good", nullptr);
+  zsock_set_linger(push, -1);
+  zsock_destroy(&push);
+  return rc;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 3) {
+    return SendForeign(argv[2]);
+  }
   if (argc < 5) {
     return 2;
   }

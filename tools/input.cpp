@@ -1,24 +1,35 @@
-// lines.cpp - lines from a descriptor.
-#include "lines.h"
+// input.cpp - lines and bytes from a file or standard input.
+#include "input.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include "report.h"
 
 namespace jpipe {
 
-LineReader::LineReader(int fd, std::string name, Patience& patience)
-    : fd_(fd), name_(std::move(name)), patience_(patience) {}
+InputReader::InputReader(const std::string& name)
+    : name_(name == "-" ? "standard input" : name),
+      fd_(name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
+  if (fd_ < 0) {
+    throw Failure(kFailed, "cannot open " + name + ": " + std::strerror(errno));
+  }
+}
+
+InputReader::~InputReader() {
+  if (fd_ != STDIN_FILENO) {
+    ::close(fd_);
+  }
+}
 
 // Reads once, and appends to what was read ahead.
-Outcome LineReader::Fill() {
+Outcome InputReader::Fill() {
   constexpr std::size_t kPiece = 65536;
-  const Outcome outcome = patience_.Wait(fd_, POLLIN, false);
+  const Outcome outcome = patience_->Wait(fd_, POLLIN, false);
   if (outcome != Outcome::kReady) {
     return outcome;
   }
@@ -37,7 +48,7 @@ Outcome LineReader::Fill() {
   return Outcome::kReady;
 }
 
-Outcome LineReader::Next(std::string& line, std::size_t most, bool& at_end) {
+Outcome InputReader::Next(std::string& line, std::size_t most, bool& at_end) {
   ++number_;
   searched_ = start_;
   std::size_t newline = std::string::npos;
@@ -59,7 +70,7 @@ Outcome LineReader::Next(std::string& line, std::size_t most, bool& at_end) {
   return Outcome::kReady;
 }
 
-Outcome LineReader::Rest(std::string& bytes, std::size_t most) {
+Outcome InputReader::Rest(std::string& bytes, std::size_t most) {
   while (!ended_ && Left() <= most) {
     if (const Outcome outcome = Fill(); outcome != Outcome::kReady) {
       return outcome;
@@ -73,6 +84,19 @@ Outcome LineReader::Rest(std::string& bytes, std::size_t most) {
   bytes = ahead_.substr(start_);
   start_ = ahead_.size();
   return Outcome::kReady;
+}
+
+std::size_t InputReader::Read(char* bytes, std::size_t size) {
+  std::size_t done = 0;
+  while (done < size) {
+    if (Left() == 0 && (ended_ || Fill() != Outcome::kReady)) {
+      break;
+    }
+    const std::size_t count = ahead_.copy(bytes + done, size - done, start_);
+    done += count;
+    start_ += count;
+  }
+  return done;
 }
 
 }  // namespace jpipe

@@ -1,6 +1,6 @@
-// lines.h - reading a descriptor by lines or to its end, within limits.
-#ifndef JPIPE_LINES_H
-#define JPIPE_LINES_H
+// input.h - reading a file or standard input in a way that a signal can end.
+#ifndef JPIPE_INPUT_H
+#define JPIPE_INPUT_H
 
 #include <string>
 
@@ -8,10 +8,16 @@
 
 namespace jpipe {
 
-class LineReader {
+class InputReader {
  public:
-  // Reads `fd`, which stays the caller's. `name` is for error messages.
-  LineReader(int fd, std::string name, Patience& patience);
+  // Opens the file `name`; "-" is standard input. Fails when it cannot be opened.
+  explicit InputReader(const std::string& name);
+  InputReader(const InputReader&) = delete;
+  InputReader& operator=(const InputReader&) = delete;
+  ~InputReader();
+
+  // Waits with `patience` from now on, which is to be said before the first read.
+  void WaitWith(Patience& patience) { patience_ = &patience; }
 
   // Reads the next line into `line`, without its newline; the last one may lack it.
   // Result: kReady, with `at_end` telling that there was no further line; or what
@@ -21,13 +27,17 @@ class LineReader {
   // Reads what is left of the input into `bytes`. Result and failures as Next.
   Outcome Rest(std::string& bytes, std::size_t most);
 
+  // Reads `size` bytes into `bytes`. Result: how many there were; fewer at the end
+  // of the input, or when the wait was ended.
+  std::size_t Read(char* bytes, std::size_t size);
+
  private:
   Outcome Fill();
   std::size_t Left() const { return ahead_.size() - start_; }
 
-  int fd_;
   std::string name_;
-  Patience& patience_;
+  int fd_;
+  Patience* patience_ = nullptr;
   std::string ahead_;  // read, handed out up to `start_`
   std::size_t start_ = 0;
   std::size_t searched_ = 0;  // there is no newline between `start_` and here
