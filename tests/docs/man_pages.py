@@ -66,7 +66,7 @@ def dead_references(pages, linked):
     failures = []
     for page in pages:
         for name, section in re.findall(r"^\.Xr (\S+) (\d)", open(page, encoding="utf-8").read(), re.M):
-            if re.match(r"j_|jactor|hybrid", name) and f"{name}.{section}" not in ours:
+            if re.match(r"j_|jactor|jpipe|hybrid", name) and f"{name}.{section}" not in ours:
                 failures.append(f"{page}: refers to {name}({section})")
     return failures
 
