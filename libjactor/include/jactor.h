@@ -155,6 +155,9 @@ JACTOR_API size_t j_frame_size(JCXXFrame* frame);
  *     JCXXActor *actor = j_actor_new(echo, NULL);
  *     ...
  *     j_actor_destroy(&actor);
+ *
+ * A creator that destroys its actor with an answer outstanding makes the actor
+ * send to a peer that has gone: see rule 7.
  */
 
 /* Starts `fn(sock, args)` on a thread of its own and waits until it has sent
