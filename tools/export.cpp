@@ -138,6 +138,7 @@ void Exporter::Loop() {
   zloop_t* loop = zloop_new();
   Listen(loop);
   RunLoop(loop, options_, reading_);
+  hybrid_zloop_reader_end(loop, &sock_);
   zloop_destroy(&loop);
 }
 

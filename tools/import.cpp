@@ -14,7 +14,8 @@ namespace {
 
 constexpr int kBatch = 100;  // messages between two looks at the other events
 constexpr int kQuiet = 100;  // milliseconds without a message: none is on its way inside
-constexpr std::chrono::seconds kCatchUp{1};
+constexpr std::chrono::seconds kCatchUp{1};         // then nothing may wait once
+constexpr unsigned long long kUnderWay = 32 << 20;  // more than the buffers of TCP hold
 constexpr const char* kStopping =
     "stopping when what has arrived is delivered; interrupt again to give up";
 
@@ -98,22 +99,28 @@ void Importer::Loop() {
   zloop_destroy(&loop);
 }
 
-// Delivers messages until none has come for a moment, or, when `limited`, for
-// kCatchUp at most. Result: whether all were delivered.
+// Delivers messages until none has come for a moment. `limited`, for a far end that
+// may go on sending for ever: at most what can have been on its way. Result: whether
+// all were delivered.
 bool Importer::DeliverWhatComes(bool limited) {
+  const unsigned long long most = progress_.bytes() + kUnderWay;
   const auto limit = Patience::Clock::now() + kCatchUp;
-  while (!limited || Patience::Clock::now() < limit) {
+  for (;;) {
     if (bridge_.Has(ZMQ_POLLIN)) {
+      if (limited && progress_.bytes() > most) {
+        return true;
+      }
       if (!DeliverOne()) {
         return false;
       }
+    } else if (limited && Patience::Clock::now() > limit) {
+      return true;
     } else if (writing_.Wait(-1, 0, true, kQuiet) != Outcome::kTick) {
       return false;
     } else if (!bridge_.Has(ZMQ_POLLIN)) {
-      break;
+      return true;
     }
   }
-  return true;
 }
 
 // After the loop: catches up with a far end that has finished, takes nothing more

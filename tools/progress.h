@@ -21,6 +21,7 @@ class Progress {
   void Add(const Content& content);
 
   unsigned long long messages() const { return messages_; }
+  unsigned long long bytes() const { return bytes_; }
 
   // "3 messages (1 of them a signal), 20 bytes".
   std::string Counts() const;

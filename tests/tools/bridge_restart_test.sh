@@ -10,6 +10,7 @@ count=40000
 pause=5000
 
 start_import() { # ADDRESS
+  : >"$scratch/import"
   "$JPIPE" import --hwm 50 "$1" "$far" 2>"$scratch/import" &
   import=$!
   until_true grep -q 'bound to' "$scratch/import"

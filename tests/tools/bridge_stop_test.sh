@@ -35,13 +35,13 @@ is 'export gave up' 1 $?
 has 'it tells what is lost' '*exported 1 message, 4 bytes*at most 1, are lost*' "$(cat "$scratch/export")"
 
 # What no export sends is refused, one by one, and what follows still arrives.
-"$JPIPE" import 'tcp://127.0.0.1:*' "$far" 2>"$scratch/import" &
+"$JPIPE" import 'tcp://127.0.0.1:*' "$far" 2>"$scratch/refusing" &
 import=$!
-until_true grep -q 'bound to' "$scratch/import"
-"$TRAFFIC" foreign ">$(sed -n 's/.*bound to //p' "$scratch/import")"
+until_true grep -q 'bound to' "$scratch/refusing"
+"$TRAFFIC" foreign ">$(sed -n 's/.*bound to //p' "$scratch/refusing")"
 is 'the message behind' good "$("$JPIPE" pull "$far" --count 1)"
 kill -TERM $import
 wait $import
 is 'import refused something' 1 $?
-is 'it tells each' 3 "$(grep -c 'refused a message' "$scratch/import")"
+is 'it tells each' 3 "$(grep -c 'refused a message' "$scratch/refusing")"
 finish
