@@ -129,6 +129,7 @@ Bridge::Bridge(const Options& options, const std::string& address, int type, Lin
     // Finds a host that has vanished. ZeroMQ's own heartbeats would drop a far end
     // that is only full: it does not read, and so does not answer.
     zsock_set_tcp_keepalive(socket_, 1);
+    zsock_set_ipv6(socket_, address.find('[') != std::string::npos ? 1 : 0);
     SetCertificates(options);
     LinkTo(address);
   } catch (const Failure&) {
