@@ -81,7 +81,7 @@ TEST_F(ApiTest, EveryCallRefusesNullStaleForeignAndWrongHandles) {
   live_msg = &msg;
   live_sock = &sock;
   auto* const dead = new JCXXMsg();
-  void* const stale = dead;
+  void* volatile stale = dead;  // volatile: the compiler must not see that it dangles
   delete dead;
   const std::unique_ptr<char[]> foreign(new char[1]);
   const std::pair<char, void*> kHandles[] = {{'0', stale},  {'0', foreign.get()}, {'m', &msg},
