@@ -113,10 +113,40 @@ bool IsValid(JCXXActorAPI& api, const Family<Object>& family, Object* p, const c
   return AskSet(api, family, p);
 }
 
+// Enters `p` into its set, with the mutex held; false when it is there already.
 template <class Object>
-void Add(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
+bool Enter(std::unordered_set<Object*>& set, Beside<Object>* beside, Object* p) {
+  if (beside == nullptr) {
+    return set.insert(p).second;
+  }
+  if (!beside->spares.Insert(set, p)) {
+    return false;
+  }
+  beside->changes.CountAdded(p);
+  KnownHandles<Object>::Remember(beside->changes, p, true);
+  return true;
+}
+
+// Takes `p` out of its set, with the mutex held; false when it is not there.
+template <class Object>
+bool Leave(std::unordered_set<Object*>& set, Beside<Object>* beside, Object* p) {
+  if (beside == nullptr) {
+    return set.erase(p) != 0;
+  }
+  if (!beside->spares.Erase(set, p)) {
+    return false;
+  }
+  beside->changes.CountRemoved(p);
+  return true;
+}
+
+enum class Change { kAdd, kRemove };
+
+template <Change change, class Object>
+void Apply(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
+  constexpr bool kAdds = change == Change::kAdd;
   if (p == nullptr) {
-    LogPointer(function, family.null_on_add);
+    LogPointer(function, kAdds ? family.null_on_add : family.null_on_remove);
     return;
   }
   Beside<Object>* beside = BesideOf(api, family);
@@ -125,33 +155,19 @@ void Add(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char*
   if (destroyed) {
     return;
   }
-  const bool added = beside != nullptr ? beside->spares.Insert(set, p) : set.insert(p).second;
-  if (!added) {
-    LogPointer(function, family.duplicate);
-  } else if (beside != nullptr) {
-    beside->changes.CountAdded(p);
-    KnownHandles<Object>::Remember(beside->changes, p, true);
+  if (!(kAdds ? Enter(set, beside, p) : Leave(set, beside, p))) {
+    LogPointer(function, kAdds ? family.duplicate : family.missing);
   }
 }
 
 template <class Object>
+void Add(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
+  Apply<Change::kAdd>(api, family, p, function);
+}
+
+template <class Object>
 void Remove(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
-  if (p == nullptr) {
-    LogPointer(function, family.null_on_remove);
-    return;
-  }
-  Beside<Object>* beside = BesideOf(api, family);
-  auto& set = api.*family.set;
-  const std::lock_guard<std::mutex> lock(api.mutex);
-  if (destroyed) {
-    return;
-  }
-  const bool removed = beside != nullptr ? beside->spares.Erase(set, p) : set.erase(p) != 0;
-  if (!removed) {
-    LogPointer(function, family.missing);
-  } else if (beside != nullptr) {
-    beside->changes.CountRemoved(p);
-  }
+  Apply<Change::kRemove>(api, family, p, function);
 }
 
 // Makes a contended lock spin for a moment before it sleeps: the mutex is held for
