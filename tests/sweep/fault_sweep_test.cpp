@@ -60,7 +60,7 @@ std::vector<Range> LibraryCode() {
 
 const std::vector<Range> library_code = LibraryCode();
 
-bool HeapFails(const void* caller) {
+[[maybe_unused]] bool HeapFails(const void* caller) {
   if (heap_calls == 0) {
     return false;
   }

@@ -81,10 +81,10 @@ void OnceInAndOut(JCXXActorAPI& api, void (JCXXActorAPI::*add)(Object*),
                   bool (JCXXActorAPI::*valid)(Object*), void (JCXXActorAPI::*remove)(Object*)) {
   long place = 0;
   auto* p = reinterpret_cast<Object*>(&place);
-  for (const std::size_t lines : {0, 1}) {
+  for (const std::size_t lines : {std::size_t{0}, std::size_t{1}}) {
     REFUSES(((api.*add)(p), (api.*valid)(p)));
   }
-  for (const std::size_t lines : {0, 1}) {
+  for (const std::size_t lines : {std::size_t{0}, std::size_t{1}}) {
     REFUSES(((api.*remove)(p), !(api.*valid)(p)));
   }
 }
