@@ -79,8 +79,13 @@ TEST_F(MemberSweep, EveryMemberRefusesEveryBadHandle) {
 template <class Object>
 void OnceInAndOut(JCXXActorAPI& api, void (JCXXActorAPI::*add)(Object*),
                   bool (JCXXActorAPI::*valid)(Object*), void (JCXXActorAPI::*remove)(Object*)) {
-  long place = 0;
-  auto* p = reinterpret_cast<Object*>(&place);
+  long places[2] = {};
+  auto* p = reinterpret_cast<Object*>(&places[0]);
+  auto* other = reinterpret_cast<Object*>(&places[1]);
+  for (auto member : {add, remove}) {  // leaves two spare entries
+    (api.*member)(p);
+    (api.*member)(other);
+  }
   for (const std::size_t lines : {std::size_t{0}, std::size_t{1}}) {
     REFUSES(((api.*add)(p), (api.*valid)(p)));
   }
