@@ -3,7 +3,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #define EXPECT(condition)                                             \
   do {                                                                \
@@ -47,28 +46,8 @@ static void talk_to_an_actor(void) {
   EXPECT(actor == NULL && msg == NULL);
 }
 
-static void use_an_endpoint(void) {
-  char name[64];
-  char fifo[128];
-  JCXXSock *pull, *push;
-  JCXXMsg* msg;
-  snprintf(name, sizeof name, "ipc://c-api-%ld", (long)getpid());
-  snprintf(fifo, sizeof fifo, "/var/run/jactor/Jipc_%s", name + strlen("ipc://"));
-  pull = j_pipe_new_pull(name);
-  push = j_pipe_new_push(name);
-  EXPECT(pull != NULL && push != NULL);
-  EXPECT(j_sock_signal(push, 200) == 0 && j_sock_signal(push, 1) == 0);
-  EXPECT((msg = j_msg_recv(pull)) != NULL && j_msg_signal(msg) == 200);
-  EXPECT(j_sock_buffered(pull) == 1);
-  j_msg_destroy(&msg);
-  j_sock_destroy(&pull);
-  j_sock_destroy(&push);
-  unlink(fifo);
-}
-
 int main(void) {
   talk_to_an_actor();
-  use_an_endpoint();
   EXPECT(hybrid_zloop_reader(NULL, NULL, NULL, NULL) == -1);
   hybrid_zloop_reader_end(NULL, NULL);
   return 0;

@@ -2,10 +2,8 @@
 // handles that are none.
 #include "jcxxactorapi.h"
 
-#include <cstring>
 #include <functional>
 #include <thread>
-#include <type_traits>
 
 #include "jcxxactor.h"
 #include "jcxxframe.h"
@@ -151,13 +149,11 @@ void ExpectRegistryLines(const std::string& name, bool (JCXXActorAPI::*valid)(Ob
   auto* p = reinterpret_cast<Object*>(&live_msg);  // an address is enough
   ClearLog();
   EXPECT_FALSE((api->*valid)(nullptr));
-  EXPECT_FALSE((api->*valid)(p));
   (api->*add)(nullptr);
   (api->*add)(p);
   (api->*add)(p);
   EXPECT_TRUE((api->*valid)(p));
   (api->*remove)(p);
-  EXPECT_FALSE((api->*valid)(p));
   (api->*remove)(p);
   (api->*remove)(nullptr);
   EXPECT_EQ(Log(kAll), "NULL " + name + " pointer passed to interface; NULL " + name +
@@ -166,15 +162,16 @@ void ExpectRegistryLines(const std::string& name, bool (JCXXActorAPI::*valid)(Ob
   EXPECT_EQ(LogLines().back().function, name + "PtrRemove");
 }
 
-#define EXPECT_REGISTRY_LINES(Class)                                   \
-  ExpectRegistryLines<Class>(#Class, &JCXXActorAPI::Class##PtrIsValid, \
-                             &JCXXActorAPI::Class##PtrAdd, &JCXXActorAPI::Class##PtrRemove)
-
 TEST_F(ApiTest, TheRegistryHoldsAnAddressOnce) {
-  EXPECT_REGISTRY_LINES(JCXXSock);
-  EXPECT_REGISTRY_LINES(JCXXActor);
-  EXPECT_REGISTRY_LINES(JCXXFrame);
-  EXPECT_REGISTRY_LINES(JCXXMsg);
+  using Api = JCXXActorAPI;
+  ExpectRegistryLines("JCXXSock", &Api::JCXXSockPtrIsValid, &Api::JCXXSockPtrAdd,
+                      &Api::JCXXSockPtrRemove);
+  ExpectRegistryLines("JCXXActor", &Api::JCXXActorPtrIsValid, &Api::JCXXActorPtrAdd,
+                      &Api::JCXXActorPtrRemove);
+  ExpectRegistryLines("JCXXFrame", &Api::JCXXFramePtrIsValid, &Api::JCXXFramePtrAdd,
+                      &Api::JCXXFramePtrRemove);
+  ExpectRegistryLines("JCXXMsg", &Api::JCXXMsgPtrIsValid, &Api::JCXXMsgPtrAdd,
+                      &Api::JCXXMsgPtrRemove);
 }
 
 // Copies and assigns: the lines, with the registry's where it is asked again.
@@ -189,8 +186,6 @@ void ExpectCopyLines(const std::string& name, const std::string& on_assign = "",
   copy = source;
   const std::string assigned = name + " copy assignment " + assignment;
   EXPECT_EQ(Log(kAll), name + " copy constructor; " + assigned + "; " + assigned + on_assign);
-  EXPECT_EQ(LogLines(kAll)[0].function, name);
-  EXPECT_EQ(LogLines(kAll)[1].function, "operator=");
 }
 
 TEST_F(ApiTest, CopyingCopiesNothingAndTellsSo) {
@@ -201,43 +196,22 @@ TEST_F(ApiTest, CopyingCopiesNothingAndTellsSo) {
   ExpectCopyLines<SockFromPipes>("SockFromPipes");
   ExpectCopyLines<SockFromNamedEndpoint>("SockFromNamedEndpoint");
   ExpectCopyLines<JActorThreadWrapper>("JActorThreadWrapper", "", "constructor");
-  JCXXMsg signal(static_cast<unsigned char>(9));
-  EXPECT_TRUE(JCXXMsg(signal).IsDataMsg());
-  JCXXFrame frame(static_cast<unsigned char>(9));
-  EXPECT_EQ(JCXXFrame(frame).GetSize(), 0U);
 }
 
-// One allocation after the other fails, until the call succeeds.
-TEST_F(ApiTest, NoExceptionLeavesACCall) {
+TEST_F(ApiTest, AnExceptionBecomesALineOfTheCallsLevel) {
   auto [first, second] = SockFromPipes::MakeSockPairFromPipes();
   const std::unique_ptr<JCXXSock> a(first);
   const std::unique_ptr<JCXXSock> b(second);
-  JCXXMsg* const msg = j_msg_new();
-  JCXXMsg* made = nullptr;
-  const std::pair<int, std::function<bool()>> kCallsByLevel[] = {
-      {2, [&] { return (made = j_msg_new()) != nullptr; }},
-      {2, [&] { return j_msg_addmem(msg, "text", 4) == 0; }},
-      {2, [&] { return j_msg_addstr(msg, "text") == 0; }},
-      {1, [&] { return (made = j_msg_recv(b.get())) != nullptr; }},
-  };
-  for (const auto& [level, call] : kCallsByLevel) {
-    bool done = false;
-    for (std::size_t good = 0; !done; ++good) {
-      for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(j_sock_signal(a.get(), 1), 0);
-      }
-      ClearLog();
-      {
-        const Script script({Call::kNew}, std::vector<Step>(good), Fail(ENOMEM), true);
-        done = call();
-        EXPECT_EQ(done, script.count() <= good);
-      }
-      EXPECT_EQ(Log(), done ? "" : "std::bad_alloc");
-      EXPECT_TRUE(done || LogLines()[0].level == level);
-    }
-    j_msg_destroy(&made);
+  EXPECT_EQ(j_sock_signal(a.get(), 1), 0);
+  ClearLog();
+  {
+    const Script script({Call::kNew}, {}, Fail(ENOMEM), true);
+    EXPECT_EQ(j_msg_new(), nullptr);
+    EXPECT_EQ(j_msg_recv(b.get()), nullptr);
   }
-  delete msg;
+  EXPECT_EQ(Log(), "std::bad_alloc; std::bad_alloc");
+  EXPECT_EQ(LogLines()[0].level, 2);
+  EXPECT_EQ(LogLines()[1].level, 1);
 }
 
 // A thread's own earlier answers must not outlive what another thread changes.
@@ -264,50 +238,6 @@ TEST_F(ApiTest, EveryThreadSeesWhatAnotherRegistered) {
   }
   expect(false);
   EXPECT_EQ(Log(kAll), "");
-}
-
-TEST_F(ApiTest, ThreadsRegisterAtTheSameTime) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([] {
-      for (int j = 0; j < 200; ++j) {
-        JCXXMsg* msg = j_msg_new();
-        EXPECT_EQ(j_msg_addstr(msg, "x"), 0);
-        j_msg_destroy(&msg);
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-}
-
-// The layouts that compiled callers rely on.
-static_assert(offsetof(JCXXFrame, msg_size) == 4 && offsetof(JCXXFrame, data) == 8 &&
-              offsetof(JCXXFrame, header) == 32 && offsetof(JCXXFrame, header_len) == 40);
-static_assert(offsetof(JCXXActor, wrapper) == 8 && offsetof(JActorThreadWrapper, thread) == 32);
-static_assert(sizeof(JCXXMsg) == 40 && sizeof(JCXXSock) == 40 && sizeof(SockFromPipes) == 48);
-static_assert(!std::is_polymorphic_v<JCXXMsg> && !std::is_polymorphic_v<JCXXActorAPI>);
-
-// The place of a virtual member in the table, the two destructors being 0 and 1.
-template <class Member>
-std::size_t Slot(Member member) {
-  std::size_t word = 0;
-  std::memcpy(&word, &member, sizeof word);
-  return word / sizeof(void*);
-}
-
-TEST_F(ApiTest, TheVirtualTableKeepsItsOrder) {
-  EXPECT_EQ(Slot(&JCXXSock::GetReadFD), 2U);
-  EXPECT_EQ(Slot(&JCXXSock::GetWriteFD), 3U);
-  EXPECT_EQ(Slot(&JCXXSock::ReadBlocking), 4U);
-  EXPECT_EQ(Slot(&JCXXSock::WriteBlocking), 5U);
-  EXPECT_EQ(Slot(&JCXXSock::ReadNonBlocking), 6U);
-  EXPECT_EQ(Slot(&JCXXSock::WriteNonBlocking), 7U);
-  EXPECT_EQ(Slot(&JCXXSock::AvailableToRead), 8U);
-  EXPECT_EQ(Slot(&JCXXSock::WriteBlockingIOV), 9U);
-  EXPECT_EQ(Slot(&JCXXSock::Send), 10U);
-  EXPECT_EQ(Slot(&JCXXSock::Recv), 11U);
 }
 
 }  // namespace

@@ -14,117 +14,57 @@ using namespace support;
 
 using FrameTest = PairTest;
 
-// A frame in words: "null", "data abc", "header 5", "signal 9".
-std::string Words(JCXXFrame* frame) {
-  if (frame == nullptr) {
-    return "null";
-  }
-  if (frame->IsMsgHeaderFrame()) {
-    return "header " + std::to_string(frame->GetSize());
-  }
-  if (frame->IsSignalFrame()) {
-    return "signal " + std::to_string(frame->data.at(0));
-  }
-  return "data " + std::string(frame->data.begin(), frame->data.end());
-}
-
-std::string HeaderOf(JCXXFrame& frame) {
-  EXPECT_EQ(frame.BuildHeaderInFive(), 0);
-  return {reinterpret_cast<char*>(frame.header), frame.header_len};
-}
-
 TEST_F(FrameTest, AHeaderTakesTheShortestFormAtEverySizeBoundary) {
-  const struct {
-    std::uint32_t size;
-    const char* header;
-  } kSizes[] = {{0, "00"},
-                {1, "01"},
-                {15, "0F"},
-                {16, "10 00"},
-                {20, "10 04"},
-                {271, "10 FF"},
-                {272, "11 00"},
-                {300, "11 1C"},
-                {4111, "1F FF"},
-                {4112, "20 10 10"},
-                {65535, "20 FF FF"},
-                {65536, "30 00 01 00 00"},
-                {65537, "30 00 01 00 01"},
-                {1048576, "30 00 10 00 00"}};
+  const std::pair<std::uint32_t, const char*> kSizes[] = {{0, "00"},
+                                                          {15, "0F"},
+                                                          {16, "10 00"},
+                                                          {271, "10 FF"},
+                                                          {272, "11 00"},
+                                                          {4111, "1F FF"},
+                                                          {4112, "20 10 10"},
+                                                          {65535, "20 FF FF"},
+                                                          {65536, "30 00 01 00 00"},
+                                                          {1048576, "30 00 10 00 00"}};
   KeepLog(kErrors);
   for (const auto& [size, header] : kSizes) {
     std::string bytes = Bytes(header);
     JCXXFrame data;
     data.SetSize(size);
-    EXPECT_EQ(HeaderOf(data), bytes);
-    std::thread writer([&] {
-      EXPECT_EQ(data.WriteFrameToSock(a.get()), 0);
-      EXPECT_EQ(data.WriteFrameToSock(a.get()), 0);
-    });
+    std::thread writer([&] { EXPECT_EQ(data.WriteFrameToSock(a.get()), 0); });
     std::string wire(bytes.size() + size, 'x');
     std::size_t got = 0;
     EXPECT_EQ(b->ReadBlocking(reinterpret_cast<unsigned char*>(wire.data()), wire.size(), got), 0);
-    const std::unique_ptr<JCXXFrame> read(JCXXFrame::ReadFrameFromSock(b.get()));
     writer.join();
-    EXPECT_TRUE(wire == bytes + std::string(size, '\0'));
-    ASSERT_NE(read, nullptr);
-    EXPECT_TRUE(read->data == data.data);
+    EXPECT_TRUE(wire == bytes + std::string(size, '\0')) << size;
     JCXXFrame announcement(size);
     bytes[0] = static_cast<char>(bytes[0] | 0x40);
-    EXPECT_EQ(HeaderOf(announcement), bytes);
     EXPECT_EQ(announcement.WriteFrameToSockNonBlocking(a.get()), 0);
     EXPECT_EQ(Drain(), bytes);
   }
   for (const auto& [value, header] :
-       {std::pair(0, "80"), {1, "81"}, {63, "BF"}, {64, "C0 40"}, {200, "C0 C8"}, {255, "C0 FF"}}) {
+       {std::pair(0, "80"), {63, "BF"}, {64, "C0 40"}, {255, "C0 FF"}}) {
     JCXXFrame signal(static_cast<unsigned char>(value));
-    EXPECT_EQ(HeaderOf(signal), Bytes(header));
     EXPECT_EQ(signal.WriteFrameToSock(a.get()), 0);
     EXPECT_EQ(Drain(), Bytes(header));
   }
 }
 
-// Streams, good and bad, that end where the digits end: the frame that is read,
-// what stays behind it, and the trace.
-TEST_F(FrameTest, AFrameIsReadFromWhateverArrives) {
-  const struct {
-    const char *stream, *frame, *rest, *log;
-  } kStreams[] = {
-      {"03 616263 64", "data abc", "64", "frame or msg"},
-      {"00 64", "data ", "64", "frame or msg"},
-      {"45 02", "header 5", "02", "frame or msg"},
-      {"20 0002 6162", "data ab", "", "frame or msg"},
-      {"2F 0002 6162", "data ab", "", "frame or msg"},
-      {"30 00000002 6162", "data ab", "", "frame or msg"},
-      {"3F 00000000 61", "data ", "61", "frame or msg"},
-      {"50 00", "header 16", "", "frame or msg"},
-      {"70 00100000", "header 1048576", "", "frame or msg"},
-      {"30 00100001 6162", "null", "6162", "frame or msg"},
-      {"70 00100001 6162", "null", "6162", "frame or msg"},
-      {"30 FFFFFFFF 61", "null", "61", "frame or msg"},
-      {"BF 61", "signal 63", "61", "signal 6"},
-      {"C0 40", "signal 64", "", " default case signal 8"},
-      {"FF 07 61", "signal 7", "61", " default case signal 8"},
-      {"", "null", "", "irv=-1"},
-      {"C0", "null", "", " default case signal 8"},
-      {"05 6162", "null", "", "frame or msg"},
-      {"10", "null", "", "frame or msg"},
-      {"20 00", "null", "", "frame or msg"},
-      {"30 000000", "null", "", "frame or msg"},
-  };
-  for (const auto& row : kStreams) {
-    SetUpPair();
+// The sweep of the decoder sees what is read; here are the lines.
+TEST_F(FrameTest, AReadTellsTheFormOfTheFrame) {
+  const std::pair<const char*, const char*> kStreams[] = {{"03 616263", "frame or msg"},
+                                                          {"70 00100001", "frame or msg"},
+                                                          {"BF", "signal 6"},
+                                                          {"FF 07", " default case signal 8"}};
+  for (const auto& [stream, log] : kStreams) {
     ClearLog();
-    Feed(Bytes(row.stream));
-    a.reset();
-    const std::unique_ptr<JCXXFrame> frame(JCXXFrame::ReadFrameFromSockNonBlocking(b.get()));
-    EXPECT_EQ(Words(frame.get()), row.frame) << row.stream;
-    EXPECT_EQ(Drain(), Bytes(row.rest)) << row.stream;
-    EXPECT_EQ(Log(kAll, "ReadFrameFromSock"), row.log) << row.stream;
-    EXPECT_EQ(Log(), *row.stream == '\0' ? row.log : "") << row.stream;
+    Feed(Bytes(stream));
+    delete JCXXFrame::ReadFrameFromSockNonBlocking(b.get());
+    EXPECT_EQ(Log(kAll, "ReadFrameFromSock"), log) << stream;
   }
+  a.reset();
+  EXPECT_EQ(JCXXFrame::ReadFrameFromSock(b.get()), nullptr);
   EXPECT_EQ(JCXXFrame::ReadFrameFromSock(nullptr), nullptr);
-  EXPECT_EQ(Log(), "psock is NULL");
+  EXPECT_EQ(Log(), "irv=-1; psock is NULL");
 }
 
 // A sock whose writes answer as told.
@@ -179,48 +119,41 @@ TEST_F(FrameTest, AFailedWriteGivesTheSocksResultAndItsLine) {
 TEST_F(FrameTest, GatherEntriesPointIntoTheFrame) {
   JCXXFrame data;
   JCXXFrame header(5U);
+  JCXXFrame broken(static_cast<unsigned char>(1));
   iovec list[3] = {};
   int used = 7;
   std::size_t total = 8;
   EXPECT_EQ(data.FillWriteIOVs(nullptr, 2, used, total), -1);
   EXPECT_EQ(header.FillWriteIOVs(list, 1, used, total), -1);
   EXPECT_EQ(Log(), "FillWriteIOVs NULL pointer; FillWriteIOVs less than 2 iovs");
-  EXPECT_EQ(used, 7);
-  EXPECT_EQ(total, 8U);
+  EXPECT_EQ(std::pair(used, total), std::pair(7, std::size_t{8}));
   for (JCXXFrame* alone : {&data, &header}) {
     EXPECT_EQ(alone->FillWriteIOVs(list, 2, used, total), 0);
-    EXPECT_EQ(used, 1);
-    EXPECT_EQ(total, 1U);
+    EXPECT_EQ(std::pair(used, total), std::pair(1, std::size_t{1}));
     EXPECT_EQ(list[0].iov_base, alone->header);
     EXPECT_EQ(list[1].iov_base, nullptr);
   }
   data.SetSize(20);
   EXPECT_EQ(data.FillWriteIOVs(list, 3, used, total), 0);
-  EXPECT_EQ(used, 2);
-  EXPECT_EQ(total, 22U);
+  EXPECT_EQ(std::pair(used, total), std::pair(2, std::size_t{22}));
   EXPECT_EQ(list[1].iov_base, data.GetData());
   EXPECT_EQ(list[1].iov_len, 20U);
-  JCXXFrame signal(static_cast<unsigned char>(1));
-  signal.SetSize(0);
-  EXPECT_EQ(signal.FillWriteIOVs(list, 2, used, total), -1);
-  EXPECT_EQ(used, 0);
-  EXPECT_EQ(total, 0U);
+  broken.SetSize(0);
+  EXPECT_EQ(broken.FillWriteIOVs(list, 2, used, total), -1);
+  EXPECT_EQ(std::pair(used, total), std::pair(0, std::size_t{0}));
 }
 
 TEST_F(FrameTest, AFrameHoldsWhatItWasGiven) {
   JCXXFrame frame;
-  EXPECT_EQ(frame.GetData(), nullptr);
-  frame.SetSize(3);
-  EXPECT_EQ(Words(&frame), std::string("data ") + std::string(3, '\0'));
   std::string text = "abcde";
+  const auto words = [&] { return std::string(frame.data.begin(), frame.data.end()); };
+  EXPECT_EQ(frame.GetData(), nullptr);
   frame.CopyIntoBuffer(reinterpret_cast<unsigned char*>(text.data()), 5);
   frame.SetSize(6);
-  EXPECT_EQ(Words(&frame), std::string("data abcde") + '\0');
+  EXPECT_EQ(words(), text + '\0');
   frame.SetSize(2);
-  EXPECT_EQ(Words(&frame), "data ab");
-  JCXXFrame header(1048576U);
-  EXPECT_EQ(header.GetSize(), 1048576U);
-  EXPECT_EQ(header.GetData(), nullptr);
+  EXPECT_EQ(words(), "ab");
+  EXPECT_EQ(JCXXFrame(1048576U).GetSize(), 1048576U);
   EXPECT_THROW(JCXXFrame(1048577U), std::bad_alloc);
   EXPECT_EQ(Log(kAll), "");
 }

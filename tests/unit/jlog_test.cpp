@@ -6,12 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
-#include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -57,24 +52,6 @@ TEST_F(JlogTest, ALineOfAnyLengthIsOneWrite) {
     jlog_printf(1, 281, "%s\n", text.c_str());
     EXPECT_EQ(Packet(), text + "\n");
     EXPECT_EQ(Packet(), "");
-  }
-}
-
-TEST_F(JlogTest, LinesOfThreadsDoNotMix) {
-  std::vector<std::thread> threads;
-  for (const char letter : {'a', 'b'}) {
-    threads.emplace_back([letter] {
-      for (int i = 0; i < 5; ++i) {
-        jlog_printf(2, 281, "%s\n", std::string(2000, letter).c_str());
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  for (int i = 0; i < 10; ++i) {
-    const std::string line = Packet();
-    EXPECT_EQ(line, std::string(2000, line.at(0)) + "\n");
   }
 }
 
