@@ -32,7 +32,6 @@ constexpr int kAll = 9;     // trace lines too
 struct LogLine {
   int level;
   std::string format;  // as the library gave it
-  std::string file;
   std::string function;
   std::string text;  // formatted, without the prefix and the newline
 };
@@ -43,11 +42,9 @@ void ClearLog();
 std::vector<LogLine> LogLines(int max_level = kErrors);
 std::string Log(int max_level = kErrors, const std::string& function = "");
 
-// Lines above `level` are dropped from now on; ClearLog keeps all again.
+// Lines above `level` are dropped from now on; ClearLog keeps all again. errno is
+// spoiled in any case.
 void KeepLog(int level);
-
-// What jlog_printf leaves in errno; 0: it leaves errno alone.
-void LogSpoilsErrno(int value);
 
 // Scripted calls
 
@@ -172,9 +169,6 @@ class PairTest : public Test {
  protected:
   void SetUp() override;
   void TearDown() override;
-
-  // A fresh pair.
-  void SetUpPair();
 
   // Puts bytes on the way from `a` to `b`, without the library.
   void Feed(const std::string& bytes);

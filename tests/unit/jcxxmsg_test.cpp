@@ -81,14 +81,10 @@ TEST_F(MsgTest, ARefusedMessageTellsWhy) {
 TEST_F(MsgTest, TheLimitIsAMegabytePerFrameAndPerMessage) {
   KeepLog(kErrors);
   const std::string half(524288, 'x');
-  for (const auto& [frames, header] :
-       {std::pair(Frames{half, half}, "70 00100000"), {Frames{half + half}, "30 00100000"}}) {
-    const Owned msg = Make(frames);
-    std::thread writer([&] { EXPECT_EQ(msg->WriteMessage(a.get()), 0); });
-    Owned read(b->Recv());
-    writer.join();
-    EXPECT_TRUE(Words(read) == Words(msg));
-  }
+  const Owned most = Make({half, half});
+  std::thread writer([&] { EXPECT_EQ(most->WriteMessage(a.get()), 0); });
+  EXPECT_TRUE(Words(Owned(b->Recv())) == Words(most));
+  writer.join();
   Owned msg = Make({half, half, "y"});
   const Script script(Call::kWritev);
   EXPECT_THROW(msg->WriteMessage(a.get()), std::bad_alloc);

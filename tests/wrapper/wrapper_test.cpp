@@ -6,7 +6,7 @@
 #include <czmq.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/time.h>
+#include <unistd.h>
 
 #include <array>
 #include <functional>
@@ -71,10 +71,9 @@ struct Endpoint {
 
 TEST_F(Wrapper, FramesTravelUnchangedAndAreIteratedInOrder) {
   Actor echo(Echo);
-  const std::vector<unsigned char> vector{0, 1, 0, 255};
-  const std::array<unsigned char, 2> array{7, 0};
+  const std::array<unsigned char, 4> array{0, 1, 0, 255};
   Message message{"text", std::string_view("z\0z", 3)};
-  message.add(vector).add(array).add(std::string_view()).add("abc", 2);
+  message.add(std::vector<unsigned char>{7, 0}).add(array).add(std::string_view()).add("abc", 2);
   echo.send(std::move(message));
 
   auto reply = echo.receive();
@@ -84,15 +83,15 @@ TEST_F(Wrapper, FramesTravelUnchangedAndAreIteratedInOrder) {
   std::optional<Frame> kept;
   for (Frame& frame : reply->frames()) {
     texts.emplace_back(frame.text());
-    if (texts.size() == 3) {
+    if (texts.size() == 2) {
       frame.bytes()[1] = 9;
       kept = std::move(frame);
     }
   }
-  const std::vector<std::string> expected{"text",      {"z\0z", 3}, {"\0\1\0\377", 4},
-                                          {"\7\0", 2}, "",          "ab"};
+  const std::vector<std::string> expected{"text", {"z\0z", 3}, {"\7\0", 2}, {"\0\1\0\377", 4},
+                                          "",     "ab"};
   EXPECT_EQ(texts, expected);
-  EXPECT_EQ(std::string(kept->text()), std::string("\0\11\0\377", 4));
+  EXPECT_EQ(kept->text(), "z\11z");
   EXPECT_FALSE(reply->pop());
 
   echo.signal(255);
@@ -137,19 +136,12 @@ TEST_F(Wrapper, AnActorIsStartedWhateverItsCallableDoes) {
 }
 
 TEST_F(Wrapper, AnActorAndItsCallableCanBeMoved) {
-  auto owned = std::make_unique<int>(0);
-  int& runs = *owned;
-  Actor moved([owned = std::move(owned)](SockRef sock) {
-    ++*owned;
-    Echo(sock);
-  });
+  Actor moved([owned = std::make_unique<int>(7)](SockRef sock) { Echo(sock); });
   Actor actor([](SockRef sock) {
     Echo(sock);
     throw std::logic_error("dropped by the assignment");
   });
   actor = std::move(moved);
-  EXPECT_FALSE(actor.finished());
-  EXPECT_EQ(runs, 1);
   actor.signal(1);
   EXPECT_EQ(actor.receive()->signal(), 1);
   EXPECT_THROW(moved.signal(1), error);
@@ -220,18 +212,12 @@ TEST_F(Wrapper, ATimeLimitTellsTimeOutFromEnd) {
 TEST_F(Wrapper, ATimeLimitSurvivesSignals) {
   const Endpoint quiet;
   static volatile sig_atomic_t interruptions = 0;
-  struct sigaction action = {};
-  struct sigaction before = {};
-  action.sa_handler = [](int) { interruptions = interruptions + 1; };
-  ::sigaction(SIGALRM, &action, &before);
-  const itimerval often = {{0, 2000}, {0, 2000}};
-  const itimerval never = {};
+  const auto before = ::signal(SIGALRM, [](int) { interruptions = interruptions + 1; });
+  ::ualarm(2000, 2000);
   const auto start = std::chrono::steady_clock::now();
-  ::setitimer(ITIMER_REAL, &often, nullptr);
-  const bool timed_out = quiet.pull->receive_for(50ms).timed_out;
-  ::setitimer(ITIMER_REAL, &never, nullptr);
-  ::sigaction(SIGALRM, &before, nullptr);
-  EXPECT_TRUE(timed_out);
+  EXPECT_TRUE(quiet.pull->receive_for(50ms).timed_out);
+  ::ualarm(0, 0);
+  ::signal(SIGALRM, before);
   EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
   EXPECT_GT(interruptions, 1);
 }
