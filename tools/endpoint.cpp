@@ -54,7 +54,9 @@ void AddHolder(std::vector<Holder>& holders, pid_t pid, const std::string& proce
 
 void AddFifosOf(pid_t pid, Holders& found) {
   const std::string process = "/proc/" + std::to_string(pid);
-  const Directory descriptors(::opendir((process + "/fd").c_str()));
+  const std::string fd_folder = process + "/fd/";
+  const std::string fdinfo_folder = process + "/fdinfo/";
+  const Directory descriptors(::opendir(fd_folder.c_str()));
   if (descriptors == nullptr) {
     found.complete = found.complete && errno != EACCES;
     return;
@@ -62,8 +64,8 @@ void AddFifosOf(pid_t pid, Holders& found) {
   while (const dirent* entry = ::readdir(descriptors.get())) {
     const std::string name = entry->d_name;
     struct stat status = {};
-    if (::stat((process + "/fd/" + name).c_str(), &status) == 0 && S_ISFIFO(status.st_mode) &&
-        !IsOnlyALook(process + "/fdinfo/" + name)) {
+    if (::stat((fd_folder + name).c_str(), &status) == 0 && S_ISFIFO(status.st_mode) &&
+        !IsOnlyALook(fdinfo_folder + name)) {
       AddHolder(found.by_file[{status.st_dev, status.st_ino}], pid, process);
     }
   }

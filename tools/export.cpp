@@ -52,6 +52,7 @@ class Exporter {
 
   const Options& options_;
   Patience reading_;
+  std::optional<Patience> not_waiting_;  // for the rest, after the loop
   EndpointSock sock_;
   Bridge bridge_;
   Progress progress_;
@@ -156,8 +157,7 @@ bool Exporter::TakeAnother() {
 // After the loop: hands over the pending message, takes what would be lost in the
 // FIFO when nobody else has it open, and waits for ZeroMQ.
 Outcome Exporter::SendRest(Patience& patience) {
-  Patience without_waiting(0.0, 0.0);
-  sock_.WaitWith(without_waiting);
+  sock_.WaitWith(not_waiting_.emplace(0.0, 0.0));
   const bool takes_all = !Enough() && !failure_ && !IsHeldElsewhere(sock_.fd());
   do {
     while (!SendPending()) {

@@ -113,11 +113,15 @@ bool Importer::DeliverWhatComes(bool limited) {
       if (!DeliverOne()) {
         return false;
       }
-    } else if (limited && Patience::Clock::now() > limit) {
+      continue;
+    }
+    if (limited && Patience::Clock::now() > limit) {
       return true;
-    } else if (writing_.Wait(-1, 0, true, kQuiet) != Outcome::kTick) {
+    }
+    if (writing_.Wait(-1, 0, true, kQuiet) != Outcome::kTick) {
       return false;
-    } else if (!bridge_.Has(ZMQ_POLLIN)) {
+    }
+    if (!bridge_.Has(ZMQ_POLLIN)) {
       return true;
     }
   }

@@ -9,7 +9,7 @@ namespace jpipe {
 namespace {
 
 // A line that is cut into frames may be longer than a message by its separators.
-constexpr std::size_t kLongestLine = 4 * JACTOR_MAX_SIZE;
+constexpr std::size_t kLongestLine = std::size_t{4} * JACTOR_MAX_SIZE;
 
 // Sends messages, and remembers what there is to say about them.
 class Pusher {

@@ -77,7 +77,8 @@ int Patience::Milliseconds(int slice) const {
     return slice;
   }
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(*limit - Clock::now()).count();
-  const int bounded = static_cast<int>(std::clamp<long long>(left, 0, 3600 * 1000));
+  constexpr long long kHour = 3'600'000;
+  const int bounded = static_cast<int>(std::clamp<long long>(left, 0, kHour));
   return slice < 0 ? bounded : std::min(slice, bounded);
 }
 
