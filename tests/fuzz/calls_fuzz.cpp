@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fuzz/check.h"
@@ -350,7 +351,9 @@ class Session {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  std::signal(SIGPIPE, SIG_IGN);
+  // A sanitizer's own thread starts with the first one.
+  static const bool ready = (std::thread([] {}).join(), std::signal(SIGPIPE, SIG_IGN), true);
+  CHECK(ready);
   const support::Census before = support::TakeCensus();
   Session(data, size).Run();
   CHECK(support::LeftSince(before).empty());
