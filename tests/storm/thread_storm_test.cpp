@@ -138,7 +138,9 @@ struct Late {
   JCXXMsg* msg = nullptr;
   JCXXActor* actor = nullptr;
   ~Late() {
-    j_msg_addstr(msg, "late");
+    if (j_msg_addstr(msg, "late") != -1) {
+      std::_Exit(3);  // this thread still took it for alive
+    }
     j_msg_destroy(&msg);
     j_actor_destroy(&actor);
   }

@@ -108,6 +108,14 @@ TEST_F(MemberSweep, ARegistryOfItsOwnHoldsEveryFamily) {
   }
 }
 
+TEST_F(MemberSweep, ALargeSizeIsWrittenMostSignificantByteFirst) {
+  JCXXFrame frame;
+  frame.SetSize(0x01020304);
+  ASSERT_EQ(frame.BuildHeaderInFive(), 0);
+  EXPECT_EQ(std::string(frame.header, frame.header + frame.header_len),
+            std::string("\x30\x01\x02\x03\x04"));
+}
+
 // Says that all went well, and transfers nothing.
 struct Liar : JCXXSock {
   int GetReadFD(int& fd) override { return fd = -1, 0; }
