@@ -2,6 +2,8 @@
 // instance and on an object of its own, and socks that break their word.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "jcxxactor.h"
 #include "jcxxactorapi.h"
 #include "jcxxframe.h"
@@ -105,6 +107,18 @@ TEST_F(MemberSweep, ARegistryOfItsOwnHoldsEveryFamily) {
                  &JCXXActorAPI::JCXXSockPtrRemove);
     OnceInAndOut(*api, &JCXXActorAPI::JCXXActorPtrAdd, &JCXXActorAPI::JCXXActorPtrIsValid,
                  &JCXXActorAPI::JCXXActorPtrRemove);
+  }
+}
+
+TEST_F(MemberSweep, AnAnswerOfOneThreadEndsWithAChangeByAnother) {
+  JCXXActorAPI* api = JCXXActorAPI::GetInstance();
+  long place = 0;
+  auto* p = reinterpret_cast<JCXXMsg*>(&place);
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_FALSE(api->JCXXMsgPtrIsValid(p));
+    std::thread([=] { api->JCXXMsgPtrAdd(p); }).join();
+    EXPECT_TRUE(api->JCXXMsgPtrIsValid(p));
+    std::thread([=] { api->JCXXMsgPtrRemove(p); }).join();
   }
 }
 
