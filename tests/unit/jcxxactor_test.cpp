@@ -75,10 +75,16 @@ TEST_F(ActorTest, AFailedStartIsALineOrAnException) {
   const std::pair<Call, const char*> kFaults[] = {
       {Call::kPipe, "std::bad_alloc"}, {Call::kPthreadCreate, "Resource temporarily unavailable"}};
   for (const auto& [call, line] : kFaults) {
-    const Script script(call, {Fail(EAGAIN), Fail(EAGAIN)});
-    EXPECT_EQ(j_actor_new(SignalOnly, &value), nullptr);
-    EXPECT_EQ(Log(), line);
-    EXPECT_THROW(JCXXActor(SignalOnly, &value), std::exception);
+    // One failure at a time: a sanitizer makes pipes too when it looks at an exception.
+    for (const bool through_the_call : {true, false}) {
+      const Script script(call, {Fail(EAGAIN)});
+      if (through_the_call) {
+        EXPECT_EQ(j_actor_new(SignalOnly, &value), nullptr);
+        EXPECT_EQ(Log(), line);
+      } else {
+        EXPECT_THROW(JCXXActor(SignalOnly, &value), std::exception);
+      }
+    }
     ClearLog();
   }
 }
