@@ -1,7 +1,7 @@
 #!/bin/bash
 # What the completion offers, and that an endpoint's name is never run as a command.
 . "$(dirname "$0")/lib.sh"
-PATH=$(dirname "$JPIPE"):$PATH
+jpipe() { "$JPIPE" "$@"; } # under emulation too
 . "$(dirname "$0")/../../tools/jpipe.bash"
 compopt() { :; } # works only while bash completes
 
