@@ -7,14 +7,8 @@ near=$(endpoint near)
 far=$(endpoint far)
 count=100000
 
-"$JPIPE" import --hwm 100 'tcp://127.0.0.1:*' "$far" 2>"$scratch/import" &
-import=$!
-until_true grep -q 'bound to' "$scratch/import"
-address=$(sed -n 's/.*bound to //p' "$scratch/import")
-"$JPIPE" export --hwm 100 "$near" "$address" 2>"$scratch/export" &
-export=$!
-until_true holds near $export
-
+start_import "tcp://$loopback:*" "$far" --hwm 100
+start_export "$near" "$address" --hwm 100
 "$TRAFFIC" send "$near" "$count" mixed >"$scratch/send" &
 send=$!
 
@@ -35,12 +29,8 @@ is 'every message arrives' "received $count lost 0" "$("$TRAFFIC" check "$far" "
 wait $send
 is 'the sender ends' 0 $?
 
-kill -TERM $export
-wait $export
-is 'export ends cleanly' 0 $?
-kill -TERM $import
-wait $import
-is 'import ends cleanly' 0 $?
+ends_cleanly export $export
+ends_cleanly import $import
 exported=$(sed -n 's/.*exported //p' "$scratch/export")
 has 'the count' "$count messages (*" "$exported"
 is 'both count alike' "$exported" "$(sed -n 's/.*imported //p' "$scratch/import")"

@@ -12,10 +12,7 @@ is 'the secret is private' '-rw-------' "$(ls -l good_secret | cut -c1-10)"
 is 'a certificate is not overwritten' 1 $?
 cp good clients/
 
-"$JPIPE" export --bind "$near" 'tcp://127.0.0.1:*' --curve-cert server --curve-clients clients 2>export.err &
-export=$!
-until_true grep -q 'bound to' export.err
-address=$(sed -n 's/.*bound to //p' export.err)
+start_export "$near" "tcp://$loopback:*" --bind --curve-cert server --curve-clients clients
 import() { # CERTIFICATE FAR
   "$JPIPE" import --connect "$address" "$(endpoint "$2")" --curve-cert "$1" --curve-server server 2>"$1.err" &
 }

@@ -7,6 +7,9 @@ run_directory=/var/run/jactor
 name=jpipe_test_$$
 scratch=$(mktemp -d)
 failures=0
+# A loopback address that no other test has: the port that a program leaves when it is
+# killed would be the next one that ZeroMQ chooses, maybe for another test.
+loopback=127.$((1 + ($$ >> 16))).$(($$ >> 8 & 255)).$(($$ & 255))
 
 mkdir -p "$run_directory" 2>/dev/null
 if ! [ -w "$run_directory" ]; then
@@ -60,6 +63,33 @@ holds() {
     [ "$fd" -ef "$(fifo "$1")" ] && return 0
   done
   return 1
+}
+
+# start_import ADDRESS ENDPOINT OPTION..., start_export ENDPOINT ADDRESS OPTION... - run
+# one: $import or $export is its process, its standard error $scratch/import or
+# $scratch/export, $address where it is bound.
+start_import() {
+  rm -f "$scratch/import"
+  "$JPIPE" import "$@" 2>"$scratch/import" &
+  import=$!
+  await_link "$scratch/import"
+}
+start_export() {
+  rm -f "$scratch/export"
+  "$JPIPE" export "$@" 2>"$scratch/export" &
+  export=$!
+  await_link "$scratch/export"
+}
+await_link() { # FILE
+  until_true grep -qE 'bound to|connecting to' "$1"
+  address=$(sed -nE 's/.*(bound to|connecting to) //p' "$1")
+}
+
+# ends_cleanly WHAT PID - after a request to stop.
+ends_cleanly() {
+  kill -TERM "$2"
+  wait "$2"
+  is "$1 ends cleanly" 0 $?
 }
 
 finish() {
