@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -16,11 +16,19 @@
 #include <thread>
 #include <vector>
 
-#include "fuzz/check.h"
 #include "jcxxactorapi.h"
 #include "jcxxframe.h"
 #include "jcxxmsg.h"
 #include "jlog.h"
+
+// Ends the program when the condition is false, in every build.
+#define CHECK(condition)                                                                 \
+  do {                                                                                   \
+    if (!(condition)) {                                                                  \
+      std::fprintf(stderr, "%s:%d: CHECK(%s) failed\n", __FILE__, __LINE__, #condition); \
+      std::abort();                                                                      \
+    }                                                                                    \
+  } while (false)
 
 namespace {
 
