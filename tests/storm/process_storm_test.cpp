@@ -248,7 +248,7 @@ TEST_F(ProcessStorm, ProgramsStartedUnderLoadInheritNoDescriptor) {
   std::for_each(load.begin(), load.end(), [](std::thread& thread) { thread.join(); });
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef JACTOR_SANITIZED
 constexpr long kMostMebibytes = 4096;  // the sanitizer's share
 #else
 constexpr long kMostMebibytes = 256;

@@ -44,8 +44,8 @@ struct StringSock : JCXXSock {
 
 // Sanitizers and emulators make each string several times as expensive: they see
 // a part.
-#if defined(SWEEP_A_PART) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
-    defined(JACTOR_EMULATED) || !defined(__OPTIMIZE__)
+#if defined(SWEEP_A_PART) || defined(JACTOR_SANITIZED) || defined(JACTOR_EMULATED) || \
+    !defined(__OPTIMIZE__)
 constexpr unsigned kStep = 61;
 #else
 constexpr unsigned kStep = 1;

@@ -75,7 +75,7 @@ const std::vector<Range> library_code = LibraryCode();
   return false;
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef JACTOR_SANITIZED
 constexpr bool kHeapInterposed = false;  // the sanitizers own the heap
 #else
 constexpr bool kHeapInterposed = true;
