@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <regex>
 #include <string>
 
 #include "fuzz/check.h"
@@ -15,24 +16,20 @@
 namespace {
 
 // The file that an endpoint stands for; empty when the string is refused.
-std::string FileOf(std::string name) {
-  if (name.size() < 5 || name.find(',') != std::string::npos) {
+std::string FileOf(const std::string& name) {
+  static const std::regex kFront("[@>]?(ipc|inproc)://");
+  std::smatch front;
+  if (!std::regex_search(name, front, kFront, std::regex_constants::match_continuous)) {
     return "";
   }
-  if (name[0] == '@' || name[0] == '>') {
-    name.erase(0, 1);
+  std::string path = front.suffix();
+  if (path.empty() || path.find(',') != std::string::npos) {
+    return "";
   }
-  for (const std::string transport : {"ipc", "inproc"}) {
-    const std::string front = transport + "://";
-    if (name.starts_with(front) && name.size() > front.size()) {
-      std::string path = name.substr(front.size());
-      std::replace_if(
-          path.begin(), path.end(), [](char c) { return c == '/' || c == '\\'; }, '_');
-      const std::string file = "J" + transport + "_" + path;
-      return file.size() <= NAME_MAX ? file : "";
-    }
-  }
-  return "";
+  const auto separator = [](char c) { return c == '/' || c == '\\'; };
+  std::replace_if(path.begin(), path.end(), separator, '_');
+  const std::string file = "J" + front.str(1) + "_" + path;
+  return file.size() <= NAME_MAX ? file : "";
 }
 
 void CheckSplitting(std::string name) {
@@ -53,16 +50,14 @@ void CheckSplitting(std::string name) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const support::RunDirectory run;
-  if (size < 1) {
-    return 0;
-  }
-  const std::string bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const std::string bytes(data, data + size);
   CheckSplitting(bytes);
-  const std::string name = bytes.c_str();  // up to its first zero
+  const std::string name = bytes.c_str() + std::min<std::size_t>(size, 1);  // up to its first zero
   const std::string file = FileOf(name);
   support::ClearLog();
   support::KeepLog(support::kErrors);
-  JCXXSock* sock = data[0] % 2 == 0 ? j_pipe_new_pull(name.c_str()) : j_pipe_new_push(name.c_str());
+  JCXXSock* sock =
+      bytes[0] % 2 == 0 ? j_pipe_new_pull(name.c_str()) : j_pipe_new_push(name.c_str());
   CHECK((sock != nullptr) == !file.empty());
   CHECK(support::LogLines().size() == (sock != nullptr ? 0 : 1));
   if (sock != nullptr) {

@@ -6,8 +6,6 @@
 // with all later ones too. Only calls of the scenario's own thread fail.
 #include <czmq.h>
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +15,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <string_view>
 
 #include "jcxxactor.h"
 #include "jcxxframe.h"
@@ -37,40 +36,16 @@ thread_local unsigned long heap_fail_from = 0;
 thread_local unsigned long heap_fail_to = 0;
 std::atomic<long> live_blocks{0};
 
-struct Range {
-  std::uintptr_t from, to;
-};
-std::vector<Range> LibraryCode() {
-  std::vector<Range> ranges;
-  ::dl_iterate_phdr(
-      [](dl_phdr_info* info, std::size_t, void* found) {
-        for (const char* name : {"libjactor.so", "libstdc++.so", "ld-linux"}) {
-          for (int i = 0; std::strstr(info->dlpi_name, name) != nullptr && i < info->dlpi_phnum;
-               ++i) {
-            const auto from = info->dlpi_addr + info->dlpi_phdr[i].p_vaddr;
-            static_cast<std::vector<Range>*>(found)->push_back(
-                {from, from + info->dlpi_phdr[i].p_memsz});
-          }
-        }
-        return 0;
-      },
-      &ranges);
-  return ranges;
-}
-
-const std::vector<Range> library_code = LibraryCode();
-
 [[maybe_unused]] bool HeapFails(const void* caller) {
-  if (heap_calls == 0) {
+  Dl_info code = {};
+  if (heap_calls == 0 || ::dladdr(caller, &code) == 0) {
     return false;
   }
-  const auto at = reinterpret_cast<std::uintptr_t>(caller);
-  const bool ours = std::any_of(library_code.begin(), library_code.end(), [=](const Range& range) {
-    return at >= range.from && at < range.to;
-  });
-  if (ours) {
-    const unsigned long n = heap_calls++;
-    return n >= heap_fail_from && n <= heap_fail_to;
+  for (const char* name : {"libjactor.so", "libstdc++.so", "ld-linux"}) {
+    if (std::strstr(code.dli_fname, name) != nullptr) {
+      const unsigned long n = heap_calls++;
+      return n >= heap_fail_from && n <= heap_fail_to;
+    }
   }
   return false;
 }
@@ -81,34 +56,23 @@ constexpr bool kHeapInterposed = false;  // the sanitizers own the heap
 constexpr bool kHeapInterposed = true;
 }  // namespace
 
-extern "C" {
-#define INTERPOSED __attribute__((visibility("default")))
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void __libc_free(void*);
-
-static void* Counted(void* block) {
-  live_blocks += block != nullptr ? 1 : 0;
-  return block;
-}
-INTERPOSED void* malloc(size_t n) noexcept {
-  return HeapFails(__builtin_return_address(0)) ? nullptr : Counted(__libc_malloc(n));
-}
-INTERPOSED void* calloc(size_t n, size_t size) noexcept {
-  return HeapFails(__builtin_return_address(0)) ? nullptr : Counted(__libc_calloc(n, size));
-}
-INTERPOSED void* realloc(void* old, size_t n) noexcept {
-  if (HeapFails(__builtin_return_address(0))) {
-    return nullptr;
+#define INTERPOSED extern "C" __attribute__((visibility("default")))
+#define ALLOCATOR(name, parameters, old, ...)                   \
+  extern "C" void* __libc_##name parameters;                    \
+  INTERPOSED void* name parameters noexcept {                   \
+    const bool fails = HeapFails(__builtin_return_address(0));  \
+    void* made = fails ? nullptr : __libc_##name(__VA_ARGS__);  \
+    live_blocks += made != nullptr && (old) == nullptr ? 1 : 0; \
+    return made;                                                \
   }
-  live_blocks -= old != nullptr ? 1 : 0;
-  return Counted(__libc_realloc(old, n));
-}
+ALLOCATOR(malloc, (size_t n), nullptr, n)
+ALLOCATOR(calloc, (size_t n, size_t size), nullptr, n, size)
+ALLOCATOR(realloc, (void* old, size_t n), old, old, n)
+
+extern "C" void __libc_free(void*);
 INTERPOSED void free(void* block) noexcept {
   live_blocks -= block != nullptr ? 1 : 0;
   __libc_free(block);
-}
 }
 
 namespace {
@@ -145,6 +109,8 @@ struct World {
   JCXXActor* echo = nullptr;
   JCXXSock* push = nullptr;
   JCXXSock* pull = nullptr;
+  void* to = nullptr;  // the actor or the sock to send to, and to receive from
+  void* from = nullptr;
   zloop_t* loop = nullptr;
   ~World() {
     zloop_destroy(&loop);
@@ -154,88 +120,89 @@ struct World {
   }
 };
 
-// A scenario's result: whether everything worked. What a failed call leaves
-// behind it checks itself.
-struct Scenario {
-  const char* name;
-  void (*prepare)(World&);
-  bool (*run)(World&);
-  bool fails_anyway = false;  // and then the result never changes
-};
+void Nothing(World&) {}
+void WithEcho(World& world) { world.to = world.from = world.echo = j_actor_new(Echo, nullptr); }
+void WithEndpoint(World& world) {
+  world.to = world.push = j_pipe_new_push(">ipc://sweep");
+  world.from = world.pull = j_pipe_new_pull("@ipc://sweep");
+}
+void WithLoop(World& world) {
+  WithEndpoint(world);
+  world.loop = zloop_new();
+}
+void WithRunDirectory(World& world) { ::mkdir(world.run.path().c_str(), 0777); }
+void WithFileForDirectory(World& world) { std::ofstream(world.run.path()); }
+void WithFileForFifo(World& world) {
+  WithRunDirectory(world);
+  std::ofstream(world.fifo);
+}
 
-bool BuildAndTakeApart(World&) {
-  JCXXMsg* msg = j_msg_new();
-  if (msg == nullptr) {
-    return false;
+// The scenarios: whether everything worked. What a failed call leaves behind it
+// they check themselves.
+
+// Frames of an odd size are strings.
+bool AddFrame(JCXXMsg* msg, std::size_t size) {
+  return (size % 2 == 0 ? j_msg_addmem(msg, block.data(), size)
+                        : j_msg_addstr(msg, &block[block.size() - size])) == 0;
+}
+
+bool TakeFrame(JCXXMsg* msg, std::size_t size) {
+  const std::string_view expected = std::string_view(block).substr(0, size);
+  if (size % 2 != 0) {
+    const std::unique_ptr<char, void (*)(void*)> text(j_msg_popstr(msg), std::free);
+    EXPECT_TRUE(text == nullptr || text.get() == expected);
+    return text != nullptr;
   }
-  bool ok = j_msg_addstr(msg, "abc") == 0;
-  EXPECT_EQ(msg->GetSize(), ok ? 3U : 0U);
-  ok = ok && j_msg_addmem(msg, block.data(), 300) == 0;
-  char* text = ok ? j_msg_popstr(msg) : nullptr;
-  EXPECT_TRUE(text == nullptr || std::strcmp(text, "abc") == 0);
-  EXPECT_TRUE(!ok || msg->GetSize() == (text == nullptr ? 303U : 300U));
-  JCXXFrame* frame = text != nullptr ? j_msg_pop(msg) : nullptr;
-  ok = frame != nullptr && j_frame_size(frame) == 300 &&
-       std::memcmp(j_frame_data(frame), block.data(), 300) == 0;
-  std::free(text);
-  j_frame_destroy(&frame);
+  const std::unique_ptr<JCXXFrame> frame(j_msg_pop(msg));
+  EXPECT_EQ(j_frame_size(frame.get()), size);
+  EXPECT_TRUE(size == 0 || std::memcmp(j_frame_data(frame.get()), block.data(), size) == 0);
+  return frame != nullptr;
+}
+
+// Builds a message of frames of the given sizes, sends and receives it where there is
+// somebody, and takes it apart.
+template <std::size_t... sizes>
+bool Exchange(World& world) {
+  JCXXMsg* msg = j_msg_new();
+  bool ok = msg != nullptr && (... && AddFrame(msg, sizes));
+  EXPECT_TRUE(msg == nullptr || ok == (msg->GetFrameList().size() == sizeof...(sizes)));
+  if (ok && world.to != nullptr) {
+    ok = j_msg_send(&msg, world.to) == 0;
+    EXPECT_TRUE(ok ? msg == nullptr : msg->GetFrameList().size() == sizeof...(sizes));
+    msg = ok ? j_msg_recv(world.from) : msg;
+    ok = ok && msg != nullptr;
+  }
+  if (ok) {
+    ok = (... && TakeFrame(msg, sizes));
+    EXPECT_EQ(ok, msg->GetFrameList().empty());
+  }
   j_msg_destroy(&msg);
   return ok;
 }
 
-// Sends frames of the given sizes and receives them again.
-bool Exchange(void* to, void* from, std::initializer_list<std::size_t> sizes) {
-  JCXXMsg* msg = j_msg_new();
-  bool ok = msg != nullptr;
-  for (const std::size_t size : sizes) {
-    ok = ok && j_msg_addmem(msg, block.data(), size) == 0;
-  }
-  if (!ok || j_msg_send(&msg, to) != 0) {
-    EXPECT_TRUE(!ok || (msg != nullptr && msg->GetFrameList().size() == sizes.size()));
-    j_msg_destroy(&msg);
-    return false;
-  }
-  EXPECT_EQ(msg, nullptr);
-  msg = j_msg_recv(from);
-  if (msg == nullptr) {
-    return false;
-  }
-  for (const std::size_t size : sizes) {
-    JCXXFrame* frame = msg->Pop();
-    EXPECT_TRUE(frame != nullptr && frame->GetSize() == size &&
-                (size == 0 || std::memcmp(frame->GetData(), block.data(), size) == 0));
-    delete frame;
-  }
-  EXPECT_TRUE(msg->GetFrameList().empty());
-  j_msg_destroy(&msg);
-  return true;
-}
-
 bool ExchangeSignal(World& world) {
-  if (j_sock_signal(world.echo, 200) != 0) {
-    return false;
-  }
-  JCXXMsg* msg = j_msg_recv(world.echo);
-  EXPECT_TRUE(msg == nullptr || j_msg_signal(msg) == 200);
+  JCXXMsg* msg = j_sock_signal(world.echo, 200) == 0 ? j_msg_recv(world.echo) : nullptr;
   const bool ok = msg != nullptr;
+  EXPECT_EQ(j_msg_signal(msg), ok ? 200 : -1);
   j_msg_destroy(&msg);
   return ok;
 }
 
 bool MakePair(World&) {
   try {
-    const auto pair = SockFromPipes::MakeSockPairFromPipes();
-    delete std::get<0>(pair);
-    delete std::get<1>(pair);
+    const auto [first, second] = SockFromPipes::MakeSockPairFromPipes();
+    delete first;
+    delete second;
     return true;
   } catch (const std::bad_alloc&) {
     return false;
   }
 }
 
+template <j_actor_fn function>
 bool StartAndStop(World&) {
-  JCXXActor* actor = j_actor_new(Echo, nullptr);
-  const bool ok = actor != nullptr;
+  JCXXActor* actor = j_actor_new(function, nullptr);
+  const bool ok = (actor != nullptr) == (function == Echo);
   j_actor_destroy(&actor);
   return ok;
 }
@@ -251,174 +218,153 @@ bool OpenEndpoint(World& world) {
 }
 
 bool RegisterAndEnd(World& world) {
-  const int rc = hybrid_zloop_reader(
-      world.loop, world.pull, [](zloop_t*, j_sock_t*, void*) { return -1; }, nullptr);
+  const auto handler = [](zloop_t*, j_sock_t*, void*) { return -1; };
+  const int rc = hybrid_zloop_reader(world.loop, world.pull, handler, nullptr);
   hybrid_zloop_reader_end(world.loop, world.pull);
   return rc == 0;
 }
 
-void WithEcho(World& world) { world.echo = j_actor_new(Echo, nullptr); }
-void WithEndpoint(World& world) {
-  world.push = j_pipe_new_push(">ipc://sweep");
-  world.pull = j_pipe_new_pull("@ipc://sweep");
-}
-void MakeRunDirectory(World& world) { ::mkdir(world.run.path().c_str(), 0777); }
-
-const Scenario kScenarios[] = {
-    {"BuildAndTakeApart", [](World&) {}, BuildAndTakeApart},
-    {"OneFrame", WithEcho, [](World& w) { return Exchange(w.echo, w.echo, {5}); }},
-    {"SeveralFrames", WithEcho,
-     [](World& w) {
-       return Exchange(w.echo, w.echo, {3, 0, 300, 0, 5000, 1, 1, 1, 1, 1});
-     }},
-    {"NoFrames", WithEcho, [](World& w) { return Exchange(w.echo, w.echo, {}); }},
-    {"Signal", WithEcho, ExchangeSignal},
-    {"OneMebibyte", WithEcho, [](World& w) { return Exchange(w.echo, w.echo, {1048576}); }},
-    {"OverAnEndpoint", WithEndpoint,
-     [](World& w) {
-       return Exchange(w.push, w.pull, {9, 9});
-     }},
-    {"Pair", [](World&) {}, MakePair},
-    {"ActorStartAndStop", [](World&) {}, StartAndStop},
-    {"FailedActorStart", [](World&) {},
-     [](World&) { return j_actor_new(FailsToStart, nullptr) == nullptr; }, true},
-    {"EndpointWithoutRunDirectory", [](World&) {}, OpenEndpoint},
-    {"EndpointWithoutFifo", MakeRunDirectory, OpenEndpoint},
-    {"EndpointThere", [](World& w) { OpenEndpoint(w); }, OpenEndpoint},
-    {"FileAtTheFifosPlace",
-     [](World& w) {
-       MakeRunDirectory(w);
-       std::ofstream(w.fifo);
-     },
-     OpenEndpoint},
-    {"FileAtTheRunDirectorysPlace", [](World& w) { std::ofstream(w.run.path()); }, OpenEndpoint},
-    {"LoopRegistrationAndEnd",
-     [](World& w) {
-       WithEndpoint(w);
-       w.loop = zloop_new();
-     },
-     RegisterAndEnd},
+struct Scenario {
+  const char* name;
+  void (*prepare)(World&);
+  bool (*run)(World&);
+  bool fails_anyway = false;  // and then the result never changes
 };
 
-// A kind of call, and what its failures do to a scenario: nothing for `harmless`
-// errors, the documented failure result for the others. `either`: it depends on
-// which of several calls failed.
+const Scenario kScenarios[] = {
+    {"BuildAndTakeApart", Nothing, Exchange<300, 3>},
+    {"OneFrame", WithEcho, Exchange<5>},
+    {"SeveralFrames", WithEcho, Exchange<3, 0, 300, 0, 5000, 1, 1, 1, 1, 1>},
+    {"NoFrames", WithEcho, Exchange<>},
+    {"Signal", WithEcho, ExchangeSignal},
+    {"OneMebibyte", WithEcho, Exchange<1048576>},
+    {"OverAnEndpoint", WithEndpoint, Exchange<9, 9>},
+    {"Pair", Nothing, MakePair},
+    {"ActorStartAndStop", Nothing, StartAndStop<Echo>},
+    {"FailedActorStart", Nothing, StartAndStop<FailsToStart>, true},
+    {"EndpointWithoutRunDirectory", Nothing, OpenEndpoint},
+    {"EndpointWithoutFifo", WithRunDirectory, OpenEndpoint},
+    {"EndpointThere", WithEndpoint, OpenEndpoint},
+    {"FileAtTheFifosPlace", WithFileForFifo, OpenEndpoint},
+    {"FileAtTheRunDirectorysPlace", WithFileForDirectory, OpenEndpoint},
+    {"LoopRegistrationAndEnd", WithLoop, RegisterAndEnd},
+};
+
+// A kind of call, what it really gives, and what that does to a scenario: the
+// documented failure, nothing, or one of them, as several calls could have failed.
 struct Fault {
   const char* name;
   Call call;  // kCount: the malloc family
-  std::vector<int> fatal;
-  std::vector<int> harmless;
-  std::vector<int> either = {};
+  enum Effect { kFails, kWorks, kEither } effect;
+  std::vector<int> errors;
 };
 
 const Fault kFaults[] = {
-    {"malloc", Call::kCount, {}, {}, {ENOMEM}},  // an exception can do without
-    {"operator new", Call::kNew, {ENOMEM}, {}},
-    {"pipe", Call::kPipe, {EMFILE, ENFILE}, {}},
-    {"fcntl", Call::kFcntl, {}, {EBADF, EPERM, EBUSY}},
-    {"read", Call::kRead, {EIO, EBADF, EISDIR}, {EINTR, EAGAIN}},
-    {"readv", Call::kReadv, {EIO, EBADF, EINVAL}, {EINTR, EAGAIN}},
-    {"write", Call::kWrite, {EPIPE, EIO, EBADF}, {EINTR, EAGAIN}},
-    {"writev", Call::kWritev, {EPIPE, EIO, EINVAL}, {}, {EINTR, EAGAIN}},
-    {"ioctl", Call::kIoctl, {}, {EINTR, EAGAIN, EBADF, ENOTTY}},
-    {"open", Call::kOpen, {EMFILE, ENFILE, EACCES, EPERM, ENOENT, ELOOP, EINTR, ENOMEM}, {}},
-    {"mkfifo", Call::kMkfifo, {EEXIST, EACCES, ENOSPC, EROFS, ENAMETOOLONG}, {}},
-    {"mkdir", Call::kMkdir, {EEXIST, EACCES, ENOSPC, EROFS, ENOENT}, {}},
-    {"stat", Call::kStat, {EACCES, ELOOP, EIO, ENOMEM}, {}},
-    {"fstat", Call::kFstat, {EIO, EOVERFLOW}, {}},
-    {"remove", Call::kRemove, {EACCES, EPERM, EBUSY, EROFS}, {}},
-    {"close", Call::kClose, {}, {EIO, EINTR}},
-    {"pthread_create", Call::kPthreadCreate, {EAGAIN}, {}},
+    {"malloc", Call::kCount, Fault::kEither, {ENOMEM}},  // an exception can do without
+    {"operator new", Call::kNew, Fault::kFails, {ENOMEM}},
+    {"pipe", Call::kPipe, Fault::kFails, {EMFILE, ENFILE}},
+    {"fcntl", Call::kFcntl, Fault::kWorks, {EBADF, EPERM, EBUSY}},
+    {"read", Call::kRead, Fault::kFails, {EIO, EBADF, EISDIR}},
+    {"read", Call::kRead, Fault::kWorks, {EINTR, EAGAIN}},
+    {"readv", Call::kReadv, Fault::kFails, {EIO, EBADF, EINVAL}},
+    {"readv", Call::kReadv, Fault::kWorks, {EINTR, EAGAIN}},
+    {"write", Call::kWrite, Fault::kFails, {EPIPE, EIO, EBADF}},
+    {"write", Call::kWrite, Fault::kWorks, {EINTR, EAGAIN}},
+    {"writev", Call::kWritev, Fault::kFails, {EPIPE, EIO, EINVAL}},
+    {"writev", Call::kWritev, Fault::kEither, {EINTR, EAGAIN}},
+    {"ioctl", Call::kIoctl, Fault::kWorks, {EINTR, EAGAIN, EBADF, ENOTTY}},
+    {"open",
+     Call::kOpen,
+     Fault::kFails,
+     {EMFILE, ENFILE, EACCES, EPERM, ENOENT, ELOOP, EINTR, ENOMEM}},
+    {"mkfifo", Call::kMkfifo, Fault::kFails, {EEXIST, EACCES, ENOSPC, EROFS, ENAMETOOLONG}},
+    {"mkdir", Call::kMkdir, Fault::kFails, {EEXIST, EACCES, ENOSPC, EROFS, ENOENT}},
+    {"stat", Call::kStat, Fault::kFails, {EACCES, ELOOP, EIO, ENOMEM}},
+    {"fstat", Call::kFstat, Fault::kFails, {EIO, EOVERFLOW}},
+    {"remove", Call::kRemove, Fault::kFails, {EACCES, EPERM, EBUSY, EROFS}},
+    {"close", Call::kClose, Fault::kWorks, {EIO, EINTR}},
+    {"pthread_create", Call::kPthreadCreate, Fault::kFails, {EAGAIN}},
 };
-
-// "All later calls": as many as a library that repeats for ever has patience for.
-constexpr std::size_t kLater = 40;
 
 class FaultSweep : public support::Test, public ::testing::WithParamInterface<Scenario> {
  protected:
-  // One run with the calls `first` to `last` of the fault's kind failing; returns
-  // whether that many were made.
-  bool Run(const Fault& fault, int error, std::size_t first, std::size_t last, bool& ok,
-           std::size_t& calls) {
+  // One run with the calls `first` to `last` of the fault's kind failing.
+  struct Outcome {
+    bool ok;
+    bool logged;
+    std::size_t calls;  // of that kind
+  };
+  static Outcome Run(const Fault& fault, int error, std::size_t first, std::size_t last) {
     const support::Census before = support::TakeCensus();
     auto world = std::make_unique<World>();
     GetParam().prepare(*world);
     support::ClearLog();
     support::KeepLog(support::kErrors);
+    std::vector<support::Step> steps(first - 1, support::Pass());
+    steps.insert(steps.end(), last + 1 - first, support::Fail(error));
+    Outcome outcome = {};
     if (fault.call == Call::kCount) {
       heap_fail_from = first;
       heap_fail_to = last;
       heap_calls = 1;
-      ok = GetParam().run(*world);
-      calls = std::exchange(heap_calls, 0) - 1;
+      outcome.ok = GetParam().run(*world);
+      outcome.calls = std::exchange(heap_calls, 0) - 1;
     } else {
-      std::vector<support::Step> steps(first - 1, support::Pass());
-      steps.insert(steps.end(), last + 1 - first, support::Fail(error));
       const support::Script script({fault.call}, std::move(steps), {}, true);
-      ok = GetParam().run(*world);
-      calls = script.count();
+      outcome.ok = GetParam().run(*world);
+      outcome.calls = script.count();
     }
     world.reset();
+    outcome.logged = !support::LogLines().empty();
+    support::ClearLog();
     EXPECT_EQ(support::LeftSince(before), "");
-    return calls >= first;
+    return outcome;
   }
 
-  // All places of one fault. Returns how many there were.
-  unsigned Sweep(const Fault& fault, int error, const char* mode, std::size_t later, int expected) {
-    std::size_t calls = 0;
-    bool ok = false;
+  // All places of one fault, each alone or with `later` more. Returns how many there
+  // were.
+  static std::size_t Sweep(const Fault& fault, int error, std::size_t later) {
     for (std::size_t n = 1;; ++n) {
-      SCOPED_TRACE(std::string(fault.name) + " " + std::to_string(n) + mode + ": " +
-                   std::strerror(error));
-      const long blocks = LiveBlocks();
-      const bool reached = Run(fault, error, n, n + later, ok, calls);
-      const bool logged = !support::LogLines().empty();
-      support::ClearLog();
-      if (!reached) {
-        EXPECT_TRUE(ok) << "without a fault";
-        return static_cast<unsigned>(n - 1);
+      SCOPED_TRACE(std::string(fault.name) + " " + std::to_string(n) + " and " +
+                   std::to_string(later) + " later: " + std::strerror(error));
+      const long blocks = live_blocks;
+      const Outcome outcome = Run(fault, error, n, n + later);
+      if (outcome.calls < n) {
+        EXPECT_TRUE(outcome.ok) << "without a fault";
+        return n - 1;
       }
-      if (expected >= 0) {
-        EXPECT_EQ(ok, expected == 1 || GetParam().fails_anyway);
+      if (fault.effect != Fault::kEither) {
+        EXPECT_EQ(outcome.ok, fault.effect == Fault::kWorks || GetParam().fails_anyway);
       }
-      EXPECT_TRUE(ok || logged || GetParam().run == MakePair) << "a failure without a line";
+      EXPECT_TRUE(outcome.ok || outcome.logged || GetParam().run == MakePair) << "failed silently";
       // A cache may grow once, a leak grows every time.
-      for (int again = 0; LiveBlocks() > blocks && again < 4; ++again) {
-        const long now = LiveBlocks();
-        Run(fault, error, n, n + later, ok, calls);
-        support::ClearLog();
-        EXPECT_TRUE(again < 3 || LiveBlocks() <= now) << "leaks";
+      for (int again = 0; live_blocks > blocks && again < 4; ++again) {
+        const long now = live_blocks;
+        Run(fault, error, n, n + later);
+        EXPECT_TRUE(again < 3 || live_blocks <= now) << "leaks";
       }
-      Run(fault, error, 1, 0, ok, calls);
-      EXPECT_TRUE(ok) << "the next ordinary use";
+      EXPECT_TRUE(Run(fault, error, 1, 0).ok) << "the next ordinary use";
       if (HasFailure()) {
-        return static_cast<unsigned>(n);
+        return n;
       }
     }
   }
-
-  static long LiveBlocks() { return live_blocks.load(); }
 };
 
 TEST_P(FaultSweep, EveryCallFails) {
-  static unsigned long total = 0;
-  unsigned long points = 0;
+  // "All later calls": as many as a library that repeats for ever has patience for.
+  constexpr std::size_t kLater = 40;
+  static std::size_t total = 0;
+  std::size_t points = 0;
   for (const Fault& fault : kFaults) {
-    const std::vector<int>* const groups[] = {&fault.fatal, &fault.harmless, &fault.either};
-    for (int expected : {0, 1, -1}) {
-      for (const int error : *groups[expected >= 0 ? expected : 2]) {
-        if (fault.call != Call::kCount || kHeapInterposed) {
-          points += Sweep(fault, error, "", 0, expected);
-          points += Sweep(fault, error, " and later", kLater, expected);
-        }
+    for (const int error : fault.errors) {
+      if (!HasFailure() && (fault.call != Call::kCount || kHeapInterposed)) {
+        points += Sweep(fault, error, 0) + Sweep(fault, error, kLater);
       }
-    }
-    if (HasFailure()) {
-      break;
     }
   }
   total += points;
-  std::printf("fault sweep: %s: %lu points failed, %lu so far\n", GetParam().name, points, total);
+  std::printf("fault sweep: %s: %zu points failed, %zu so far\n", GetParam().name, points, total);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, FaultSweep, ::testing::ValuesIn(kScenarios),

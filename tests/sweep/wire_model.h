@@ -6,6 +6,7 @@
 #define WIRE_MODEL_H
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -24,86 +25,75 @@ struct Message {
 struct Frame {
   enum Kind { kNone, kData, kHeader, kSignal } kind = kNone;
   std::size_t size = 0;  // a signal's value
-  std::string bytes;
+  std::string bytes = {};
 };
 
-// Takes the next `n` bytes; all that is left, and failure, when there are fewer.
-inline bool Take(const std::string& stream, std::size_t& at, std::size_t n, std::string& out) {
-  out = stream.substr(at, n);
-  at += out.size();
-  return out.size() == n;
-}
-
 inline Frame DecodeFrame(const std::string& stream, std::size_t& at) {
-  std::string lead;
-  std::string more;
-  if (!Take(stream, at, 1, lead)) {
-    return {};
+  // The next `count` bytes as digits after those of `number`; SIZE_MAX at the end.
+  const auto digits = [&](std::size_t number, std::size_t count) {
+    for (; count > 0 && at < stream.size(); --count) {
+      number = number * 256 + static_cast<unsigned char>(stream[at++]);
+    }
+    return count == 0 ? number : SIZE_MAX;
+  };
+  const std::size_t lead = digits(0, 1);
+  if (lead >= 0x80) {
+    const std::size_t value = lead >= 0xC0 ? digits(0, 1) : lead - 0x80;
+    return {value == SIZE_MAX ? Frame::kNone : Frame::kSignal, value};
   }
-  const unsigned b = static_cast<unsigned char>(lead[0]);
-  if (b >= 0xC0) {
-    return Take(stream, at, 1, more)
-               ? Frame{Frame::kSignal, static_cast<unsigned char>(more[0]), {}}
-               : Frame{};
-  }
-  if (b >= 0x80) {
-    return {Frame::kSignal, b - 0x80, {}};
-  }
-  const unsigned form = b / 16 % 4;
-  if (!Take(stream, at, form == 3 ? 4 : form, more)) {
-    return {};
-  }
-  std::size_t size = form < 2 ? b % 16 : 0;
-  for (const char c : more) {
-    size = size * 256 + static_cast<unsigned char>(c);
-  }
-  size += form == 1 ? 16 : 0;
+  const std::size_t form = lead / 16 % 4;
+  std::size_t size = digits(form < 2 ? lead % 16 : 0, form == 3 ? 4 : form);
   if (size > 1048576) {
     return {};
   }
-  if (b >= 0x40) {
-    return {Frame::kHeader, size, {}};
+  size += form == 1 ? 16 : 0;
+  if (lead >= 0x40) {
+    return {Frame::kHeader, size};
   }
-  Frame frame{Frame::kData, size, {}};
-  return Take(stream, at, size, frame.bytes) ? frame : Frame{};
+  Frame frame{Frame::kData, size, stream.substr(at, size)};
+  at += frame.bytes.size();
+  return frame.bytes.size() == size ? frame : Frame{};
 }
 
 inline Message DecodeMessage(const std::string& stream, std::size_t& at) {
-  const Frame first = DecodeFrame(stream, at);
-  if (first.kind == Frame::kSignal) {
-    return {true, static_cast<int>(first.size), {}};
+  Frame frame = DecodeFrame(stream, at);
+  if (frame.kind == Frame::kSignal) {
+    return {true, static_cast<int>(frame.size), {}};
   }
-  if (first.kind == Frame::kData) {
-    return {true, -1, {first.bytes}};
+  if (frame.kind == Frame::kData) {
+    return {true, -1, {frame.bytes}};
   }
-  if (first.kind == Frame::kNone) {
-    return {};
-  }
-  Message message{true, -1, {}};
-  for (std::size_t left = first.size; left > 0;) {
-    Frame frame = DecodeFrame(stream, at);
+  Message message{frame.kind == Frame::kHeader, -1, {}};
+  for (std::size_t left = frame.size; left > 0; left -= frame.size) {
+    frame = DecodeFrame(stream, at);
     if (frame.kind != Frame::kData || frame.size > left || message.frames.size() == 1048576) {
       return {};
     }
-    left -= frame.size;
-    message.frames.push_back(std::move(frame.bytes));
+    message.frames.push_back(frame.bytes);
   }
   return message;
 }
 
-// The library's message as one of the model's. Destroys it.
-inline Message TakeApart(JCXXMsg* msg) {
+inline std::string Bytes(JCXXFrame& frame) {
+  const auto* bytes = reinterpret_cast<const char*>(frame.GetData());
+  return bytes == nullptr ? std::string() : std::string(bytes, frame.GetSize());
+}
+
+// The library's message as one of the model's.
+inline Message Contents(JCXXMsg* msg) {
   if (msg == nullptr) {
     return {};
   }
   Message message{true, msg->IsSignalMsg() ? msg->GetSignalValue() : -1, {}};
   for (JCXXFrame* frame : msg->GetFrameList()) {
-    const auto* bytes = reinterpret_cast<const char*>(frame->GetData());
-    message.frames.push_back(bytes == nullptr ? std::string()
-                                              : std::string(bytes, frame->GetSize()));
+    message.frames.push_back(Bytes(*frame));
   }
-  delete msg;
   return message;
+}
+
+// What the library makes of the next message.
+inline Message Read(JCXXSock* sock) {
+  return Contents(std::unique_ptr<JCXXMsg>(JCXXMsg::ReadMessage(sock)).get());
 }
 
 }  // namespace wire
