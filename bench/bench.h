@@ -139,16 +139,19 @@ class System {
   virtual std::unique_ptr<Actor> Start(const ActorFunction& function, Shape shape);
 
   // Named connections between processes, by number. Prepare runs before the
-  // processes part, with the number of connections; CleanUp at the end, in the
-  // parent.
+  // processes part, with the number of connections, and notes the files that they
+  // have; CleanUp unlinks these at the end, in the parent.
   virtual void Prepare(unsigned connections);
   virtual std::unique_ptr<End> Pull(unsigned connection, Shape shape);
   virtual std::unique_ptr<End> Push(unsigned connection, Shape shape);
-  virtual void CleanUp();
+  void CleanUp();
 
   // Makes a message of the payload's frames, takes it apart again and gives the
   // frames to the checker.
   virtual void BuildAndTakeApart(const Payload& payload, Checker& checker);
+
+ protected:
+  std::vector<std::string> paths_;  // a connection each
 };
 
 // A system by name, or null.

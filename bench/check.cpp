@@ -67,7 +67,12 @@ std::unique_ptr<Actor> System::Start(const ActorFunction& /*function*/, Shape /*
 }
 
 void System::Prepare(unsigned /*connections*/) {}
-void System::CleanUp() {}
+
+void System::CleanUp() {
+  for (const std::string& path : paths_) {
+    ::unlink(path.c_str());
+  }
+}
 
 std::unique_ptr<End> System::Pull(unsigned /*connection*/, Shape /*shape*/) {
   Fail("connecting processes, which this system does not offer,");

@@ -125,19 +125,12 @@ class Czmq : public System {
     return std::make_unique<ZsockEnd>(zsock_new_push((">ipc://" + paths_.at(connection)).c_str()));
   }
 
-  void CleanUp() override {
-    for (const std::string& path : paths_) {
-      ::unlink(path.c_str());
-    }
-  }
-
   void BuildAndTakeApart(const Payload& payload, Checker& checker) override {
     TakeApart(Build(payload), checker);
   }
 
  private:
   std::once_flag set_up_;
-  std::vector<std::string> paths_;
 };
 
 }  // namespace

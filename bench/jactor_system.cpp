@@ -101,6 +101,7 @@ class Jactor : public System {
   void Prepare(unsigned connections) override {
     for (unsigned i = 0; i < connections; ++i) {
       names_.push_back("jactor_bench." + std::to_string(::getpid()) + "." + std::to_string(i));
+      paths_.push_back("/var/run/jactor/Jipc_" + names_.back());
       Pull(i, {1, 8});
     }
   }
@@ -113,12 +114,6 @@ class Jactor : public System {
   std::unique_ptr<End> Push(unsigned connection, Shape /*shape*/) override {
     const std::string endpoint = ">ipc://" + names_.at(connection);
     return std::make_unique<EndpointEnd>(j_pipe_new_push(endpoint.c_str()));
-  }
-
-  void CleanUp() override {
-    for (const std::string& name : names_) {
-      ::unlink(("/var/run/jactor/Jipc_" + name).c_str());
-    }
   }
 
   void BuildAndTakeApart(const Payload& payload, Checker& checker) override {

@@ -159,15 +159,6 @@ class Nng : public System {
     DialPatiently(socket, "ipc://" + paths_.at(connection));
     return std::make_unique<NngEnd>(socket);
   }
-
-  void CleanUp() override {
-    for (const std::string& path : paths_) {
-      ::unlink(path.c_str());
-    }
-  }
-
- private:
-  std::vector<std::string> paths_;
 };
 
 }  // namespace

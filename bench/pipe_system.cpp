@@ -228,15 +228,6 @@ class Fifo : public System {
     const int fd = ::open(paths_.at(connection).c_str(), O_RDWR | O_CLOEXEC);
     return std::make_unique<FifoEnd>(fd, shape);
   }
-
-  void CleanUp() override {
-    for (const std::string& path : paths_) {
-      ::unlink(path.c_str());
-    }
-  }
-
- private:
-  std::vector<std::string> paths_;
 };
 
 }  // namespace
