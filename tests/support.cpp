@@ -6,11 +6,9 @@
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -21,29 +19,22 @@
 #include <mutex>
 #include <new>
 #include <string_view>
-#include <thread>
 #include <utility>
 
 #include "jcxxactorapi.h"
 #include "jlog.h"
 
 namespace support {
-namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kRunDirectory = "/var/run/jactor";
-constexpr int kModule = 281;
+namespace {
 
 // Set while this file works: its own calls are not intercepted.
 thread_local bool at_work = false;
-class AtWork {
- public:
-  AtWork() : was_(std::exchange(at_work, true)) {}
-  ~AtWork() { at_work = was_; }
-
- private:
-  bool was_;
+struct AtWork {
+  const bool was = std::exchange(at_work, true);
+  ~AtWork() { at_work = was; }
 };
 
 std::mutex log_mutex;
@@ -52,23 +43,17 @@ std::atomic<int> log_level{kAll};
 
 std::mutex script_mutex;
 std::atomic<Script*> scripts[static_cast<std::size_t>(Call::kCount)];
-std::atomic<const std::string*> run_directory{nullptr};
+std::atomic<const std::string*> run_folder{nullptr};
 
-std::string Formatted(const char* format, va_list arguments) {
-  char* text = nullptr;
-  EXPECT_GE(::vasprintf(&text, format, arguments), 0);
-  const std::unique_ptr<char, void (*)(void*)> owned(text, std::free);
-  return text;
-}
-
-int ThreadId() { return static_cast<int>(::syscall(SYS_gettid)); }
+std::atomic<Script*>& SlotOf(Call call) { return scripts[static_cast<std::size_t>(call)]; }
 
 // The place of a path while a RunDirectory lives.
 std::string Place(const char* path) {
+  constexpr std::string_view kRunDirectory = "/var/run/jactor";
   const AtWork own;
-  const std::string* directory = run_directory.load();
-  if (directory != nullptr && std::string_view(path).starts_with(kRunDirectory)) {
-    return *directory + (path + kRunDirectory.size());
+  const std::string* folder = run_folder;
+  if (folder != nullptr && std::string_view(path).starts_with(kRunDirectory)) {
+    return *folder + "/run" + (path + kRunDirectory.size());
   }
   return path;
 }
@@ -85,50 +70,32 @@ std::vector<iovec> CutList(const iovec* iov, int n, std::size_t limit) {
 
 }  // namespace
 
-// What becomes of one intercepted call: `done` with `result`, or the real call
-// for at most `limit` bytes.
-class Interceptor {
- public:
-  explicit Interceptor(Call call, const iovec* iov = nullptr, int n = 0) {
-    std::atomic<Script*>& slot = scripts[static_cast<std::size_t>(call)];
-    if (at_work || slot.load() == nullptr) {
-      return;
-    }
-    const AtWork own;
-    const Step* step = NextStep(slot, iov, n);
-    if (step == nullptr) {
-      return;
-    }
-    if (step->before) {
-      step->before();
-    }
-    done = step->kind == Step::kFail || step->kind == Step::kReturn;
-    result = step->kind == Step::kFail ? -1 : step->value;
-    if (step->kind == Step::kFail) {
-      errno = static_cast<int>(step->value);
-    } else if (step->kind == Step::kCut) {
-      limit = static_cast<std::size_t>(step->value);
-    }
+// The step of an intercepted call; its `before` has run, and its error is in errno.
+Step Take(Call call) {
+  if (at_work || SlotOf(call) == nullptr) {
+    return {};
   }
-
-  bool done = false;
-  long result = 0;
-  std::size_t limit = SSIZE_MAX;
-
- private:
-  static const Step* NextStep(std::atomic<Script*>& slot, const iovec* iov, int n) {
+  const AtWork own;
+  Step step;
+  {
     const std::lock_guard<std::mutex> lock(script_mutex);
-    Script* script = slot.load();
-    if (script == nullptr || (script->thread_ != 0 && script->thread_ != ThreadId())) {
-      return nullptr;
-    }
-    if (iov != nullptr) {
-      script->gathered_.emplace_back(iov, iov + n);
+    Script* script = SlotOf(call);
+    if (script == nullptr ||
+        (script->thread_ != std::thread::id() && script->thread_ != std::this_thread::get_id())) {
+      return {};
     }
     const std::size_t i = script->count_++;
-    return i < script->steps_.size() ? &script->steps_[i] : &script->rest_;
+    step = i < script->steps_.size() ? script->steps_[i] : script->rest_;
   }
-};
+  if (step.before) {
+    step.before();
+  }
+  if (call == Call::kPthreadCreate && step.result) {
+    step.result = step.error;  // it answers with the error itself
+  }
+  errno = step.error != 0 ? step.error : errno;
+  return step;
+}
 
 void ClearLog() {
   const std::lock_guard<std::mutex> lock(log_mutex);
@@ -140,9 +107,8 @@ void KeepLog(int level) { log_level = level; }
 
 std::vector<LogLine> LogLines(int max_level) {
   const std::lock_guard<std::mutex> lock(log_mutex);
-  std::vector<LogLine> lines;
-  std::copy_if(log_lines.begin(), log_lines.end(), std::back_inserter(lines),
-               [=](const LogLine& line) { return line.level <= max_level; });
+  std::vector<LogLine> lines = log_lines;
+  std::erase_if(lines, [=](const LogLine& line) { return line.level > max_level; });
   return lines;
 }
 
@@ -156,139 +122,96 @@ std::string Log(int max_level, const std::string& function) {
   return texts;
 }
 
-Step Pass(std::function<void()> before) { return {Step::kPass, 0, std::move(before)}; }
-Step Fail(int error) { return {Step::kFail, error}; }
-Step Return(long value) { return {Step::kReturn, value}; }
-Step Cut(std::size_t bytes) { return {Step::kCut, static_cast<long>(bytes)}; }
-
 Script::Script(std::initializer_list<Call> calls, std::vector<Step> steps, Step rest,
                bool this_thread_only)
     : calls_(calls),
       steps_(std::move(steps)),
       rest_(std::move(rest)),
-      thread_(this_thread_only ? ThreadId() : 0) {
+      thread_(this_thread_only ? std::this_thread::get_id() : std::thread::id()) {
   for (const Call call : calls_) {
-    scripts[static_cast<std::size_t>(call)] = this;
+    SlotOf(call) = this;
   }
 }
 
 Script::~Script() {
   const std::lock_guard<std::mutex> lock(script_mutex);
   for (const Call call : calls_) {
-    scripts[static_cast<std::size_t>(call)] = nullptr;
+    SlotOf(call) = nullptr;
   }
-}
-
-std::size_t Script::count() const {
-  const std::lock_guard<std::mutex> lock(script_mutex);
-  return count_;
-}
-
-std::string Bytes(const std::string& hex) {
-  std::string bytes;
-  std::string digits;
-  for (const char digit : hex) {
-    digits += digit == ' ' ? "" : std::string(1, digit);
-    if (digits.size() == 2) {
-      bytes += static_cast<char>(std::stoi(std::exchange(digits, ""), nullptr, 16));
-    }
-  }
-  return bytes;
 }
 
 RunDirectory::RunDirectory() : folder_(testing::TempDir() + "jactor-XXXXXX") {
-  if (::mkdtemp(folder_.data()) == nullptr) {
-    throw fs::filesystem_error("mkdtemp", std::error_code(errno, std::system_category()));
-  }
-  directory_ = folder_ + "/run";
-  run_directory = &directory_;
+  EXPECT_NE(::mkdtemp(folder_.data()), nullptr);
+  run_folder = &folder_;
 }
 
 RunDirectory::~RunDirectory() {
-  run_directory = nullptr;
+  run_folder = nullptr;
   fs::remove_all(folder_);
 }
 
 std::string RunDirectory::path(const std::string& name) const {
-  return name.empty() ? directory_ : directory_ + "/" + name;
+  return folder_ + "/run" + (name.empty() ? "" : "/" + name);
 }
 
-UniqueEndpoint::UniqueEndpoint(const std::string& transport) {
+UniqueEndpoint::UniqueEndpoint() {
+  static const RunDirectory shared;
   static std::atomic<int> counter{0};
-  const std::string pid = std::to_string(::getpid());
-  const std::string number = std::to_string(++counter);
-  name = transport + "://test/" + pid + "/" + number;
-  fifo = std::string(kRunDirectory) + "/J" + transport + "_test_" + pid + "_" + number;
+  name = "ipc://test/" + std::to_string(++counter);
 }
-
-UniqueEndpoint::~UniqueEndpoint() { ::unlink(fifo.c_str()); }
 
 Census TakeCensus() {
-  Census census = {};
+  Census census;
   for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;  // the descriptor of this very listing
-    const fs::path target = fs::read_symlink(entry.path(), gone);
-    if (target.string().find("/fd") == std::string::npos) {
-      census.descriptors[std::stoi(entry.path().filename())] = target;
+    const std::string target = fs::read_symlink(entry.path(), gone);
+    if (!target.ends_with("/fd") && !target.empty()) {
+      census.insert("descriptor " + entry.path().filename().string() + " of " + target);
     }
   }
-  const fs::directory_iterator tasks("/proc/self/task");
-  census.threads = static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+  for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/task")) {
+    census.insert("thread " + entry.path().filename().string());
+  }
   JCXXActorAPI* api = JCXXActorAPI::GetInstance();
   const std::lock_guard<std::mutex> lock(api->mutex);
-  census.objects = api->socks.size() + api->actors.size() + api->frames.size() + api->msgs.size() +
-                   api->pollers.size();
+  census.insert("registered objects: " +
+                std::to_string(api->socks.size() + api->actors.size() + api->frames.size() +
+                               api->msgs.size() + api->pollers.size()));
   return census;
 }
 
 std::string LeftSince(const Census& before) {
-  Census now = TakeCensus();
-  for (int wait = 0; now.threads > before.threads && wait < 1000; ++wait) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    now = TakeCensus();
-  }
-  std::string left;
-  for (const auto& [fd, target] : now.descriptors) {
-    const auto found = before.descriptors.find(fd);
-    if (found == before.descriptors.end() || found->second != target) {
-      left += "descriptor " + std::to_string(fd) + " (" + target + ") ";
+  for (int wait = 1000;; --wait) {
+    std::string left;
+    for (const std::string& item : TakeCensus()) {
+      left += before.count(item) == 0 ? item + "; " : "";
     }
+    if (left.empty() || wait == 0) {
+      return left;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  if (now.threads > before.threads || now.objects != before.objects) {
-    left += "threads: " + std::to_string(before.threads) + ", now " + std::to_string(now.threads) +
-            "; registered objects: " + std::to_string(before.objects) + ", now " +
-            std::to_string(now.objects);
-  }
-  return left;
 }
 
-void Test::SetUp() {
+Test::Test() {
   std::signal(SIGPIPE, SIG_IGN);
   ClearLog();
   std::thread([] {}).join();  // a sanitizer's own thread starts with the first one
   before_ = TakeCensus();
 }
 
-void Test::TearDown() { EXPECT_EQ(LeftSince(before_), ""); }
+Test::~Test() { EXPECT_EQ(LeftSince(before_), ""); }
 
-void PairTest::SetUp() {
-  Test::SetUp();
-  auto [first, second] = SockFromPipes::MakeSockPairFromPipes();
+PairTest::PairTest() {
+  const auto [first, second] = SockFromPipes::MakeSockPairFromPipes();
   a.reset(first);
   b.reset(second);
-  ClearLog();
-}
-
-void PairTest::TearDown() {
-  a.reset();
-  b.reset();
-  Test::TearDown();
 }
 
 void PairTest::Feed(const std::string& bytes) {
   int fd = -1;
-  ASSERT_EQ(a->GetWriteFD(fd), 0);
-  ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  EXPECT_EQ(a->GetWriteFD(fd), 0);
+  EXPECT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
 }
 
 std::string PairTest::Drain() {
@@ -310,35 +233,30 @@ using namespace support;
 INTERPOSED void jlog_printf(int level, int module, const char* format, ...) {
   if (level <= log_level) {
     const AtWork own;
+    char line[8192];
+    char function[64] = "";
+    int prefix = 0;
     va_list arguments;
     va_start(arguments, format);
-    const std::string whole = Formatted(format, arguments);
+    std::vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
-    va_start(arguments, format);
-    const std::string file = va_arg(arguments, const char*);
-    const std::string number = std::to_string(va_arg(arguments, int));
-    const std::string function = va_arg(arguments, const char*);
-    va_end(arguments);
-    const std::string prefix = file + "." + number + "." + function + ": ";
-    if (module != kModule || !whole.starts_with(prefix) || !whole.ends_with('\n') ||
-        file.find('/') != std::string::npos) {
-      ADD_FAILURE() << "a line of another form: " << whole;
-    } else {
-      const std::lock_guard<std::mutex> lock(log_mutex);
-      log_lines.push_back(
-          {level, format, function, whole.substr(prefix.size(), whole.size() - prefix.size() - 1)});
-    }
+    std::sscanf(line, "%*[a-z].%*[a-z].%*u.%63[^:]:%n", function, &prefix);
+    std::string text = line + prefix;
+    EXPECT_TRUE(module == 281 && prefix > 0 && text.front() == ' ' && text.back() == '\n')
+        << "a line of another form: " << line;
+    const std::lock_guard<std::mutex> lock(log_mutex);
+    log_lines.push_back({level, function, text.substr(1, text.size() - 2)});
   }
   errno = ENOSPC;
 }
 
 // A libc call in front of the real one, which is called with the last arguments
 // unless a script answers.
-#define INTERPOSE(type, name, parameters, suffix, interceptor, ...)                          \
-  INTERPOSED type name parameters suffix {                                                   \
+#define INTERPOSE(type, name, call, parameters, ...)                                         \
+  INTERPOSED type name parameters {                                                          \
     static const auto real = reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name)); \
-    const Interceptor to interceptor;                                                        \
-    return to.done ? static_cast<type>(to.result) : real(__VA_ARGS__);                       \
+    const Step step = Take(Call::call);                                                      \
+    return step.result ? static_cast<type>(*step.result) : real(__VA_ARGS__);                \
   }
 
 // The third argument of a variadic call: an int, a pointer, or missing.
@@ -352,52 +270,42 @@ INTERPOSED void jlog_printf(int level, int module, const char* format, ...) {
   })
 
 // clang-format off
-INTERPOSE(ssize_t, read, (int fd, void* buf, size_t n), , (Call::kRead),
-          fd, buf, std::min(n, to.limit))
-INTERPOSE(ssize_t, write, (int fd, const void* buf, size_t n), , (Call::kWrite),
-          fd, buf, std::min(n, to.limit))
-INTERPOSE(ssize_t, readv, (int fd, const iovec* iov, int n), , (Call::kReadv),
-          fd, CutList(iov, n, to.limit).data(), n)
-INTERPOSE(ssize_t, writev, (int fd, const iovec* iov, int n), , (Call::kWritev, iov, n),
-          fd, CutList(iov, n, to.limit).data(), n)
-INTERPOSE(int, ioctl, (int fd, unsigned long request, ...), noexcept, (Call::kIoctl),
+INTERPOSE(ssize_t, read, kRead, (int fd, void* buf, size_t n), fd, buf, std::min(n, step.bytes))
+INTERPOSE(ssize_t, write, kWrite, (int fd, const void* buf, size_t n),
+          fd, buf, std::min(n, step.bytes))
+INTERPOSE(ssize_t, readv, kReadv, (int fd, const iovec* iov, int n),
+          fd, CutList(iov, n, step.bytes).data(), n)
+INTERPOSE(ssize_t, writev, kWritev, (int fd, const iovec* iov, int n),
+          fd, CutList(iov, n, step.bytes).data(), n)
+INTERPOSE(int, ioctl, kIoctl, (int fd, unsigned long request, ...) noexcept,
           fd, request, THIRD(request))
-INTERPOSE(int, fcntl, (int fd, int command, ...), , (Call::kFcntl), fd, command, THIRD(command))
-INTERPOSE(int, pipe, (int* ends), noexcept, (Call::kPipe), ends)
+INTERPOSE(int, fcntl, kFcntl, (int fd, int command, ...), fd, command, THIRD(command))
+INTERPOSE(int, pipe, kPipe, (int* ends) noexcept, ends)
+INTERPOSE(int, open, kOpen, (const char* path, int flags, ...),
+          Place(path).c_str(), flags, THIRD(flags))
+INTERPOSE(int, mkfifo, kMkfifo, (const char* path, mode_t mode) noexcept, Place(path).c_str(), mode)
+INTERPOSE(int, mkdir, kMkdir, (const char* path, mode_t mode) noexcept, Place(path).c_str(), mode)
+INTERPOSE(int, stat, kStat, (const char* path, struct stat* status) noexcept,
+          Place(path).c_str(), status)
+INTERPOSE(int, fstat, kFstat, (int fd, struct stat* status) noexcept, fd, status)
+INTERPOSE(int, remove, kRemove, (const char* path) noexcept, Place(path).c_str())
+INTERPOSE(int, fchmodat, kFchmodat, (int fd, const char* path, mode_t mode, int flags) noexcept,
+          fd, Place(path).c_str(), mode, flags)
+INTERPOSE(int, pthread_create, kPthreadCreate,
+          (pthread_t* thread, const pthread_attr_t* how, void* (*body)(void*), void* arg) noexcept,
+          thread, how, body, arg)
+// clang-format on
 
 // The descriptor is gone also when the call is made to fail, as on Linux.
 INTERPOSED int close(int fd) {
   static const auto real = reinterpret_cast<decltype(&::close)>(::dlsym(RTLD_NEXT, "close"));
   const int rc = real(fd);
-  const Interceptor to(Call::kClose);
-  return to.done ? static_cast<int>(to.result) : rc;
+  return static_cast<int>(Take(Call::kClose).result.value_or(rc));
 }
 
-INTERPOSE(int, open, (const char* path, int flags, ...), , (Call::kOpen),
-          Place(path).c_str(), flags, THIRD(flags))
-INTERPOSE(int, mkfifo, (const char* path, mode_t mode), noexcept, (Call::kMkfifo),
-          Place(path).c_str(), mode)
-INTERPOSE(int, mkdir, (const char* path, mode_t mode), noexcept, (Call::kMkdir),
-          Place(path).c_str(), mode)
-INTERPOSE(int, stat, (const char* path, struct stat* status), noexcept, (Call::kStat),
-          Place(path).c_str(), status)
-INTERPOSE(int, fstat, (int fd, struct stat* status), noexcept, (Call::kFstat), fd, status)
-INTERPOSE(int, remove, (const char* path), noexcept, (Call::kRemove), Place(path).c_str())
-INTERPOSE(int, fchmodat, (int fd, const char* path, mode_t mode, int flags), noexcept,
-          (Call::kFchmodat), fd, Place(path).c_str(), mode, flags)
-// clang-format on
-
-// Answers with the error itself.
-INTERPOSED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*body)(void*), void* argument) noexcept {
-  static const auto real =
-      reinterpret_cast<decltype(&::pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
-  const Interceptor to(Call::kPthreadCreate);
-  return to.done ? errno : real(thread, attributes, body, argument);
-}
-
+// The forms for arrays call these.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return Interceptor(Call::kNew).done ? nullptr : std::malloc(size);
+  return Take(Call::kNew).result ? nullptr : std::malloc(size);
 }
 void* operator new(std::size_t size) {
   if (void* memory = operator new(size, std::nothrow)) {
@@ -405,8 +313,5 @@ void* operator new(std::size_t size) {
   }
   throw std::bad_alloc();
 }
-void* operator new[](std::size_t size) { return operator new(size); }
 void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }

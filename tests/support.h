@@ -9,15 +9,17 @@
 #define JACTOR_TESTS_SUPPORT_H
 
 #include <gtest/gtest.h>
-#include <sys/uio.h>
 
+#include <atomic>
 #include <climits>
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
-#include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "jcxxsock.h"
@@ -31,7 +33,6 @@ constexpr int kAll = 9;     // trace lines too
 
 struct LogLine {
   int level;
-  std::string format;  // as the library gave it
   std::string function;
   std::string text;  // formatted, without the prefix and the newline
 };
@@ -69,16 +70,18 @@ enum class Call {
   kCount
 };
 
-// What one intercepted call does. `before` runs first, whatever the kind is.
+// What one intercepted call does: first `before`; then it answers `result`, with
+// `error` in errno, or does the real thing for at most `bytes` bytes.
 struct Step {
-  enum Kind { kPass, kFail, kReturn, kCut } kind = kPass;
-  long value = 0;  // kFail: the errno; kReturn: the result; kCut: the most bytes
   std::function<void()> before = nullptr;
+  std::optional<long> result = std::nullopt;
+  int error = 0;
+  std::size_t bytes = SSIZE_MAX;
 };
-Step Pass(std::function<void()> before = nullptr);
-Step Fail(int error);         // -1 and errno; operator new throws std::bad_alloc
-Step Return(long value);      // without the real call
-Step Cut(std::size_t bytes);  // the real call, for at most so many bytes
+inline Step Pass(std::function<void()> before = nullptr) { return {std::move(before)}; }
+inline Step Fail(int error) { return {nullptr, -1, error}; }  // new throws std::bad_alloc
+inline Step Return(long result) { return {nullptr, result}; }
+inline Step Cut(std::size_t bytes) { return {nullptr, std::nullopt, 0, bytes}; }
 
 // While it lives, the intercepted calls of the kinds in `calls` take one step
 // each from `steps`, in order, and `rest` when these are used up; calls made by
@@ -89,23 +92,17 @@ class Script {
                   bool this_thread_only = false);
   explicit Script(Call call, std::vector<Step> steps = {}, Step rest = {})
       : Script({call}, std::move(steps), std::move(rest)) {}
-  Script(Script const&) = delete;
-  Script& operator=(Script const&) = delete;
   ~Script();
 
-  std::size_t count() const;  // calls intercepted so far
-
-  // The entries given to each writev.
-  const std::vector<std::vector<iovec>>& gathered() const { return gathered_; }
+  std::size_t count() const { return count_; }  // calls intercepted so far
 
  private:
-  friend class Interceptor;
-  std::vector<Call> calls_;
-  std::vector<Step> steps_;
-  Step rest_;
-  int thread_;  // the only thread it applies to, or 0
-  std::size_t count_ = 0;
-  std::vector<std::vector<iovec>> gathered_;
+  friend Step Take(Call call);
+  const std::vector<Call> calls_;
+  const std::vector<Step> steps_;
+  const Step rest_;
+  const std::thread::id thread_;  // the only thread it applies to, or none
+  std::atomic<std::size_t> count_{0};
 };
 
 // While it lives, paths that begin with /var/run/jactor lead below a temporary
@@ -114,7 +111,6 @@ class RunDirectory {
  public:
   RunDirectory();
   RunDirectory(RunDirectory const&) = delete;
-  RunDirectory& operator=(RunDirectory const&) = delete;
   ~RunDirectory();
 
   // The real place of the run directory, or of a file in it.
@@ -122,30 +118,19 @@ class RunDirectory {
 
  private:
   std::string folder_;
-  std::string directory_;
 };
 
-// An endpoint name that nobody else uses, without direction prefix; the FIFO in
-// the run directory is unlinked at the end.
-class UniqueEndpoint {
- public:
-  explicit UniqueEndpoint(const std::string& transport = "ipc");
-  UniqueEndpoint(UniqueEndpoint const&) = delete;
-  UniqueEndpoint& operator=(UniqueEndpoint const&) = delete;
-  ~UniqueEndpoint();
-
-  std::string name;  // "ipc://test/4711/1"
-  std::string fifo;  // its file
+// An endpoint name that nobody else uses, in a run directory for all of them.
+struct UniqueEndpoint {
+  UniqueEndpoint();
+  std::string name;
 };
 
 // Leaks
 
-// Open descriptors, threads and registered objects of this process.
-struct Census {
-  std::map<int, std::string> descriptors;
-  std::size_t threads;
-  std::size_t objects;
-};
+// The open descriptors, the threads and the number of registered objects of this
+// process, in words.
+using Census = std::set<std::string>;
 Census TakeCensus();
 
 // What is there now and was not in `before`, or an empty string. Waits a moment
@@ -156,19 +141,17 @@ std::string LeftSince(const Census& before);
 // the common one. Ignores SIGPIPE and starts with an empty log.
 class Test : public testing::Test {
  protected:
-  void SetUp() override;
-  void TearDown() override;
+  Test();
+  ~Test() override;  // after the members of the test's own fixture
 
  private:
   Census before_;
 };
 
-// Two connected socks: what `a` writes, `b` reads. Made and destroyed by the
-// fixture.
+// Two connected socks: what `a` writes, `b` reads.
 class PairTest : public Test {
  protected:
-  void SetUp() override;
-  void TearDown() override;
+  PairTest();
 
   // Puts bytes on the way from `a` to `b`, without the library.
   void Feed(const std::string& bytes);
@@ -179,9 +162,6 @@ class PairTest : public Test {
   std::unique_ptr<JCXXSock> a;
   std::unique_ptr<JCXXSock> b;
 };
-
-// The bytes written as hexadecimal digits; blanks are skipped.
-std::string Bytes(const std::string& hex);
 
 }  // namespace support
 
