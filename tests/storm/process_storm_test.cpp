@@ -1,130 +1,107 @@
 // process_storm_test.cpp - processes that share endpoints and die at bad moments, and
 // a stream that wants all memory.
-#include <gtest/gtest.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
+#include <numeric>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "jcxxframe.h"
+#include "jactor.hpp"
 #include "jcxxmsg.h"
-#include "jcxxsock.h"
-#include "jlog.h"
-
-namespace {
-std::atomic<int> error_lines{0};
-}
-extern "C" void jlog_printf(int level, int, const char*, ...) { error_lines += level <= 2 ? 1 : 0; }
+#include "support.h"
 
 namespace {
 
-// Runs `body` in a child process, which its result ends.
+using jactor::Message;
+using jactor::Sock;
+
+// Runs `body` in a child process, which ends with 1 when it has failed a test.
 template <class Body>
 pid_t Child(Body body) {
   const pid_t pid = ::fork();
   if (pid == 0) {
-    ::_exit(body());
+    body();
+    ::_exit(::testing::Test::HasFailure() ? 1 : 0);
   }
   return pid;
 }
 
-// How a child has ended: its exit code, or minus its signal.
-int Outcome(pid_t pid) {
+// How a child ends, killed or not: its exit code, or minus its signal.
+int Outcome(pid_t pid, int signal = 0) {
   int status = 0;
+  ::kill(pid, signal);
   EXPECT_EQ(::waitpid(pid, &status, 0), pid);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-class ProcessStorm : public ::testing::Test {
- protected:
-  ~ProcessStorm() override { ::unlink(fifo_.c_str()); }
-
-  // Both ends in this process carry a message.
-  void ExpectRecovered() {
-    JCXXSock* pull = j_pipe_new_pull(name_.c_str());
-    JCXXSock* push = j_pipe_new_push(name_.c_str());
-    JCXXMsg* msg = j_msg_new();
-    j_msg_addstr(msg, "recovered");
-    EXPECT_EQ(j_msg_send(&msg, push), 0);
-    msg = j_msg_recv(pull);
-    char* text = j_msg_popstr(msg);
-    EXPECT_STREQ(text, "recovered");
-    std::free(text);
-    j_msg_destroy(&msg);
-    j_sock_destroy(&pull);
-    j_sock_destroy(&push);
-  }
-
-  const std::string name_ = "ipc://storm-" + std::to_string(::getpid());
-  const std::string fifo_ = "/var/run/jactor/Jipc_storm-" + std::to_string(::getpid());
-};
-
-std::size_t Waiting(JCXXSock* sock) {
+std::size_t Waiting(const Sock& sock) {
   std::size_t waiting = 0;
-  sock->AvailableToRead(waiting);
+  EXPECT_EQ(sock.get()->AvailableToRead(waiting), 0);
   return waiting;
 }
 
+// An endpoint of this test in the real run directory, where other programs find it.
+struct Endpoint {
+  explicit Endpoint(const std::string& suffix)
+      : id("storm-" + std::to_string(::getpid()) + suffix) {}
+  ~Endpoint() { ::unlink(("/var/run/jactor/Jipc_" + id).c_str()); }
+  const std::string id;
+  const std::string name = "ipc://" + id;
+};
+
+class ProcessStorm : public support::Test {
+ protected:
+  void SetUp() override {
+    support::Test::SetUp();
+    support::KeepLog(support::kErrors);
+  }
+
+  // Whatever has happened at the endpoint: both ends opened anew carry a message.
+  void TearDown() override {
+    support::Test::TearDown();
+    const Sock pull = Sock::pull(name);
+    Sock::push(name).send(Message{"recovered"});
+    EXPECT_EQ(pull.receive()->pop_string(), "recovered");
+  }
+
+  const Endpoint endpoint_{""};
+  const std::string& name = endpoint_.name;
+};
+
 // The survivor reads the next message for the rest of the dead one's.
 TEST_F(ProcessStorm, APusherKilledInsideALargeMessage) {
-  JCXXSock* pull = j_pipe_new_pull(name_.c_str());
-  const pid_t pusher = Child([&] {
-    JCXXSock* push = j_pipe_new_push(name_.c_str());
-    JCXXMsg* msg = j_msg_new();
-    j_msg_addmem(msg, std::string(1048576, 'k').data(), 1048576);
-    return j_msg_send(&msg, push);
-  });
+  const Sock pull = Sock::pull(name);
+  const auto push = [&](char byte) {
+    return Child([&] { Sock::push(name).send(Message{std::string(1048576, byte)}); });
+  };
+  const pid_t pusher = push('k');
   while (Waiting(pull) < 65536) {  // it stands in its write
     std::this_thread::yield();
   }
-  ::kill(pusher, SIGKILL);
-  EXPECT_EQ(Outcome(pusher), -SIGKILL);
+  EXPECT_EQ(Outcome(pusher, SIGKILL), -SIGKILL);
   const std::size_t begun = Waiting(pull);
-  const pid_t next = Child([&] {
-    JCXXSock* push = j_pipe_new_push(name_.c_str());
-    JCXXMsg* msg = j_msg_new();
-    j_msg_addmem(msg, std::string(1048576, 'n').data(), 1048576);
-    return j_msg_send(&msg, push);
-  });
-  JCXXMsg* msg = j_msg_recv(pull);
-  ASSERT_NE(msg, nullptr);
-  const auto* bytes = msg->GetFrameList().front()->GetData();
-  EXPECT_EQ(static_cast<std::size_t>(std::count(bytes, bytes + 1048576, 'k')), begun - 5);
-  j_msg_destroy(&msg);
-  ::kill(next, SIGKILL);
-  Outcome(next);
-  j_sock_destroy(&pull);
-  ExpectRecovered();
+  const pid_t next = push('n');
+  const std::string mixed = pull.receive()->pop_string().value();
+  EXPECT_EQ(mixed.find_first_not_of('k'), begun - 5);
+  Outcome(next, SIGKILL);
 }
 
-// The pushers notice nothing, and what the dead one had not read is there; closing
-// all ends gives a clean endpoint again.
+// The pushers notice nothing, and what the dead one had not read is there.
 TEST_F(ProcessStorm, APullerKilledInsideAStream) {
-  JCXXSock* push = j_pipe_new_push(name_.c_str());
-  const auto send = [&] {
-    JCXXMsg* msg = j_msg_new();
-    j_msg_addmem(msg, std::string(1000, 'm').data(), 1000);
-    EXPECT_EQ(j_msg_send(&msg, push), 0);
-  };
+  const Sock push = Sock::push(name);
+  const auto send = [&] { push.send(Message{std::string(1000, 'm')}); };
   for (int i = 0; i < 50; ++i) {
     send();
   }
   const pid_t puller = Child([&] {
-    JCXXSock* pull = j_pipe_new_pull(name_.c_str());
-    JCXXMsg* msg = j_msg_recv(pull);
-    j_msg_destroy(&msg);
-    return ::raise(SIGKILL);
+    const Sock pull = Sock::pull(name);
+    pull.receive();
+    ::raise(SIGKILL);
   });
   EXPECT_EQ(Outcome(puller), -SIGKILL);
   const std::size_t left = Waiting(push);
@@ -132,89 +109,61 @@ TEST_F(ProcessStorm, APullerKilledInsideAStream) {
   EXPECT_LT(left, 49 * 1002U);
   send();
 #ifdef JPIPE  // empties the FIFO while the pusher keeps it open
-  EXPECT_EQ(std::system((JPIPE " drain " + name_ + " >/dev/null").c_str()), 0);
+  EXPECT_EQ(std::system((JPIPE " drain " + name + " >/dev/null").c_str()), 0);
   EXPECT_EQ(Waiting(push), 0U);
   send();
-  JCXXSock* pull = j_pipe_new_pull(name_.c_str());
-  JCXXMsg* msg = j_msg_recv(pull);
-  EXPECT_EQ(msg->GetSize(), 1000U);
-  j_msg_destroy(&msg);
-  j_sock_destroy(&pull);
+  EXPECT_EQ(Sock::pull(name).receive()->pop_string()->size(), 1000U);
 #endif
-  j_sock_destroy(&push);
-  ExpectRecovered();
 }
 
-std::uint32_t Sum(const std::vector<std::uint32_t>& words) {
-  std::uint32_t sum = 0;
-  for (std::size_t i = 1; i < words.size(); ++i) {
-    sum = sum * 31 + words[i];
-  }
-  return sum;
+// The n-th message of a pusher: both numbers, and bytes that follow from them. It
+// fits into PIPE_BUF with its header.
+std::string Text(unsigned pusher, unsigned n) {
+  std::minstd_rand random(pusher * 1000003 + n + 1);
+  std::string bytes(random() % (PIPE_BUF - 16), '\0');
+  std::iota(bytes.begin(), bytes.end(), static_cast<char>(random()));
+  return std::to_string(pusher) + " " + std::to_string(n) + " " + bytes;
 }
 
 // A million messages with JACTOR_STORM_MESSAGES=1000000.
 TEST_F(ProcessStorm, FourPushersLoseMixAndRepeatNothing) {
-  constexpr unsigned kPushers = 4;
   const char* asked = std::getenv("JACTOR_STORM_MESSAGES");
-  const unsigned each =
-      static_cast<unsigned>(asked != nullptr ? std::atol(asked) : 20000) / kPushers;
-  JCXXSock* pull = j_pipe_new_pull(name_.c_str());
+  const unsigned each = static_cast<unsigned>(std::atol(asked != nullptr ? asked : "20000")) / 4;
+  const Sock pull = Sock::pull(name);
   std::vector<pid_t> pushers;
-  for (unsigned id = 0; id < kPushers; ++id) {
-    pushers.push_back(Child([&, id] {
-      std::mt19937 random(id);
-      JCXXSock* push = j_pipe_new_push(name_.c_str());
+  for (unsigned id = 0; id < 4; ++id) {
+    pushers.push_back(Child([&] {
+      const Sock push = Sock::push(name);
       for (unsigned n = 0; n < each; ++n) {
-        // Checksum, sender, number, chance: up to PIPE_BUF with its two-byte header.
-        std::vector<std::uint32_t> words(3 + random() % (PIPE_BUF / 4 - 3));
-        std::generate(words.begin(), words.end(), std::ref(random));
-        words[1] = id;
-        words[2] = n;
-        words[0] = Sum(words);
-        JCXXMsg* msg = j_msg_new();
-        j_msg_addmem(msg, words.data(), words.size() * 4);
-        if (j_msg_send(&msg, push) != 0) {
-          return 1;
-        }
+        push.send(Message{Text(id, n)});
       }
-      return 0;
     }));
   }
-  std::vector<unsigned> next(kPushers, 0);
-  for (unsigned n = 0; n < each * kPushers; ++n) {
-    JCXXMsg* msg = j_msg_recv(pull);
-    ASSERT_NE(msg, nullptr);
-    JCXXFrame* frame = j_msg_pop(msg);
-    std::vector<std::uint32_t> words(j_frame_size(frame) / 4);
-    std::memcpy(words.data(), j_frame_data(frame), words.size() * 4);
-    ASSERT_TRUE(words.size() >= 3 && words[0] == Sum(words) && words[1] < kPushers);
-    ASSERT_EQ(words[2], next[words[1]]++);
-    j_frame_destroy(&frame);
-    j_msg_destroy(&msg);
+  unsigned next[4] = {};
+  for (unsigned n = 0; n < 4 * each; ++n) {
+    const std::string text = pull.receive()->pop_string().value();
+    const unsigned long id = std::strtoul(text.c_str(), nullptr, 10);
+    ASSERT_LT(id, pushers.size());
+    ASSERT_EQ(text, Text(static_cast<unsigned>(id), next[id]++));
   }
   for (const pid_t pusher : pushers) {
     EXPECT_EQ(Outcome(pusher), 0);
   }
-  EXPECT_EQ(Waiting(pull) + pull->BufferedToRead(), 0U);
-  j_sock_destroy(&pull);
-  std::printf("four pushers: %u messages, none lost, mixed or repeated\n", each * kPushers);
+  EXPECT_EQ(Waiting(pull) + pull.buffered(), 0U);
+  std::printf("four pushers: %u messages, none lost, mixed or repeated\n", 4 * each);
 }
 
 TEST_F(ProcessStorm, AnotherUserGetsACleanNull) {
   if (::getuid() != 0) {
     GTEST_SKIP() << "only root can become another user";
   }
-  JCXXSock* pull = j_pipe_new_pull(name_.c_str());
+  const Sock pull = Sock::pull(name);
   const pid_t other = Child([&] {
-    if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
-      return 1;
-    }
-    error_lines = 0;
-    return j_pipe_new_push(name_.c_str()) == nullptr && error_lines == 1 ? 0 : 2;
+    EXPECT_TRUE(::setgid(65534) == 0 && ::setuid(65534) == 0);
+    EXPECT_EQ(j_pipe_new_push(name.c_str()), nullptr);
+    EXPECT_EQ(support::LogLines().size(), 1U);
   });
   EXPECT_EQ(Outcome(other), 0);
-  j_sock_destroy(&pull);
 }
 
 // Other threads talk and open endpoints while programs are started.
@@ -227,25 +176,21 @@ TEST_F(ProcessStorm, ProgramsStartedUnderLoadInheritNoDescriptor) {
     return count;
   };
   const int usual = open_there();
-  std::atomic<bool> done{false};
-  std::vector<std::thread> load;
+  const jactor::Actor actor([](jactor::SockRef sock) { sock.ready(); });
+  std::vector<std::jthread> load;
   for (int n = 0; n < 3; ++n) {
-    load.emplace_back([&, endpoint = name_ + "-" + std::to_string(n)] {
-      while (!done) {
-        JCXXSock* sock = j_pipe_new_pull(endpoint.c_str());
-        j_sock_signal(sock, 1);
-        JCXXMsg* msg = j_msg_recv(sock);
-        j_msg_destroy(&msg);
-        j_sock_destroy(&sock);
+    load.emplace_back([n](std::stop_token stop) {
+      const Endpoint endpoint("-" + std::to_string(n));
+      while (!stop.stop_requested()) {
+        const Sock sock = Sock::pull(endpoint.name);
+        sock.signal(1);
+        sock.receive();
       }
-      ::unlink(("/var/run/jactor/Jipc_" + endpoint.substr(6)).c_str());
     });
   }
   for (int i = 0; i < 30; ++i) {
     EXPECT_EQ(open_there(), usual);
   }
-  done = true;
-  std::for_each(load.begin(), load.end(), [](std::thread& thread) { thread.join(); });
 }
 
 #ifdef JACTOR_SANITIZED
@@ -254,47 +199,38 @@ constexpr long kMostMebibytes = 4096;  // the sanitizer's share
 constexpr long kMostMebibytes = 256;
 #endif
 
-// What a stream can make a reader hold: the peak of a process that reads it.
-void ExpectBounded(const char* what, const std::string& unit, int units, bool good) {
+// What a stream can make a reader hold: the peak of a process that reads a message's
+// header and then `bytes` of one kind.
+void ExpectBounded(const char* what, char byte, long bytes, const std::string& refusal) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
-  const pid_t writer = Child([&] {
-    ::close(ends[0]);
-    std::string block;
-    for (int i = 0; i < 4096; ++i) {
-      block += unit;
-    }
-    bool ok = ::write(ends[1], "\x70\x00\x10\x00\x00", 5) == 5;
-    for (int i = 0; ok && i < units / 4096; ++i) {
-      ok = ::write(ends[1], block.data(), block.size()) == static_cast<ssize_t>(block.size());
-    }
-    return 0;
-  });
-  ::close(ends[1]);
   const pid_t reader = Child([&] {
+    ::close(ends[1]);
     SockFromPipes sock(ends[0], -1);
     rusage before = {};
     rusage after = {};
     ::getrusage(RUSAGE_SELF, &before);
-    JCXXMsg* msg = JCXXMsg::ReadMessage(&sock);
+    const std::unique_ptr<JCXXMsg> msg(JCXXMsg::ReadMessage(&sock));
     ::getrusage(RUSAGE_SELF, &after);
-    const bool as_expected = (msg != nullptr) == good && error_lines == (good ? 0 : 1);
-    delete msg;
+    EXPECT_EQ(msg != nullptr, refusal.empty());
+    EXPECT_EQ(support::Log(), refusal);
     const long grown = (after.ru_maxrss - before.ru_maxrss) / 1024;
-    std::printf("hostile memory: %s: %ld MiB more at the peak\n", what, grown);
-    std::fflush(stdout);
-    return as_expected && grown < kMostMebibytes ? 0 : 1;
+    EXPECT_LT(grown, kMostMebibytes);
+    ::dprintf(STDOUT_FILENO, "hostile memory: %s: %ld MiB more at the peak\n", what, grown);
   });
   ::close(ends[0]);
+  const std::string block(8192, byte);
+  bool ok = ::write(ends[1], "\x70\x00\x10\x00\x00", 5) == 5;
+  for (; ok && bytes > 0; bytes -= 8192) {
+    ok = ::write(ends[1], block.data(), block.size()) == 8192;
+  }
+  ::close(ends[1]);
   EXPECT_EQ(Outcome(reader), 0);
-  ::kill(writer, SIGKILL);
-  Outcome(writer);
 }
 
-TEST(HostileStream, MemoryIsBounded) {
-  ExpectBounded("1,048,576 frames of one byte, a good message", std::string("\x01x"), 1048576,
-                true);
-  ExpectBounded("empty frames without end, refused", std::string(1, '\0'), INT_MAX, false);
+TEST_F(ProcessStorm, TheMemoryThatAHostileStreamTakesIsBounded) {
+  ExpectBounded("1,048,576 frames of one byte, a good message", '\1', 2 * 1048576, "");
+  ExpectBounded("empty frames without end, refused", '\0', LONG_MAX, "too many frames");
 }
 
 }  // namespace

@@ -4,14 +4,17 @@
 
 #include <atomic>
 #include <barrier>
-#include <csignal>
-#include <cstring>
+#include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "jactor.hpp"
+#include "jcxxactor.h"
 #include "jcxxactorapi.h"
 #include "jcxxframe.h"
 #include "jcxxmsg.h"
+#include "jcxxsock.h"
 #include "jlog.h"
 
 extern "C" void jlog_printf(int, int, const char*, ...) {}
@@ -26,45 +29,22 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_opt
 
 namespace {
 
+using jactor::Actor;
+using jactor::Message;
+
 constexpr int kThreads = 8;
 
 // Runs `body(number)` on eight threads that start together.
 template <class Body>
 void Storm(Body body) {
   std::barrier start(kThreads);
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int n = 0; n < kThreads; ++n) {
     threads.emplace_back([&start, &body, n] {
       start.arrive_and_wait();
       body(n);
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-}
-
-void Echo(j_sock_t* sock, void*) {
-  j_sock_signal(sock, 0);
-  while (JCXXMsg* msg = j_msg_recv(sock)) {
-    if (j_msg_send(&msg, sock) != 0) {
-      j_msg_destroy(&msg);
-    }
-  }
-}
-
-bool RoundTrip(JCXXActor* actor, int value) {
-  JCXXMsg* msg = j_msg_new();
-  j_msg_addmem(msg, &value, sizeof value);
-  j_msg_addstr(msg, "storm");
-  EXPECT_EQ(j_msg_send(&msg, actor), 0);
-  msg = j_msg_recv(actor);
-  JCXXFrame* frame = j_msg_pop(msg);
-  int back = 0;
-  std::memcpy(&back, j_frame_data(frame), sizeof back);
-  j_frame_destroy(&frame);
-  j_msg_destroy(&msg);
-  return back == value;
 }
 
 std::size_t Registered() {
@@ -73,27 +53,29 @@ std::size_t Registered() {
   return api->socks.size() + api->actors.size() + api->frames.size() + api->msgs.size();
 }
 
-// First in the file: under ctest each test is a process of its own.
+// Under ctest each test is a process of its own.
 TEST(ThreadStorm, FirstUseFromEightThreads) {
-  Storm([](int) {
-    JCXXMsg* msg = j_msg_new();
-    EXPECT_EQ(j_msg_addstr(msg, "first"), 0);
-    j_msg_destroy(&msg);
-  });
+  Storm([](int) { const Message message{"first"}; });
   EXPECT_EQ(Registered(), 0U);
 }
 
 TEST(ThreadStorm, ActorsComeAndGoWhileOthersTalk) {
-  Storm([](int n) {
-    JCXXActor* actor = j_actor_new(Echo, nullptr);
+  const auto echo = [](jactor::SockRef sock) {
+    sock.ready();
+    while (auto message = sock.receive()) {
+      sock.send(std::move(*message));
+    }
+  };
+  Storm([&](int n) {
+    Actor actor(echo);
     for (int i = 0; i < 200; ++i) {
-      ASSERT_TRUE(RoundTrip(actor, n * 1000 + i));
+      const std::string number = std::to_string(n * 1000 + i);
+      actor.send(Message{number, "storm"});
+      ASSERT_EQ(actor.receive()->pop_string(), number);
       if (n % 2 == 0) {
-        j_actor_destroy(&actor);
-        actor = j_actor_new(Echo, nullptr);
+        actor = Actor(echo);
       }
     }
-    j_actor_destroy(&actor);
   });
   EXPECT_EQ(Registered(), 0U);
 }
@@ -101,65 +83,79 @@ TEST(ThreadStorm, ActorsComeAndGoWhileOthersTalk) {
 // Every thread makes and destroys objects and asks for those of the others, alive
 // or dead. One object outlives them all and must always be valid.
 TEST(ThreadStorm, TheRegistryFromEightThreads) {
+  JCXXActorAPI* api = JCXXActorAPI::GetInstance();
   JCXXMsg lasting;
   std::atomic<JCXXMsg*> shown[kThreads] = {};
   Storm([&](int n) {
-    JCXXActorAPI* api = JCXXActorAPI::GetInstance();
     for (int i = 0; i < 3000; ++i) {
-      JCXXMsg* msg = j_msg_new();
-      shown[n].store(msg);
+      Message message{"storm"};
+      JCXXMsg* msg = message.get();
+      shown[n] = msg;
       ASSERT_TRUE(api->JCXXMsgPtrIsValid(msg) && api->JCXXMsgPtrIsValid(&lasting));
       ASSERT_FALSE(api->JCXXSockPtrIsValid(reinterpret_cast<JCXXSock*>(msg)));
-      if (JCXXMsg* other = shown[(n + i) % kThreads].load(); other != nullptr) {
+      if (JCXXMsg* other = shown[(n + i) % kThreads]; other != nullptr) {
         api->JCXXMsgPtrIsValid(other);
       }
-      j_msg_addmem(msg, &i, sizeof i);
-      JCXXFrame* frame = j_msg_pop(msg);
-      j_msg_destroy(&msg);
-      ASSERT_EQ(j_frame_size(frame), sizeof i);
-      j_frame_destroy(&frame);
+      ASSERT_EQ(message.pop_string(), "storm");
     }
   });
-  for (std::atomic<JCXXMsg*>& msg : shown) {
-    EXPECT_FALSE(JCXXActorAPI::GetInstance()->JCXXMsgPtrIsValid(msg.load()));
+  for (JCXXMsg* msg : shown) {
+    EXPECT_FALSE(api->JCXXMsgPtrIsValid(msg));
   }
   EXPECT_EQ(Registered(), 1U);
+}
+
+// Uses the library whether the registry is there or gone. No message is destroyed
+// by its handle, which may be unknown.
+void UseTheLibrary() {
+  const std::unique_ptr<JCXXMsg> made(j_msg_new());
+  JCXXMsg* msg = made.get();
+  SockFromPipes sock;
+  j_msg_addstr(msg, "late");
+  j_msg_send(&msg, &sock);
+  msg->AddStr("later");
+  delete j_msg_pop(msg);
 }
 
 void NeverIdle(j_sock_t* sock, void*) {
   j_sock_signal(sock, 0);
   for (;;) {
-    JCXXMsg* msg = j_msg_new();
-    j_msg_addstr(msg, "busy");
-    j_msg_destroy(&msg);
+    UseTheLibrary();
   }
 }
 
-// Made before the library's first use, so that it goes after the library's own.
-struct Late {
-  JCXXMsg* msg = nullptr;
-  JCXXActor* actor = nullptr;
-  ~Late() {
-    if (j_msg_addstr(msg, "late") != -1) {
+// Made before the library's first use, and so destroyed after the registry, with
+// what it holds.
+struct Early {
+  std::unique_ptr<JCXXFrame> frame;
+  std::unique_ptr<JCXXMsg> msg;
+  std::unique_ptr<JCXXActor> ended;
+  JCXXActor* busy = nullptr;
+  ~Early() {
+    if (j_msg_addstr(msg.get(), "late") != -1) {
       std::_Exit(3);  // this thread still took it for alive
     }
-    j_msg_destroy(&msg);
-    j_actor_destroy(&actor);
+    j_actor_destroy(&busy);
+    UseTheLibrary();
   }
 };
 
-TEST(ThreadStorm, TheProcessExitsWhileActorsRunAndStaticObjectsHoldHandles) {
+[[noreturn]] void ExitWithLiveObjects() {
+  static Early early;
+  early.frame = std::make_unique<JCXXFrame>();
+  early.msg.reset(j_msg_new());
+  early.ended.reset(j_actor_new([](j_sock_t* sock, void*) { j_sock_signal(sock, 0); }, nullptr));
+  static const JCXXMsg late;
+  for (int i = 0; i < 3; ++i) {
+    early.busy = j_actor_new(NeverIdle, nullptr);
+  }
+  std::exit(0);
+}
+
+// Of a name that has it run before the others, in one process with them.
+TEST(ThreadStormDeathTest, TheProcessExitsWhileActorsRunAndStaticObjectsHoldHandles) {
   for (int round = 0; round < 5; ++round) {
-    EXPECT_EXIT(
-        {
-          static Late late;
-          late.msg = j_msg_new();
-          for (int i = 0; i < 4; ++i) {
-            late.actor = j_actor_new(i % 2 == 0 ? NeverIdle : Echo, nullptr);
-          }
-          std::exit(0);
-        },
-        ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(ExitWithLiveObjects(), ::testing::ExitedWithCode(0), "");
   }
 }
 
