@@ -13,21 +13,19 @@
 //
 // sends what no jpipe export sends on a ZeroMQ PUSH socket, and a message behind it.
 #include <czmq.h>
-#include <jactor.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <iostream>
 #include <random>
-#include <string>
 #include <vector>
+
+#include "jactor.hpp"
 
 namespace {
 
-struct Message {
-  int signal = -1;
+struct Content {
+  std::optional<unsigned char> signal;
   std::vector<std::string> frames;
-  bool operator==(const Message&) const = default;
+  bool operator==(const Content&) const = default;
 };
 
 std::string RandomBytes(std::minstd_rand& random, std::size_t size) {
@@ -38,101 +36,84 @@ std::string RandomBytes(std::minstd_rand& random, std::size_t size) {
   return bytes;
 }
 
-Message Numbered(unsigned long k, std::minstd_rand& random) {
-  return {-1, {std::to_string(k), RandomBytes(random, 1 + random() % 3000)}};
-}
-
-Message Mixed(unsigned long k, std::minstd_rand& random) {
-  Message message;
+// What the wire can carry, the rare and large kinds now and then.
+Content Mixed(unsigned long k, std::minstd_rand& random) {
   if (k % 11 == 3) {
-    message.signal = static_cast<int>(random() % 256);
-  } else if (k % 10007 == 5) {
-    message.frames.push_back(RandomBytes(random, JACTOR_MAX_SIZE));
-  } else if (k % 997 == 7) {
-    message.frames = {RandomBytes(random, 70000), "", RandomBytes(random, 5000)};
-  } else if (k % 499 == 9) {
-    message.frames.assign(511, "x");
-  } else if (const unsigned long count = random() % 6; count > 0) {
-    for (unsigned long f = 1; f < count; ++f) {
-      message.frames.push_back(RandomBytes(random, random() % 40));
-    }
+    return {static_cast<unsigned char>(random()), {}};
+  }
+  if (k % 10007 == 5) {
+    return {{}, {RandomBytes(random, JACTOR_MAX_SIZE)}};
+  }
+  if (k % 997 == 7) {
+    return {{}, {RandomBytes(random, 70000), "", RandomBytes(random, 5000)}};
+  }
+  if (k % 499 == 9) {
+    return {{}, std::vector<std::string>(511, "x")};
+  }
+  Content content;
+  const unsigned long count = random() % 6;
+  for (unsigned long f = 1; f <= count; ++f) {
     // The wire cannot tell an empty frame at the end from a message of its own.
-    message.frames.push_back(RandomBytes(random, count > 1 ? 1 + random() % 200 : random() % 20));
+    const unsigned long size = f < count ? random() % 40 : random() % 200 + (count > 1 ? 1 : 0);
+    content.frames.push_back(RandomBytes(random, size));
   }
-  return message;
+  return content;
 }
 
-Message Make(unsigned long k, const std::string& shape) {
+Content Make(unsigned long k, const std::string& shape) {
   std::minstd_rand random(static_cast<unsigned>(k + 1));
-  return shape == "mixed" ? Mixed(k, random) : Numbered(k, random);
+  return shape == "mixed"
+             ? Mixed(k, random)
+             : Content{{}, {std::to_string(k), RandomBytes(random, 1 + random() % 3000)}};
 }
 
-[[noreturn]] void Die(const char* what, unsigned long k) {
-  std::printf("%s at message %lu\n", what, k);
-  std::exit(1);
+void Send(const jactor::Sock& sock, const Content& content) {
+  if (content.signal) {
+    return sock.signal(*content.signal);
+  }
+  jactor::Message message;
+  for (const std::string& frame : content.frames) {
+    message.add(frame);
+  }
+  sock.send(std::move(message));
 }
 
-void Send(JCXXSock* sock, const Message& message, unsigned long k) {
-  if (message.signal >= 0) {
-    if (j_sock_signal(sock, static_cast<unsigned char>(message.signal)) != 0) {
-      Die("cannot signal", k);
-    }
-    return;
+Content Receive(const jactor::Sock& sock) {
+  jactor::Message message = sock.receive().value();
+  Content content{message.signal(), {}};
+  for (const jactor::Frame& frame : message.frames()) {
+    content.frames.emplace_back(frame.text());
   }
-  JCXXMsg* msg = j_msg_new();
-  for (const std::string& frame : message.frames) {
-    j_msg_addmem(msg, frame.data(), frame.size());
-  }
-  if (j_msg_send(&msg, sock) != 0) {
-    Die("cannot send", k);
-  }
+  return content;
 }
 
-Message Receive(JCXXSock* sock, unsigned long k) {
-  JCXXMsg* msg = j_msg_recv(sock);
-  if (msg == nullptr) {
-    Die("cannot receive", k);
-  }
-  Message message{j_msg_signal(msg), {}};
-  while (JCXXFrame* frame = j_msg_pop(msg)) {
-    const auto* data = reinterpret_cast<const char*>(j_frame_data(frame));
-    message.frames.emplace_back(data == nullptr ? "" : data, j_frame_size(frame));
-    j_frame_destroy(&frame);
-  }
-  j_msg_destroy(&msg);
-  return message;
-}
-
-void Pause() {
-  std::puts("paused");
-  std::fflush(stdout);
-  while (std::getchar() != '\n') {
-  }
-}
-
-void Check(JCXXSock* sock, unsigned long count, const std::string& shape, unsigned long pause) {
+int Check(const jactor::Sock& sock, unsigned long count, const std::string& shape,
+          unsigned long pause) {
   unsigned long lost = 0;
   for (unsigned long next = 0, received = 0; next < count; ++next) {
-    const Message message = Receive(sock, next);
-    const bool named = shape == "numbered" && !message.frames.empty();
-    const unsigned long k = named ? std::strtoul(message.frames[0].c_str(), nullptr, 10) : next;
-    if (k < next || message != Make(k, shape)) {
-      Die("other bytes than were sent", next);
+    const Content content = Receive(sock);
+    const bool named = shape == "numbered" && !content.frames.empty();
+    const unsigned long k = named ? std::strtoul(content.frames[0].c_str(), nullptr, 10) : next;
+    if (k < next || content != Make(k, shape)) {
+      std::cout << "other bytes than were sent at message " << next << '\n';
+      return 1;
     }
     if (k > next) {
-      std::printf("missing %lu to %lu\n", next, k - 1);
+      std::cout << "missing " << next << " to " << k - 1 << '\n';
       lost += k - next;
       next = k;
     }
     if (++received == pause) {
-      Pause();
+      std::cout << "paused" << std::endl;
+      std::cin.ignore(INT_MAX, '\n');
     }
   }
-  std::printf("received %lu lost %lu\n", count - lost, lost);
+  std::cout << "received " << count - lost << " lost " << lost << '\n';
+  return 0;
 }
 
-int SendForeign(const char* address) {
-  zsock_t* push = zsock_new_push(address);
+int SendForeign(const std::string& address) {
+  zsock_t* push = zsock_new_push(address.c_str());
   const std::string half(JACTOR_MAX_SIZE / 2 + 1, 'x');
   zstr_send(push, "X");
   zstr_sendx(push, "S", "ab", nullptr);
@@ -146,20 +127,17 @@ int SendForeign(const char* address) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 3) {
-    return SendForeign(argv[2]);
+  const std::vector<std::string> words(argv + 1, argv + argc);
+  if (words.size() == 2) {
+    return SendForeign(words[1]);
   }
-  if (argc < 5) {
-    return 2;
+  const unsigned long count = std::stoul(words.at(2));
+  if (words[0] == "check") {
+    const unsigned long pause = words.size() > 4 ? std::stoul(words[4]) : 0;
+    return Check(jactor::Sock::pull(words[1]), count, words.at(3), pause);
   }
-  const unsigned long count = std::strtoul(argv[3], nullptr, 10);
-  const bool sends = std::strcmp(argv[1], "send") == 0;
-  JCXXSock* sock = sends ? j_pipe_new_push(argv[2]) : j_pipe_new_pull(argv[2]);
-  for (unsigned long k = 0; sends && k < count; ++k) {
-    Send(sock, Make(k, argv[4]), k);
+  const auto sock = jactor::Sock::push(words[1]);
+  for (unsigned long k = 0; k < count; ++k) {
+    Send(sock, Make(k, words.at(3)));
   }
-  if (!sends) {
-    Check(sock, count, argv[4], argc > 5 ? std::strtoul(argv[5], nullptr, 10) : 0);
-  }
-  j_sock_destroy(&sock);
 }
