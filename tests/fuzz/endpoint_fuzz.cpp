@@ -32,26 +32,11 @@ std::string FileOf(const std::string& name) {
   return file.size() <= NAME_MAX ? file : "";
 }
 
-void CheckSplitting(std::string name) {
-  std::string joined;
-  for (const std::string& piece : SockFromNamedEndpoint::SplitAtCommas(name)) {
-    joined += "," + piece;
-  }
-  CHECK(joined == "," + name);
-  std::string transport = "x";
-  std::string path = "y";
-  SockFromNamedEndpoint::SplitLikeURI(name, transport, path);
-  CHECK(transport.empty() == path.empty());
-  CHECK(transport.empty() || transport + "://" + path == name);
-  CHECK(transport.find("://") == std::string::npos);
-}
-
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const support::RunDirectory run;
   const std::string bytes(data, data + size);
-  CheckSplitting(bytes);
   const std::string name = bytes.c_str() + std::min<std::size_t>(size, 1);  // up to its first zero
   const std::string file = FileOf(name);
   support::ClearLog();

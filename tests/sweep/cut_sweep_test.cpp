@@ -80,7 +80,7 @@ class CutSweep : public support::PairTest {
   }
 };
 
-TEST_F(CutSweep, DataMessagesAtEveryPairOfPlaces) {
+TEST_F(CutSweep, EveryMessageAtEveryPairOfPlaces) {
   unsigned transfers = 0;
   for (const Frames& frames : Layouts()) {
     SCOPED_TRACE(::testing::PrintToString(frames));
@@ -95,9 +95,6 @@ TEST_F(CutSweep, DataMessagesAtEveryPairOfPlaces) {
     }
   }
   std::printf("cut sweep: %u transfers\n", transfers);
-}
-
-TEST_F(CutSweep, SignalsAtEveryPlace) {
   for (const int value : {0, 63, 64, 255}) {
     JCXXMsg signal(static_cast<unsigned char>(value));
     Sweep(signal);

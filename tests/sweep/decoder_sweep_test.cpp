@@ -63,24 +63,15 @@ TEST(DecoderSweep, EveryByteStringOfUpToThreeBytes) {
   std::printf("decoder sweep: %lu strings of up to 3 bytes\n", strings);
 }
 
-// Bytes that often make sense: lead bytes of every form with small sizes, and
-// what is left to chance.
+// Bytes that often make sense: lead bytes of every form, small sizes, zeros, and what
+// is left to chance.
 std::string RandomStream(std::mt19937& random) {
-  std::string stream;
-  const std::size_t length = 4 + random() % 60;
-  while (stream.size() < length) {
+  std::string stream(4 + random() % 60, '\0');
+  for (char& byte : stream) {
     const auto r = static_cast<unsigned>(random());
-    const unsigned kind = r % 8;
-    const char small = static_cast<char>(r >> 8 & 7);
-    const unsigned header = r >> 16 & 0x40;  // of a message, not of a frame
-    const unsigned kLeads[] = {0x20 | header, 0x30 | header, 0x40 | (r >> 16 & 0x0F), r >> 16};
-    stream += kind < 4 ? static_cast<char>(kLeads[kind]) : small;
-    if (kind == 1) {
-      stream += {0, static_cast<char>(r >> 30)};
-    }
-    if (kind < 2) {
-      stream += {0, small};
-    }
+    const unsigned tiny = r >> 8 & r >> 16 & 7;
+    const unsigned kinds[] = {r >> 8, r >> 8 & 0x70, 0x40 | (r >> 8 & 0x0F), tiny, tiny, tiny};
+    byte = static_cast<char>(kinds[r % 6]);
   }
   return stream;
 }

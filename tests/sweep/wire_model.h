@@ -74,26 +74,17 @@ inline Message DecodeMessage(const std::string& stream, std::size_t& at) {
   return message;
 }
 
-inline std::string Bytes(JCXXFrame& frame) {
-  const auto* bytes = reinterpret_cast<const char*>(frame.GetData());
-  return bytes == nullptr ? std::string() : std::string(bytes, frame.GetSize());
-}
-
-// The library's message as one of the model's.
-inline Message Contents(JCXXMsg* msg) {
+// What the library makes of the next message.
+inline Message Read(JCXXSock* sock) {
+  const std::unique_ptr<JCXXMsg> msg(JCXXMsg::ReadMessage(sock));
   if (msg == nullptr) {
     return {};
   }
   Message message{true, msg->IsSignalMsg() ? msg->GetSignalValue() : -1, {}};
   for (JCXXFrame* frame : msg->GetFrameList()) {
-    message.frames.push_back(Bytes(*frame));
+    message.frames.emplace_back(frame->data.begin(), frame->data.end());
   }
   return message;
-}
-
-// What the library makes of the next message.
-inline Message Read(JCXXSock* sock) {
-  return Contents(std::unique_ptr<JCXXMsg>(JCXXMsg::ReadMessage(sock)).get());
 }
 
 }  // namespace wire
