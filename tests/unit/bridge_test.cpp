@@ -75,11 +75,14 @@ TEST_F(BridgeTest, ARefusedRegistrationLeavesNothing) {
   EXPECT_EQ(Log(), "");
 }
 
+// The calls say nothing, the members behind them do.
 TEST_F(BridgeTest, NullArgumentsTellTheirLine) {
   JCXXSock* sock = b.get();
   zmq_pollitem_t item = {};
   EXPECT_EQ(hybrid_zloop_reader(loop, sock, Handle, nullptr), 0);
   hybrid_zloop_reader_end(loop, sock);
+  EXPECT_EQ(hybrid_zloop_reader(nullptr, sock, Handle, nullptr), -1);
+  hybrid_zloop_reader_end(nullptr, sock);
   EXPECT_EQ(captured(nullptr, &item, &item), -1);
   EXPECT_EQ(captured(loop, nullptr, &item), -1);
   EXPECT_EQ(captured(loop, &item, nullptr), -1);

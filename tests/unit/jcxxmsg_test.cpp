@@ -24,11 +24,8 @@ Owned Make(const Frames& frames) {
   return msg;
 }
 
-// A message in words: "null", "signal 9", "[ab][cde]", "empty".
+// A message in words: "signal 9", "[ab][cde]", "empty".
 std::string Words(const Owned& msg) {
-  if (msg == nullptr) {
-    return "null";
-  }
   if (msg->IsSignalMsg()) {
     return "signal " + std::to_string(msg->GetSignalValue());
   }
@@ -66,7 +63,7 @@ TEST_F(MsgTest, ARefusedMessageTellsWhy) {
   for (const auto& [stream, log] : kStreams) {
     ClearLog();
     Feed(stream + "\1g");
-    EXPECT_EQ(Words(Owned(b->Recv())), "null");
+    EXPECT_EQ(b->Recv(), nullptr);
     EXPECT_EQ(Log(), log);
     EXPECT_EQ(Words(Owned(b->Recv())), "[g]");
   }
@@ -85,7 +82,6 @@ TEST_F(MsgTest, WhatIsBeyondALimitIsNotSent) {
   EXPECT_EQ(j_msg_send(&handle, a.get()), -1);
   EXPECT_EQ(handle, msg.get());
   EXPECT_EQ(Log(), "other error, errno=22; std::bad_alloc");
-  EXPECT_EQ(msg->GetFrameList().size(), 3U);
   EXPECT_EQ(msg->AddMem(over.data(), over.size()), -1);
   EXPECT_EQ(msg->AddStr(over.c_str()), -1);
   EXPECT_EQ(msg->AddStr(over.c_str() + 1), 0);
