@@ -162,18 +162,14 @@ class Session {
     } else if (call.takes == 'm') {
       CHECK(Shape(handle) == (failed ? shape : shape + change));
     }
-    if (!failed) {
-      Follow(name, shape, stream.get(), rest);
+    if (failed) {
+      return;
     }
-  }
-
-  // Takes over what a call has made or moved.
-  void Follow(std::string_view name, int shape, Stream* stream, const calls::Rest& rest) {
     if (name == "j_msg_popstr") {
       std::free(rest.made);
     } else if (name == "j_msg_pop") {
       Keep(rest.made, {'f'});
-    } else if (name == "j_msg_send") {
+    } else if (sends) {
       stream->pending.push_back(shape);
     } else if (name == "j_sock_signal") {
       stream->pending.push_back(-1 - rest.value);
@@ -181,8 +177,8 @@ class Session {
       CHECK(Shape(rest.made) == stream->pending.front());
       Keep(rest.made, {'m'});
       stream->pending.pop_front();
-    } else if (name == "j_actor_sock") {
-      CHECK(rest.made == stream->sock);
+    } else {
+      CHECK(name != "j_actor_sock" || rest.made == stream->sock);
     }
   }
 

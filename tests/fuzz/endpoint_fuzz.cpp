@@ -22,14 +22,13 @@ std::string FileOf(const std::string& name) {
   if (!std::regex_search(name, front, kFront, std::regex_constants::match_continuous)) {
     return "";
   }
-  std::string path = front.suffix();
-  if (path.empty() || path.find(',') != std::string::npos) {
-    return "";
-  }
+  const std::string path = front.suffix();
+  std::string file = "J" + front.str(1) + "_" + path;
   const auto separator = [](char c) { return c == '/' || c == '\\'; };
-  std::replace_if(path.begin(), path.end(), separator, '_');
-  const std::string file = "J" + front.str(1) + "_" + path;
-  return file.size() <= NAME_MAX ? file : "";
+  std::replace_if(file.begin(), file.end(), separator, '_');
+  const bool refused =
+      path.empty() || path.find(',') != std::string::npos || file.size() > NAME_MAX;
+  return refused ? "" : file;
 }
 
 }  // namespace

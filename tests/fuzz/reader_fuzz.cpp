@@ -15,6 +15,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < kSizes) {
     return 0;
   }
+  support::KeepLog(0);
   const std::string stream(data + kSizes, data + size);
   int ends[2];
   CHECK(::pipe(ends) == 0);
@@ -31,20 +32,17 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // size comes also when the pipe still holds something.
   const auto feed = [&] {
     const std::size_t next = data[pieces % kSizes];
-    if (waiting() > 0 && (next % 2 == 0 || waiting() > 16384)) {
-      return;
-    }
-    ++pieces;
-    const std::string bytes = stream.substr(fed, next * 5 + 1);
-    const auto written = ::write(feeder.write_fd, bytes.data(), bytes.size());
-    CHECK(written == static_cast<ssize_t>(bytes.size()) || feeder.write_fd < 0);
-    fed += bytes.size();
-    if (bytes.empty()) {
-      feeder = SockFromPipes();  // closes
+    if (waiting() == 0 || (next % 2 != 0 && waiting() <= 16384)) {
+      ++pieces;
+      const std::string bytes = stream.substr(fed, next * 5 + 1);
+      const auto written = ::write(feeder.write_fd, bytes.data(), bytes.size());
+      CHECK(written == static_cast<ssize_t>(bytes.size()) || feeder.write_fd < 0);
+      fed += bytes.size();
+      if (bytes.empty()) {
+        feeder = SockFromPipes();  // closes
+      }
     }
   };
-  support::ClearLog();
-  support::KeepLog(0);
   for (std::size_t at = 0; at < stream.size();) {
     const wire::Message expected = wire::DecodeMessage(stream, at);
     {

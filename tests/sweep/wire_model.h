@@ -29,26 +29,25 @@ struct Frame {
 };
 
 inline Frame DecodeFrame(const std::string& stream, std::size_t& at) {
-  // The next `count` bytes as digits after those of `number`; SIZE_MAX at the end.
+  constexpr std::size_t kTooMuch = 1048577;
+  // The next `count` bytes as digits after those of `number`; too much at the end.
   const auto digits = [&](std::size_t number, std::size_t count) {
     for (; count > 0 && at < stream.size(); --count) {
       number = number * 256 + static_cast<unsigned char>(stream[at++]);
     }
-    return count == 0 ? number : SIZE_MAX;
+    return count == 0 ? number : kTooMuch;
   };
   const std::size_t lead = digits(0, 1);
-  if (lead >= 0x80) {
-    const std::size_t value = lead >= 0xC0 ? digits(0, 1) : lead - 0x80;
-    return {value == SIZE_MAX ? Frame::kNone : Frame::kSignal, value};
-  }
   const std::size_t form = lead / 16 % 4;
-  std::size_t size = digits(form < 2 ? lead % 16 : 0, form == 3 ? 4 : form);
-  if (size > 1048576) {
+  const std::size_t size = lead >= 0xC0   ? digits(0, 1)
+                           : lead >= 0x80 ? lead - 0x80
+                           : form >= 2    ? digits(0, form == 2 ? 2 : 4)
+                                          : digits(lead % 16, form) + 16 * form;
+  if (size >= kTooMuch) {
     return {};
   }
-  size += form == 1 ? 16 : 0;
   if (lead >= 0x40) {
-    return {Frame::kHeader, size};
+    return {lead >= 0x80 ? Frame::kSignal : Frame::kHeader, size};
   }
   Frame frame{Frame::kData, size, stream.substr(at, size)};
   at += frame.bytes.size();
