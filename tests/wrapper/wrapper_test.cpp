@@ -8,8 +8,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <array>
-#include <functional>
 #include <vector>
 
 #include "jactor.hpp"
@@ -29,26 +27,16 @@ static_assert(!std::is_default_constructible_v<Sock> && !std::is_default_constru
 static_assert(std::is_convertible_v<Sock&, SockRef> && !std::is_convertible_v<Sock, SockRef>);
 
 // Only what is given away by std::move can be sent, and only what lives on has frames.
-template <class Argument, class = void>
-constexpr bool kCanSend = false;
 template <class Argument>
-constexpr bool kCanSend<
-    Argument, std::void_t<decltype(std::declval<SockRef>().send(std::declval<Argument>()))>> = true;
+constexpr bool kCanSend = std::is_invocable_v<decltype(&SockRef::send), SockRef, Argument>;
 static_assert(kCanSend<Message> && !kCanSend<Message&> && !kCanSend<const Message&>);
-template <class Owner, class = void>
-constexpr bool kHasFrames = false;
 template <class Owner>
-constexpr bool kHasFrames<Owner, std::void_t<decltype(std::declval<Owner>().frames())>> = true;
+constexpr bool kHasFrames = std::is_invocable_v<decltype(&Message::frames), Owner>;
 static_assert(kHasFrames<Message&> && !kHasFrames<Message>);
 
 namespace {
 
-// Ends a test that hangs, also outside of CTest.
-class Wrapper : public support::Test {
- protected:
-  Wrapper() { ::alarm(200); }
-  ~Wrapper() override { ::alarm(0); }
-};
+using Wrapper = support::Test;
 
 void Echo(SockRef sock) {
   sock.ready();
@@ -57,10 +45,7 @@ void Echo(SockRef sock) {
   }
 }
 
-struct LoopDeleter {
-  void operator()(zloop_t* loop) const { zloop_destroy(&loop); }
-};
-using Loop = std::unique_ptr<zloop_t, LoopDeleter>;
+using Loop = detail::Owner<zloop_t, zloop_destroy>;
 
 // Both ends of an endpoint of the test's own.
 struct Endpoint {
@@ -71,29 +56,22 @@ struct Endpoint {
 
 TEST_F(Wrapper, FramesTravelUnchangedAndAreIteratedInOrder) {
   Actor echo(Echo);
-  const std::array<unsigned char, 4> array{0, 1, 0, 255};
-  Message message{"text", std::string_view("z\0z", 3)};
-  message.add(std::vector<unsigned char>{7, 0}).add(array).add(std::string_view()).add("abc", 2);
+  Message message{"text", std::string_view("z\0z", 3), ""};
+  message.add(std::vector<unsigned char>{0, 255}).add("abc", 2);
   echo.send(std::move(message));
-
-  auto reply = echo.receive();
-  ASSERT_TRUE(reply);
-  EXPECT_FALSE(reply->signal());
-  std::vector<std::string> texts{reply->pop_string().value()};
+  auto reply = echo.receive().value();
+  EXPECT_FALSE(reply.signal());
+  EXPECT_EQ(reply.pop_string(), "text");
+  std::string texts;
   std::optional<Frame> kept;
-  for (Frame& frame : reply->frames()) {
-    texts.emplace_back(frame.text());
-    if (texts.size() == 2) {
-      frame.bytes()[1] = 9;
-      kept = std::move(frame);
-    }
+  for (Frame& frame : reply.frames()) {
+    texts.append(frame.text()) += '|';
+    kept = std::move(frame);
   }
-  const std::vector<std::string> expected{"text", {"z\0z", 3}, {"\7\0", 2}, {"\0\1\0\377", 4},
-                                          "",     "ab"};
-  EXPECT_EQ(texts, expected);
-  EXPECT_EQ(kept->text(), "z\11z");
-  EXPECT_FALSE(reply->pop());
-
+  EXPECT_EQ(texts, std::string("z\0z||\0\377|ab|", 11));
+  kept->bytes()[1] = 'c';
+  EXPECT_EQ(kept->text(), "ac");
+  EXPECT_FALSE(reply.pop());
   echo.signal(255);
   EXPECT_EQ(echo.receive()->signal(), 255);
 }
@@ -117,8 +95,7 @@ TEST_F(Wrapper, SendEmptiesItsMessageOnlyOnSuccess) {
 }
 
 TEST_F(Wrapper, EndpointsThatCannotBeOpenedAreErrors) {
-  const std::string with_zero("ipc://a\0b", 9);
-  for (const std::string& endpoint : {std::string(), std::string("tcp://host:1"), with_zero}) {
+  for (const std::string& endpoint : {std::string("tcp://host:1"), std::string("ipc://a\0b", 9)}) {
     EXPECT_THROW(Sock::pull(endpoint), error) << endpoint;
     EXPECT_THROW(Sock::push(endpoint), error) << endpoint;
   }
@@ -149,9 +126,8 @@ TEST_F(Wrapper, AnActorAndItsCallableCanBeMoved) {
 }
 
 TEST_F(Wrapper, AnExceptionReachesTheCreator) {
-  const std::function<void(SockRef)> throws_a_number = [](SockRef) { throw 7; };
   EXPECT_THROW(Actor([](SockRef) { throw std::logic_error("early"); }), std::logic_error);
-  EXPECT_THROW(Actor{throws_a_number}, int);
+  EXPECT_THROW(Actor([](SockRef) { throw 7; }), int);
 
   Actor actor([](SockRef sock) {
     sock.ready();
@@ -192,67 +168,61 @@ TEST_F(Wrapper, ATimeLimitTellsTimeOutFromEnd) {
   EXPECT_TRUE(jobs.pull->receive_until(past).timed_out);
   EXPECT_TRUE(jobs.pull->receive_for(std::chrono::hours::min()).timed_out);
 
-  bool timed_out = true;
-  Actor actor([&](SockRef sock) {
+  Actor actor([](SockRef sock) {
     sock.ready();
-    sock.send(Message{"3"});
-    timed_out = sock.receive_for(std::chrono::duration<double>(1e300)).timed_out;
+    while (auto message = sock.receive_for(std::chrono::duration<double>(1e300)).message) {
+      sock.send(std::move(*message));
+    }
   });
-  EXPECT_EQ(actor.receive_for(std::chrono::hours::max()).message->pop_string(), "3");
   EXPECT_TRUE(actor.receive_for(1ms).timed_out);
+  actor.signal(3);
+  EXPECT_EQ(actor.receive_for(std::chrono::hours::max()).message->signal(), 3);
   actor.join();
-  EXPECT_FALSE(timed_out);
   EXPECT_THROW(actor.receive_for(0s), error);
 
-  Actor over([](SockRef) {});
-  const auto end = over.receive_for(1h);
+  const Received end = Actor([](SockRef) {}).receive_for(1h);
   EXPECT_FALSE(end.message || end.timed_out);
 }
 
 TEST_F(Wrapper, ATimeLimitSurvivesSignals) {
   const Endpoint quiet;
-  static volatile sig_atomic_t interruptions = 0;
-  const auto before = ::signal(SIGALRM, [](int) { interruptions = interruptions + 1; });
+  ::signal(SIGALRM, [](int) {});
   ::ualarm(2000, 2000);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_TRUE(quiet.pull->receive_for(50ms).timed_out);
-  ::ualarm(0, 0);
-  ::signal(SIGALRM, before);
   EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
-  EXPECT_GT(interruptions, 1);
+  ::ualarm(0, 0);
+  ::signal(SIGALRM, SIG_DFL);
 }
 
+// An end that comes together with data is easily lost, and the actor's destruction
+// waits for ever then. Where the end ends the watch alone, a timer ends the loop.
 TEST_F(Wrapper, ALoopSeesAnEndThatComesWithData) {
+  ::alarm(100);  // the watchdog
   for (int i = 0; i < 200; ++i) {
+    const AtEnd at_end = i % 2 == 0 ? AtEnd::kEndLoop : AtEnd::kEndWatch;
     int handled = 0;
     Actor actor([&](SockRef sock) {
       const Loop loop(zloop_new());
-      const auto count = [&](Message) { ++handled; };
-      const Watch watching = watch(loop.get(), sock, count, AtEnd::kEndLoop);
+      std::optional<Watch> watching = watch(
+          loop.get(), sock, [&](Message) { ++handled; }, at_end);
+      const auto tick = [](zloop_t*, int, void* arg) {
+        auto& watched = *static_cast<std::optional<Watch>*>(arg);
+        if (!watched->active()) {
+          watched.reset();
+        }
+        return watched ? 0 : -1;
+      };
+      zloop_timer(loop.get(), 1, 0, tick, &watching);
       sock.ready();
       zloop_start(loop.get());
+      EXPECT_EQ(watching.has_value(), at_end == AtEnd::kEndLoop);
     });
     actor.send(Message{"work"});
     actor.join();
     ASSERT_EQ(handled, 1);
   }
-}
-
-TEST_F(Wrapper, AnEndThatEndsTheWatchLeavesTheLoopRunning) {
-  bool ended_by_timer = false;
-  Actor actor([&](SockRef sock) {
-    const Loop loop(zloop_new());
-    const Watch watching = watch(loop.get(), sock, [](Message) {});
-    const auto tick = [](zloop_t*, int, void* arg) {
-      return static_cast<const Watch*>(arg)->active() ? 0 : -1;
-    };
-    zloop_timer(loop.get(), 1, 0, tick, const_cast<Watch*>(&watching));
-    sock.ready();
-    ended_by_timer = zloop_start(loop.get()) == -1 && !watching.active();
-  });
-  actor.send(Message{"work"});
-  actor.join();
-  EXPECT_TRUE(ended_by_timer);
+  ::alarm(0);
 }
 
 TEST_F(Wrapper, AHandlersExceptionEndsTheLoopAndLosesNothing) {
@@ -278,21 +248,20 @@ TEST_F(Wrapper, AHandlersExceptionEndsTheLoopAndLosesNothing) {
 TEST_F(Wrapper, AHandlerMayDestroyItsWatchAndThenItsSock) {
   for (const bool sock_too : {false, true}) {
     const Loop loop(zloop_new());
-    Endpoint first;
-    const Endpoint second;
+    Endpoint jobs;
     int handled = 0;
     std::optional<Watch> gone;
-    gone = watch(loop.get(), *first.pull, [&, sock_too](Message) {
+    gone = watch(loop.get(), *jobs.pull, [&, sock_too](Message) {
       ++handled;
       gone.reset();
       if (sock_too) {
-        first.pull.reset();
+        jobs.pull.reset();
       }
     });
-    const Watch last = watch(loop.get(), *second.pull, [](Message) { return -1; });
-    first.push.signal(1);
-    first.push.signal(2);
-    second.push.signal(3);
+    jobs.push.signal(1);
+    jobs.push.signal(2);
+    zloop_timer(
+        loop.get(), 10, 1, [](zloop_t*, int, void*) { return -1; }, nullptr);
     EXPECT_EQ(zloop_start(loop.get()), -1);
     EXPECT_EQ(handled, 1);
   }
