@@ -3,8 +3,9 @@
 // stay behind. Each message is sent on to standard error.
 #include <unistd.h>
 
-#include <cstdio>
+#include <iostream>
 #include <list>
+#include <string_view>
 
 #include "jactor.h"
 #include "jcxxframe.h"
@@ -14,46 +15,33 @@
 namespace {
 
 // "ab" for the bytes a and b; long runs of one byte as "x"*4096.
-void PrintFrame(JCXXFrame* frame) {
-  const std::size_t size = frame->GetSize();
-  if (size > 16) {
-    std::printf(" \"%c\"*%zu", *frame->GetData(), size);
-  } else {
-    std::printf(" \"%.*s\"", static_cast<int>(size),
-                size == 0 ? "" : reinterpret_cast<const char*>(frame->GetData()));
+void Print(JCXXFrame& frame) {
+  const std::string_view text(reinterpret_cast<char*>(frame.GetData()), frame.GetSize());
+  std::cout << " \"" << text.substr(0, text.size() > 16 ? 1 : 16) << '"';
+  if (text.size() > 16) {
+    std::cout << '*' << text.size();
   }
-}
-
-void Print(JCXXMsg* msg) {
-  if (msg->IsSignalMsg()) {
-    std::printf("signal %d\n", msg->GetSignalValue());
-    return;
-  }
-  std::printf("message");
-  for (JCXXFrame* frame : msg->GetFrameList()) {
-    PrintFrame(frame);
-  }
-  std::printf("\n");
 }
 
 }  // namespace
 
 int main() {
-  JCXXSock* in = new SockFromPipes(::dup(STDIN_FILENO), -1);
-  JCXXSock* out = new SockFromPipes(-1, ::dup(STDERR_FILENO));
-  while (JCXXMsg* msg = j_msg_recv(in)) {
-    Print(msg);
-    if (j_msg_send(&msg, out) != 0) {
+  SockFromPipes in(::dup(STDIN_FILENO), -1);
+  SockFromPipes out(-1, ::dup(STDERR_FILENO));
+  while (JCXXMsg* msg = j_msg_recv(&in)) {
+    const int signal = j_msg_signal(msg);
+    std::cout << (signal < 0 ? "message" : "signal " + std::to_string(signal));
+    for (JCXXFrame* frame : msg->GetFrameList()) {
+      Print(*frame);
+    }
+    std::cout << '\n';
+    if (j_msg_send(&msg, &out) != 0) {
       return 1;
     }
   }
-  std::size_t behind = j_sock_buffered(in);
-  char byte;
-  while (::read(STDIN_FILENO, &byte, 1) == 1) {
+  std::size_t behind = j_sock_buffered(&in);
+  for (char byte; ::read(STDIN_FILENO, &byte, 1) == 1;) {
     ++behind;
   }
-  std::printf("null, %zu bytes behind\n", behind);
-  j_sock_destroy(&in);
-  j_sock_destroy(&out);
-  return 0;
+  std::cout << "null, " << behind << " bytes behind\n";
 }
