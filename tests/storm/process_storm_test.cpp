@@ -45,31 +45,24 @@ std::size_t Waiting(const Sock& sock) {
   return waiting;
 }
 
-// An endpoint of this test in the real run directory, where other programs find it.
+// In the real run directory, where other programs look for it.
 struct Endpoint {
-  explicit Endpoint(const std::string& suffix)
-      : id("storm-" + std::to_string(::getpid()) + suffix) {}
-  ~Endpoint() { ::unlink(("/var/run/jactor/Jipc_" + id).c_str()); }
-  const std::string id;
-  const std::string name = "ipc://" + id;
+  const std::string name;
+  ~Endpoint() { ::unlink(("/var/run/jactor/Jipc_" + name.substr(6)).c_str()); }
 };
 
 class ProcessStorm : public support::Test {
  protected:
-  void SetUp() override {
-    support::Test::SetUp();
-    support::KeepLog(support::kErrors);
-  }
+  ProcessStorm() { support::KeepLog(support::kErrors); }
 
   // Whatever has happened at the endpoint: both ends opened anew carry a message.
   void TearDown() override {
-    support::Test::TearDown();
     const Sock pull = Sock::pull(name);
     Sock::push(name).send(Message{"recovered"});
     EXPECT_EQ(pull.receive()->pop_string(), "recovered");
   }
 
-  const Endpoint endpoint_{""};
+  const Endpoint endpoint_{"ipc://storm-" + std::to_string(::getpid())};
   const std::string& name = endpoint_.name;
 };
 
@@ -179,8 +172,8 @@ TEST_F(ProcessStorm, ProgramsStartedUnderLoadInheritNoDescriptor) {
   const jactor::Actor actor([](jactor::SockRef sock) { sock.ready(); });
   std::vector<std::jthread> load;
   for (int n = 0; n < 3; ++n) {
-    load.emplace_back([n](std::stop_token stop) {
-      const Endpoint endpoint("-" + std::to_string(n));
+    load.emplace_back([own = name + "-" + std::to_string(n)](std::stop_token stop) {
+      const Endpoint endpoint{own};
       while (!stop.stop_requested()) {
         const Sock sock = Sock::pull(endpoint.name);
         sock.signal(1);

@@ -30,9 +30,7 @@ struct Content {
 
 std::string RandomBytes(std::minstd_rand& random, std::size_t size) {
   std::string bytes(size, '\0');
-  for (char& byte : bytes) {
-    byte = static_cast<char>(random() >> 8);
-  }
+  std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random() >> 8); });
   return bytes;
 }
 
@@ -41,11 +39,8 @@ Content Mixed(unsigned long k, std::minstd_rand& random) {
   if (k % 11 == 3) {
     return {static_cast<unsigned char>(random()), {}};
   }
-  if (k % 10007 == 5) {
-    return {{}, {RandomBytes(random, JACTOR_MAX_SIZE)}};
-  }
-  if (k % 997 == 7) {
-    return {{}, {RandomBytes(random, 70000), "", RandomBytes(random, 5000)}};
+  if (k % 4999 == 7) {
+    return {{}, {RandomBytes(random, 70000), "", RandomBytes(random, JACTOR_MAX_SIZE - 70000)}};
   }
   if (k % 499 == 9) {
     return {{}, std::vector<std::string>(511, "x")};
@@ -133,8 +128,8 @@ int main(int argc, char** argv) {
   }
   const unsigned long count = std::stoul(words.at(2));
   if (words[0] == "check") {
-    const unsigned long pause = words.size() > 4 ? std::stoul(words[4]) : 0;
-    return Check(jactor::Sock::pull(words[1]), count, words.at(3), pause);
+    return Check(jactor::Sock::pull(words[1]), count, words.at(3),
+                 words.size() > 4 ? std::stoul(words[4]) : 0);
   }
   const auto sock = jactor::Sock::push(words[1]);
   for (unsigned long k = 0; k < count; ++k) {
