@@ -53,6 +53,34 @@ TEST_F(MsgTest, AMessageIsWrittenAsItsFrames) {
   EXPECT_EQ(Log(), "NULL pointer");
 }
 
+// A sock that notes where the entries of its only write point to.
+struct Gatherer : JCXXSock {
+  std::vector<const void*> places;
+  int WriteBlockingIOV(const iovec* iov, int count, std::size_t& written) override {
+    EXPECT_TRUE(places.empty());
+    written = 0;
+    for (int i = 0; i < count; ++i) {
+      places.push_back(iov[i].iov_base);
+      written += iov[i].iov_len;
+    }
+    return 0;
+  }
+};
+
+TEST_F(MsgTest, AMessageLeavesInOneWriteThatPointsIntoItsFrames) {
+  Gatherer sock;
+  const Owned msg = Make({"ab", "", "cde"});
+  EXPECT_EQ(msg->WriteMessage(&sock), 0);
+  std::vector<const void*> expected(1, sock.places.at(0));  // the message header
+  for (JCXXFrame* frame : msg->GetFrameList()) {
+    expected.push_back(frame->header);
+    if (frame->GetSize() != 0) {
+      expected.push_back(frame->GetData());
+    }
+  }
+  EXPECT_EQ(sock.places, expected);
+}
+
 // The sweep of the decoder sees what is received; here are the lines, and that
 // the next message is still good.
 TEST_F(MsgTest, ARefusedMessageTellsWhy) {
