@@ -188,11 +188,19 @@ class Session {
   std::map<void*, Object> live_;
 };
 
+void Prepare() {
+  std::thread([] {}).join();  // a sanitizer's own thread starts with the first one
+  std::signal(SIGPIPE, SIG_IGN);
+  struct sigaction clock;  // libFuzzer's: an interrupted read would be a line
+  CHECK(::sigaction(SIGALRM, nullptr, &clock) == 0);
+  clock.sa_flags |= SA_RESTART;
+  CHECK(::sigaction(SIGALRM, &clock, nullptr) == 0);
+}
+
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  // A sanitizer's own thread starts with the first one.
-  static const bool ready = (std::thread([] {}).join(), std::signal(SIGPIPE, SIG_IGN), true);
+  static const bool ready = (Prepare(), true);
   CHECK(ready);
   const support::Census before = support::TakeCensus();
   Session().Run(data, size);
