@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <sstream>
 
 #include "report.h"
 
@@ -69,6 +70,25 @@ void AddFifosOf(pid_t pid, Holders& found) {
       AddHolder(found.by_file[{status.st_dev, status.st_ino}], pid, process);
     }
   }
+}
+
+// The seconds that a process has been running; 0 when that cannot be told.
+double Age(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(file, line)) {
+    return 0;
+  }
+  // The 20th word behind the program's name in brackets is when it started.
+  std::istringstream words(line.substr(line.rfind(')') + 1));
+  std::string started;
+  for (int k = 0; k < 20; ++k) {
+    words >> started;
+  }
+  timespec now = {};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  const double ticks = std::strtod(started.c_str(), nullptr);
+  return static_cast<double>(now.tv_sec) - ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 }  // namespace
@@ -138,10 +158,15 @@ Holders FindHolders() {
   return found;
 }
 
-bool IsHeldElsewhere(int fd) {
+bool IsHeldElsewhere(int fd, double seconds) {
   struct stat status = {};
-  return ::fstat(fd, &status) == 0 &&
-         FindHolders().by_file.count({status.st_dev, status.st_ino}) != 0;
+  if (::fstat(fd, &status) != 0) {
+    return false;
+  }
+  const std::vector<Holder> holders = FindHolders().by_file[{status.st_dev, status.st_ino}];
+  return std::any_of(holders.begin(), holders.end(), [=](const Holder& holder) {
+    return seconds <= 0 || Age(holder.pid) >= seconds;
+  });
 }
 
 }  // namespace jpipe

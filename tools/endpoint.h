@@ -45,8 +45,9 @@ struct Holders {
 // has a look (OpenToLook) does not count.
 Holders FindHolders();
 
-// Whether another process is known to have the FIFO `fd` open.
-bool IsHeldElsewhere(int fd);
+// Whether another process, running for at least `seconds`, is known to have the FIFO
+// `fd` open.
+bool IsHeldElsewhere(int fd, double seconds = 0);
 
 }  // namespace jpipe
 

@@ -19,6 +19,7 @@ namespace {
 constexpr int kOpenings = 3;         // two first openings that meet may both have to try again
 constexpr int kLookInterval = 20;    // milliseconds between two looks at the bytes that wait
 constexpr int kLooksPerSearch = 10;  // and between two searches for who has the FIFO open
+constexpr double kSettled = 2;       // seconds: then a process has locked what it will leave
 constexpr std::size_t kMaxFrames = 1048576;
 
 bool MustRepeat(int error) { return error == EINTR; }
@@ -231,20 +232,21 @@ Outcome EndpointSock::Put(const Content& content) {
 void EndpointSock::WillLeave() { ::flock(fd_, LOCK_SH | LOCK_NB); }
 
 // Another process has the FIFO open, and it is not a jpipe that will leave soon:
-// such a one holds a shared lock, which keeps the exclusive lock out. Two
-// processes can thus never both leave the bytes to the other one.
+// such a one holds a shared lock, which keeps the exclusive lock out, or has only
+// just started and will lock it. Two processes can thus never both leave the bytes
+// to the other one.
 Outcome EndpointSock::WaitUntilSafeToLeave() {
   bool said = false;
   int found = 0;
   for (int look = 0; Waiting() > 0; ++look) {
     if (look % kLooksPerSearch <= 1) {
-      const bool held = ::flock(fd_, LOCK_EX | LOCK_NB) == 0 && IsHeldElsewhere(fd_);
-      found = held ? found + 1 : 0;
+      const bool nobody_leaves = ::flock(fd_, LOCK_EX | LOCK_NB) == 0;
+      found = nobody_leaves && IsHeldElsewhere(fd_, kSettled) ? found + 1 : 0;
       if (found == 2) {  // twice in a row: it was not one that had just come to leave
         return Outcome::kReady;
       }
       WillLeave();
-      if (look > 0 && !held && !said && Waiting() > 0) {
+      if (look > 0 && !said && Waiting() > 0 && !(nobody_leaves && IsHeldElsewhere(fd_))) {
         said = true;
         Note(
             Text("%s wait in %s, which nobody else keeps open: staying until they are taken "
