@@ -51,7 +51,7 @@ has 'an empty frame at the end' 'jpipe: an empty frame at the end*' "$(cat "$scr
 is 'it arrives on its own' $'"a"\n""' "$("$JPIPE" pull "$e" --count 2 -f quoted)"
 
 # A full FIFO: the time limit, and what it leaves.
-head -c 100000 /dev/zero | "$JPIPE" push "$e" --file - --timeout 0.05 2>"$scratch/err"
+head -c 100000 /dev/zero | "$JPIPE" push "$e" --file - --timeout 1 2>"$scratch/err"
 is 'a full FIFO' 124 $?
 has 'half a message' 'jpipe: only 65536 of the 100005 bytes*jpipe drain*' "$(cat "$scratch/err")"
 "$JPIPE" drain "$e" >/dev/null
@@ -76,7 +76,7 @@ done
 is 'what both sent' $'x\nx' "$("$JPIPE" pull "$e" --count 2)"
 wait
 
-"$JPIPE" push "$e" x --timeout 0.3 2>"$scratch/err"
+"$JPIPE" push "$e" x --timeout 1 2>"$scratch/err"
 is 'the time limit bounds the wait' 124 $?
 has 'it tells what is lost' '*staying*jpipe: 2 bytes*lost*' "$(cat "$scratch/err")"
 "$JPIPE" push "$e" x --no-wait 2>"$scratch/err"
