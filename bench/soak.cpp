@@ -21,18 +21,17 @@
 #include "jcxxmsg.h"
 #include "jlog.h"
 
-// Ends the program when the condition is false, in every build.
-#define CHECK(condition)                                                                 \
-  do {                                                                                   \
-    if (!(condition)) {                                                                  \
-      std::fprintf(stderr, "%s:%d: CHECK(%s) failed\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                                      \
-    }                                                                                    \
-  } while (false)
-
 namespace {
 
 std::mt19937 chance(281);
+
+// Ends the program when a condition of some line does not hold.
+void Require(bool holds, int line = __builtin_LINE()) {
+  if (!holds) {
+    std::fprintf(stderr, "%s:%d: the condition does not hold\n", __FILE__, line);
+    std::abort();
+  }
+}
 
 std::uint32_t Sum(const unsigned char* bytes, std::size_t size) {
   std::uint32_t sum = 2166136261U;  // FNV-1a
@@ -45,30 +44,30 @@ std::uint32_t Sum(const unsigned char* bytes, std::size_t size) {
 // A message: its number, then frames of random bytes, each followed by its checksum.
 JCXXMsg* Make(std::uint64_t number, std::size_t most) {
   JCXXMsg* msg = j_msg_new();
-  CHECK(j_msg_addmem(msg, &number, sizeof number) == 0);
+  Require(j_msg_addmem(msg, &number, sizeof number) == 0);
   for (auto frames = chance() % 6; frames > 0; --frames) {
     std::vector<unsigned char> bytes(1 + chance() % (chance() % 50 == 0 ? most : most / 100 + 1));
     std::generate(bytes.begin(), bytes.end(), std::ref(chance));
     const std::uint32_t sum = Sum(bytes.data(), bytes.size());
-    CHECK(j_msg_addmem(msg, bytes.data(), bytes.size()) == 0);
-    CHECK(j_msg_addmem(msg, &sum, sizeof sum) == 0);
+    Require(j_msg_addmem(msg, bytes.data(), bytes.size()) == 0);
+    Require(j_msg_addmem(msg, &sum, sizeof sum) == 0);
   }
   return msg;
 }
 
 void Check(JCXXMsg* msg, std::uint64_t number, std::size_t& bytes) {
-  CHECK(msg != nullptr);
+  Require(msg != nullptr);
   JCXXFrame* frame = j_msg_pop(msg);
-  CHECK(j_frame_size(frame) == sizeof number &&
-        std::memcmp(j_frame_data(frame), &number, sizeof number) == 0);
+  Require(j_frame_size(frame) == sizeof number &&
+          std::memcmp(j_frame_data(frame), &number, sizeof number) == 0);
   j_frame_destroy(&frame);
   while ((frame = j_msg_pop(msg)) != nullptr) {
     const std::uint32_t sum = Sum(j_frame_data(frame), j_frame_size(frame));
     bytes += j_frame_size(frame);
     j_frame_destroy(&frame);
     frame = j_msg_pop(msg);
-    CHECK(j_frame_size(frame) == sizeof sum &&
-          std::memcmp(j_frame_data(frame), &sum, sizeof sum) == 0);
+    Require(j_frame_size(frame) == sizeof sum &&
+            std::memcmp(j_frame_data(frame), &sum, sizeof sum) == 0);
     j_frame_destroy(&frame);
   }
   j_msg_destroy(&msg);
@@ -104,7 +103,7 @@ void Round(std::uint64_t& number, std::size_t& bytes) {
   JCXXActor* actor = j_actor_new(Echo, nullptr);
   for (int i = 0; i < 50; ++i, ++number) {
     JCXXMsg* msg = Make(number, 200000);
-    CHECK(j_msg_send(&msg, actor) == 0);
+    Require(j_msg_send(&msg, actor) == 0);
     Check(j_msg_recv(actor), number, bytes);
   }
   j_actor_destroy(&actor);
@@ -113,12 +112,12 @@ void Round(std::uint64_t& number, std::size_t& bytes) {
   Watched watched = {number, number + 10, 0};
   for (; number < watched.end; ++number) {
     JCXXMsg* msg = Make(number, 500);
-    CHECK(j_msg_send(&msg, push) == 0);
+    Require(j_msg_send(&msg, push) == 0);
   }
   zloop_t* loop = zloop_new();
-  CHECK(hybrid_zloop_reader(loop, pull, OnMessage, &watched) == 0);
+  Require(hybrid_zloop_reader(loop, pull, OnMessage, &watched) == 0);
   zloop_start(loop);
-  CHECK(watched.expected == watched.end);
+  Require(watched.expected == watched.end);
   hybrid_zloop_reader_end(loop, pull);
   zloop_destroy(&loop);
   j_sock_destroy(&push);
@@ -148,7 +147,7 @@ Use Measure() {
 int main(int argc, char** argv) {
   using Clock = std::chrono::steady_clock;
   const double seconds = argc == 2 ? std::atof(argv[1]) : 0;
-  CHECK(seconds > 0);
+  Require(seconds > 0);
   jlog_set_level(1);  // the end of each actor is a line
   const auto elapsed = [start = Clock::now()] {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -165,8 +164,8 @@ int main(int argc, char** argv) {
     Round(number, bytes);
     const Use now = Measure();
     most = std::max(most, now.kibibytes);
-    CHECK(now.descriptors == first.descriptors && now.objects == 0);
-    CHECK(now.kibibytes < first.kibibytes + 16 * 1024);
+    Require(now.descriptors == first.descriptors && now.objects == 0);
+    Require(now.kibibytes < first.kibibytes + 16 * 1024);
     if (elapsed() > told + 1) {
       told = elapsed();
       std::fprintf(stderr, "\r%.0f s: %lu messages, %zu MiB, %ld KiB resident, %ld descriptors ",

@@ -85,6 +85,9 @@ double Age(pid_t pid) {
   for (int k = 0; k < 20; ++k) {
     words >> started;
   }
+  if (!words) {
+    return 0;
+  }
   timespec now = {};
   ::clock_gettime(CLOCK_BOOTTIME, &now);
   const double ticks = std::strtod(started.c_str(), nullptr);
