@@ -1,0 +1,179 @@
+/*
+ * loop.pml - an actor that waits for its sock in a CZMQ loop, with read-ahead.
+ *
+ * A message is two bytes, header and payload; the read-ahead buffer takes three, so
+ * that it cuts messages. The pipe takes four.
+ *
+ * Claims
+ *   1. With the documented loop (a tolerant poller, a handler that receives until
+ *      j_sock_buffered is 0 and ends the loop when a receive gives null) every
+ *      message is handled, the loop ends, and the creator's wait for it does.
+ *   2. So it is also when the creator stops only after all were handled, and when the
+ *      function has received before the loop began, as long as it then went on until
+ *      j_sock_buffered was 0.
+ *
+ * Left out: other pollers of the same loop, timers, failing reads.
+ *
+ * What stands for what
+ *   Receive     JCXXMsg::ReadMessage, JCXXSock::ReadBlocking
+ *   ReadByte    JCXXSock::ReadBlockingReadaheadBuffered: ServeFromBuffer, ReadAhead,
+ *               ReadDirect, AvailableToRead
+ *   Handler     the caller's handler behind hybrid_internal_handler
+ *   Loop        zloop_start, with the rule of CZMQ 4.2.1 that drops a poller at its
+ *               second event with an error flag
+ *   Creator     j_msg_send, j_actor_destroy
+ *
+ * Runs
+ *   holds
+ *   holds    -DRECEIVES_BEFORE
+ *   holds    -DSPLIT_WRITES
+ *   refuted  -DINTOLERANT                           invalid end state
+ *   refuted  -DRECEIVES_ONE                         invalid end state
+ *   refuted  -DRECEIVES_BEFORE -DLEAVES_READ_AHEAD -DMESSAGES=2  invalid end state
+ *   refuted  -DGOES_ON_AFTER_NULL                   assertion violated
+ *   refuted  -DHANG_UP_FIRST                        assertion violated
+ *
+ * HANG_UP_FIRST takes a hang-up for the end while bytes still wait. SPLIT_WRITES
+ * writes a message in two parts, as a full pipe makes a large one go.
+ */
+#ifndef MESSAGES
+#define MESSAGES 3
+#endif
+#define ROOM 4
+#define READ_AHEAD 3
+
+byte in_pipe = 0;
+bool writer_open = true;
+byte buffered = 0;
+byte handled = 0;
+bool returned = false;
+
+/* Result: `ok`; it blocks while there is nothing and a writer. */
+inline ReadByte() {
+  if
+  :: buffered > 0 -> buffered--; ok = true
+  :: else ->
+     avail = in_pipe; /* FIONREAD */
+     if
+#ifdef HANG_UP_FIRST
+     :: !writer_open -> ok = false
+#endif
+     :: avail > 1 ->
+        d_step {
+          buffered = (avail - 1 > READ_AHEAD -> READ_AHEAD : avail - 1);
+          in_pipe = in_pipe - 1 - buffered;
+          ok = true
+        }
+     :: avail <= 1 ->
+        if
+        :: atomic { in_pipe > 0 -> in_pipe--; ok = true }
+        :: atomic { in_pipe == 0 && !writer_open -> ok = false }
+        fi
+     fi
+  fi
+}
+
+inline Receive() {
+  ReadByte();
+  if
+  :: ok -> ReadByte(); assert(ok)
+  :: else
+  fi
+}
+
+/* What the loop calls. Ends with `canceled` when it returns -1. */
+inline Handler() {
+  do
+  :: assert(!ended);
+     Receive();
+     if
+     :: !ok ->
+        ended = true;
+#ifndef GOES_ON_AFTER_NULL
+        canceled = true;
+#endif
+        break
+     :: else -> handled++
+     fi;
+#ifdef RECEIVES_ONE
+     break
+#else
+     if
+     :: buffered == 0 -> break
+     :: else
+     fi
+#endif
+  od
+}
+
+inline Loop() {
+  do
+  :: canceled -> break
+  :: !canceled && watched && (in_pipe > 0 || !writer_open) ->
+     /* poll has returned: the events are those of one moment */
+#ifdef INTOLERANT
+     if
+     :: !writer_open ->
+        if
+        :: errors > 0 -> watched = false
+        :: else -> errors++
+        fi
+     :: else -> errors = 0
+     fi;
+#endif
+     if
+     :: watched -> Handler()
+     :: else
+     fi
+  od
+}
+
+proctype Function() {
+  byte avail = 0;
+  byte errors = 0;
+  bool ok = false;
+  bool ended = false;
+  bool canceled = false;
+  bool watched = true;
+#ifdef RECEIVES_BEFORE
+  Receive();
+  if
+  :: ok -> handled++
+  :: else -> goto done
+  fi;
+#ifndef LEAVES_READ_AHEAD
+  do
+  :: buffered > 0 ->
+     Receive();
+     handled++
+  :: else -> break
+  od;
+#endif
+#endif
+  Loop();
+done:
+  returned = true
+}
+
+active proctype Creator() {
+  byte sent = 0;
+  run Function();
+  do
+  :: sent < MESSAGES ->
+#ifdef SPLIT_WRITES
+     atomic { in_pipe < ROOM -> in_pipe++ };
+     atomic { in_pipe < ROOM -> in_pipe++ };
+#else
+     atomic { in_pipe + 2 <= ROOM -> in_pipe = in_pipe + 2 };
+#endif
+     sent++
+  :: sent == MESSAGES -> break
+  od;
+  if
+  :: skip -> handled == sent /* the program waits for the last answer */
+  :: skip
+  fi;
+  writer_open = false;
+  returned;
+  assert(handled == sent)
+}
