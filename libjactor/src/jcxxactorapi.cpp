@@ -151,13 +151,12 @@ void Apply(JCXXActorAPI& api, const Family<Object>& family, Object* p, const cha
   }
   Beside<Object>* beside = BesideOf(api, family);
   auto& set = api.*family.set;
-  const std::lock_guard<std::mutex> lock(api.mutex);
-  if (destroyed) {
+  std::unique_lock<std::mutex> lock(api.mutex);
+  if (destroyed || (kAdds ? Enter(set, beside, p) : Leave(set, beside, p))) {
     return;
   }
-  if (!(kAdds ? Enter(set, beside, p) : Leave(set, beside, p))) {
-    LogPointer(function, kAdds ? family.duplicate : family.missing);
-  }
+  lock.unlock();  // the log may be a function of the program that calls the library
+  LogPointer(function, kAdds ? family.duplicate : family.missing);
 }
 
 template <class Object>
