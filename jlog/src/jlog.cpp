@@ -10,13 +10,18 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
+
+#include "prefix.h"
+#include "sink.h"
 
 namespace {
 
 constexpr int kDefaultLevel = 2;
 constexpr std::size_t kUsualLine = 1024;
+static_assert(kLongestPrefix < kUsualLine);
 
 int LevelFromEnvironment() {
   const char* text = std::getenv("JLOG_LEVEL");
@@ -36,25 +41,40 @@ int LevelFromEnvironment() {
 
 std::atomic<int> threshold{LevelFromEnvironment()};
 
-void WriteLine(const char* line, std::size_t length) {
+void WriteToStandardError(const char* line, std::size_t length) {
   while (::write(STDERR_FILENO, line, length) < 0 && errno == EINTR) {
   }
 }
 
+// Hands on a whole line; `line` has a zero behind its `length` bytes.
+void Deliver(int level, int module, char* line, std::size_t length) {
+  if (const SinkCall sink; sink) {
+    if (length > 0 && line[length - 1] == '\n') {
+      line[length - 1] = '\0';
+    }
+    sink(level, module, line);
+  } else {
+    WriteToStandardError(line, length);
+  }
+}
+
 // Apart from jlog_printf, so that a rejected line pays for none of it.
-[[gnu::noinline]] void WriteFormatted(const char* format, va_list arguments) {
+[[gnu::noinline]] void WriteFormatted(int level, int module, const char* format,
+                                      va_list arguments) {
   char usual[kUsualLine];
+  const std::size_t start = WritePrefix(usual, level);
   va_list again;
   va_copy(again, arguments);
-  const int needed = std::vsnprintf(usual, sizeof usual, format, arguments);
-  const auto length = static_cast<std::size_t>(needed);
+  const int needed = std::vsnprintf(usual + start, sizeof usual - start, format, arguments);
+  const std::size_t length = start + static_cast<std::size_t>(needed);
   if (needed >= 0 && length < sizeof usual) {
-    WriteLine(usual, length);
+    Deliver(level, module, usual, length);
   } else if (needed >= 0) {
     const std::unique_ptr<char[]> longer(new (std::nothrow) char[length + 1]);
     if (longer != nullptr) {
-      std::vsnprintf(longer.get(), length + 1, format, again);
-      WriteLine(longer.get(), length);
+      std::memcpy(longer.get(), usual, start);
+      std::vsnprintf(longer.get() + start, length + 1 - start, format, again);
+      Deliver(level, module, longer.get(), length);
     }
   }
   va_end(again);
@@ -62,13 +82,13 @@ void WriteLine(const char* line, std::size_t length) {
 
 }  // namespace
 
-void jlog_printf(int level, int /*module*/, const char* format, ...) {
+void jlog_printf(int level, int module, const char* format, ...) {
   if (level > threshold.load(std::memory_order_relaxed)) {
     return;
   }
   va_list arguments;
   va_start(arguments, format);
-  WriteFormatted(format, arguments);
+  WriteFormatted(level, module, format, arguments);
   va_end(arguments);
 }
 

@@ -14,6 +14,7 @@ import sys
 import tempfile
 
 HEADERS = "libjactor/include"
+LOG_HEADERS = "jlog/include"
 
 
 def lint(pages):
@@ -34,8 +35,8 @@ def disagreement(page, code):
     with tempfile.NamedTemporaryFile("w", suffix=".c") as file:
         file.write(code)
         file.flush()
-        done = subprocess.run(["cc", "-std=c11", "-fsyntax-only", "-Werror", "-I", HEADERS, file.name],
-                              capture_output=True, text=True)
+        done = subprocess.run(["cc", "-std=c11", "-fsyntax-only", "-Werror", "-I", HEADERS, "-I", LOG_HEADERS,
+                               file.name], capture_output=True, text=True)
     return [f"{page}: SYNOPSIS: {done.stderr}"] if done.returncode else []
 
 
@@ -54,11 +55,12 @@ def missing_names(linked):
             failures.append(f"man/{page}: {call} is not in NAME")
     header = re.sub(r"/\*.*?\*/", "", open(f"{HEADERS}/jactor.h", encoding="utf-8").read(), flags=re.S)
     calls = re.findall(r"^JACTOR_API [^(]*?(\w+)\(", header, re.M)
-    failures += [f"{call}: no manual page" for call in calls
+    log_calls = re.findall(r"^JLOG_API [^(]*?(\w+)\(", open(f"{LOG_HEADERS}/jlog.h", encoding="utf-8").read(), re.M)
+    failures += [f"{call}: no manual page" for call in calls + log_calls
                  if f"{call}.3" not in linked and not os.path.exists(f"man/{call}.3")]
     readme = open("README.md", encoding="utf-8").read()
     failures += [f"README.md: {call} is not in the table" for call in calls if f"`{call}(" not in readme]
-    return failures if calls else ["jactor.h: no calls found"]
+    return failures if calls and log_calls else ["jactor.h or jlog.h: no calls found"]
 
 
 def dead_references(pages, linked):
@@ -66,7 +68,7 @@ def dead_references(pages, linked):
     failures = []
     for page in pages:
         for name, section in re.findall(r"^\.Xr (\S+) (\d)", open(page, encoding="utf-8").read(), re.M):
-            if re.match(r"j_|jactor|jpipe|hybrid", name) and f"{name}.{section}" not in ours:
+            if re.match(r"j_|jactor|jlog|jpipe|hybrid", name) and f"{name}.{section}" not in ours:
                 failures.append(f"{page}: refers to {name}({section})")
     return failures
 
@@ -80,7 +82,7 @@ def main():
     failures = lint(pages) + missing_names(linked) + dead_references(pages, linked)
     for page in glob.glob("man/*.3"):
         code = synopsis(page)
-        if "jactor.h>" in code:
+        if re.search(r"(jactor|jlog)\.h>", code):
             failures += disagreement(page, code)
     print(f"{len(pages)} pages, {len(linked)} aliases")
     print("\n".join(failures))
