@@ -1,5 +1,5 @@
 # What `cmake --install` puts where: headers, libraries and their links, the CMake
-# package, jactor.pc, manual pages, the tool, and a tmpfiles.d snippet.
+# package, jactor.pc, manual pages, documents, examples, the tool, and a tmpfiles.d snippet.
 include(CMakePackageConfigHelpers)
 
 set(jactor_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/jactor")
@@ -59,6 +59,12 @@ if(EXISTS "${PROJECT_SOURCE_DIR}/man/aliases.txt")
         SYMBOLIC)")
   endforeach()
 endif()
+
+# The documents, which refer to each other by these paths, and the examples to copy.
+install(FILES README.md NEWS.md SECURITY.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(DIRECTORY docs DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(DIRECTORY examples DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+  PATTERN CMakeLists.txt EXCLUDE)
 
 if(TARGET jpipe)
   set_target_properties(jpipe PROPERTIES INSTALL_RPATH "$ORIGIN/${jactor_lib_from_bin}")
