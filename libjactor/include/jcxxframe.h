@@ -9,30 +9,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <utility>
 #include <vector>
 
 #include "jactor.h"
-
-// std::allocator, but elements that are given no value are left uninitialised:
-// a payload that is about to be overwritten needs no zeroing first.
-template <class T>
-struct JCXXUninitialisedAllocator : std::allocator<T> {
-  template <class U>
-  struct rebind {
-    using other = JCXXUninitialisedAllocator<U>;
-  };
-
-  template <class U>
-  void construct(U* p) {
-    ::new (static_cast<void*>(p)) U;
-  }
-  template <class U, class... Args>
-  void construct(U* p, Args&&... args) {
-    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
-  }
-};
 
 struct JACTOR_API JCXXFrame {
   static constexpr std::uint32_t DATA_FRAME = 0;        // a block of payload bytes
@@ -43,9 +22,9 @@ struct JACTOR_API JCXXFrame {
   static constexpr std::size_t kMaxSize = JACTOR_MAX_SIZE;
   static constexpr std::size_t kMaxHeader = 5;
 
-  std::uint32_t type;      // one of the three kinds, never changed
-  std::uint32_t msg_size;  // message header: the bytes announced; otherwise 0
-  std::vector<unsigned char, JCXXUninitialisedAllocator<unsigned char>> data;
+  std::uint32_t type;                // one of the three kinds, never changed
+  std::uint32_t msg_size;            // message header: the bytes announced; otherwise 0
+  std::vector<unsigned char> data;   // the payload; of a signal its one byte
   unsigned char header[kMaxHeader];  // the wire header as BuildHeaderInFive last made it
   std::size_t header_len;            // valid bytes in `header`; 0 before and after a failure
 

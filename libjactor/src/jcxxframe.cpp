@@ -105,7 +105,7 @@ bool ReadSize(JCXXSock* psock, unsigned char lead, std::uint32_t& size) {
 
 JCXXFrame* ReadDataFrame(JCXXSock* psock, std::size_t size) {
   auto frame = std::make_unique<JCXXFrame>();
-  frame->data.resize(size);  // uninitialised: the read fills it or the frame is dropped
+  frame->data.resize(size);
   if (size > 0 && !ReadExactly(psock, frame->GetData(), size)) {
     return nullptr;
   }
@@ -176,13 +176,10 @@ std::size_t JCXXFrame::GetSize() { return IsMsgHeaderFrame() ? msg_size : data.s
 
 unsigned char* JCXXFrame::GetData() { return data.empty() ? nullptr : data.data(); }
 
-void JCXXFrame::SetSize(std::size_t n) { data.resize(n, 0); }
+void JCXXFrame::SetSize(std::size_t n) { data.resize(n); }
 
 void JCXXFrame::CopyIntoBuffer(unsigned char* src, std::size_t n) {
-  data.resize(n);  // uninitialised: the copy fills it
-  if (n > 0) {
-    std::memcpy(data.data(), src, n);
-  }
+  data.assign(src, src + n);
 }
 
 bool JCXXFrame::IsDataFrame() { return type == DATA_FRAME; }

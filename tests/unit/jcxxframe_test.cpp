@@ -116,4 +116,16 @@ TEST_F(FrameTest, GatherEntriesPointIntoTheFrame) {
   EXPECT_EQ(std::pair(used, total), std::pair(0, std::size_t{0}));
 }
 
+// The payload lies where other bytes have lain before.
+TEST_F(FrameTest, BytesThatNobodyWroteAreZero) {
+  constexpr std::size_t kSize = 900;
+  for (int grow = 0; grow < 2; ++grow) {
+    { const std::vector<std::string> freed(20, std::string(kSize, 'p')); }
+    JCXXFrame frame;
+    grow == 0 ? frame.data.resize(kSize) : frame.SetSize(kSize);
+    EXPECT_EQ(frame.WriteFrameToSock(a.get()), 0);
+    EXPECT_EQ(Drain().substr(2), std::string(kSize, '\0'));
+  }
+}
+
 }  // namespace
