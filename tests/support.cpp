@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -291,6 +292,7 @@ INTERPOSE(int, fstat, kFstat, (int fd, struct stat* status) noexcept, fd, status
 INTERPOSE(int, remove, kRemove, (const char* path) noexcept, Place(path).c_str())
 INTERPOSE(int, fchmodat, kFchmodat, (int fd, const char* path, mode_t mode, int flags) noexcept,
           fd, Place(path).c_str(), mode, flags)
+INTERPOSE(int, poll, kPoll, (pollfd* fds, nfds_t n, int timeout), fds, n, timeout)
 INTERPOSE(int, pthread_create, kPthreadCreate,
           (pthread_t* thread, const pthread_attr_t* how, void* (*body)(void*), void* arg) noexcept,
           thread, how, body, arg)

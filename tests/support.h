@@ -65,6 +65,7 @@ enum class Call {
   kRemove,
   kFchmodat,
   kClose,
+  kPoll,
   kPthreadCreate,
   kNew,  // every operator new
   kCount

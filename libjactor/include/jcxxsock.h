@@ -3,6 +3,9 @@
 // A sock has no lock: one thread at a time. It is in the registry of live socks
 // from its constructor until its destructor.
 //
+// Where somebody has made a descriptor non-blocking, reads and writes wait for it with
+// poll() before they go on.
+//
 // The operations of the base return 0 for success and non-zero for failure. An
 // out-count is 0 after a failure, also when some bytes were transferred.
 #ifndef JCXXSOCK_H

@@ -6,6 +6,7 @@
 #include "jcxxsock.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,6 +37,19 @@ bool MustRepeat(int error) { return error == EAGAIN || error == EINTR; }
 
 // Asks a sock for one of its descriptors. Result: 0 and `fd` not negative, or
 // what the operation returns.
+// Whether the step that has just failed on `fd` is to be repeated, by errno. Where
+// somebody has made the descriptor non-blocking, waits first until it is ready for
+// `event`, so that repeating takes no processor time.
+bool RepeatWhenReady(int fd, short event) {
+  if (errno == EAGAIN) {
+    pollfd waiting = {fd, event, 0};
+    while (::poll(&waiting, 1, -1) < 0 && errno == EINTR) {
+    }
+    return true;
+  }
+  return errno == EINTR;
+}
+
 int Descriptor(JCXXSock& sock, int (JCXXSock::*get)(int&), int& fd) {
   fd = -1;
   if (const int rc = (sock.*get)(fd); rc != 0) {
@@ -92,7 +106,7 @@ int WriteRemainder(int fd, const iovec* iov, int iovcnt, std::size_t sent, std::
       continue;
     }
     LogWriteFailure(errno);
-    if (!MustRepeat(errno)) {
+    if (!RepeatWhenReady(fd, POLLOUT)) {
       return -1;
     }
   }
@@ -438,7 +452,7 @@ int JCXXSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got
     const ssize_t step = ReadBlockingReadaheadBuffered(buf + done, len - done);
     if (step > 0) {
       done += static_cast<std::size_t>(step);
-    } else if (step == 0 || !MustRepeat(errno)) {
+    } else if (step == 0 || !RepeatWhenReady(fd, POLLIN)) {
       return -1;
     }
   }
@@ -460,7 +474,7 @@ int JCXXSock::WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& wr
     const ssize_t step = ::write(fd, buf + done, len - done);
     if (step > 0) {
       done += static_cast<std::size_t>(step);
-    } else if (step == 0 || !MustRepeat(errno)) {
+    } else if (step == 0 || !RepeatWhenReady(fd, POLLOUT)) {
       return -1;
     }
   }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <numeric>
 
+#include "jcxxmsg.h"
 #include "support.h"
 
 namespace {
@@ -115,6 +116,56 @@ TEST_F(SockTest, AGatheredWriteTellsWhatInterruptsOrEndsIt) {
   EXPECT_EQ(a->WriteBlockingIOV(list, 0, written), 0);
   EXPECT_EQ(a->WriteBlockingIOV(list + 1, 1, written), 0);
   EXPECT_EQ(script.count(), 0U);
+}
+
+// Somebody else's loop has made the descriptors non-blocking. What an operation lacks
+// comes while it waits for it, once; each repeats its call once.
+class NonBlockingTest : public SockTest {
+ protected:
+  NonBlockingTest() {
+    for (auto get : {&JCXXSock::GetReadFD, &JCXXSock::GetWriteFD}) {
+      for (JCXXSock* sock : {a.get(), b.get()}) {
+        int fd = -1;
+        EXPECT_EQ((sock->*get)(fd), 0);
+        EXPECT_EQ(::fcntl(fd, F_SETFL, O_NONBLOCK), 0);
+      }
+    }
+  }
+
+  std::size_t n = 0;
+  std::string bytes = std::string(100000, 'x');
+};
+
+TEST_F(NonBlockingTest, AReadWaitsForTheRestOfAFrame) {
+  Feed({"\5he"});
+  const Script waits(Call::kPoll, {Pass([&] { Feed("llo"); })});
+  const Script reads({Call::kRead, Call::kReadv});
+  const std::unique_ptr<JCXXMsg> msg(b->Recv());
+  EXPECT_EQ(msg->GetSize(), 5U);
+  EXPECT_EQ(waits.count(), 1U);
+  EXPECT_EQ(reads.count(), 3U);
+  EXPECT_EQ(Log(), "read error, errno=11");
+}
+
+TEST_F(NonBlockingTest, AGatheredWriteWaitsForRoomForItsRemainder) {
+  const Script waits(Call::kPoll, {Pass([&] { EXPECT_EQ(Drain().size(), 65536U); })});
+  const Script writes(Call::kWritev);
+  const iovec list[] = {{bytes.data(), bytes.size()}};
+  EXPECT_EQ(a->WriteBlockingIOV(list, 1, n), 0);
+  EXPECT_EQ(n, bytes.size());
+  EXPECT_EQ(waits.count(), 1U);
+  EXPECT_EQ(writes.count(), 3U);
+  EXPECT_EQ(Log(), "partial write, waswritten=65536; EAGAIN");
+}
+
+TEST_F(NonBlockingTest, AnExactWriteWaitsForRoom) {
+  const Script waits(Call::kPoll, {Pass([&] { EXPECT_EQ(Drain().size(), 65536U); })});
+  const Script writes(Call::kWrite);
+  EXPECT_EQ(a->WriteBlocking(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), n), 0);
+  EXPECT_EQ(n, bytes.size());
+  EXPECT_EQ(waits.count(), 1U);
+  EXPECT_EQ(writes.count(), 3U);
+  EXPECT_EQ(Log(), "");
 }
 
 TEST_F(SockTest, ASockWithoutDescriptorsFailsAndTouchesNothing) {
