@@ -165,10 +165,11 @@ JACTOR_API size_t j_frame_size(JCXXFrame* frame);
  *
  * Blocks until that signal comes, without a time-out: an actor function must
  * signal (any value) before it does anything that may fail or return. Messages
- * that it sends before the signal are thrown away. `fn` must not be null.
+ * that it sends before the signal are thrown away.
  *
- * Result:    the actor; null when the pipes, the thread or memory cannot be
- *            had, or the wait failed. Nothing is left behind then.
+ * Result:    the actor; null when `fn` is null, the pipes, the thread or memory
+ *            cannot be had, the wait failed, or the process is ending: the log
+ *            has one line with the reason, and nothing is left behind.
  * Ownership: the actor is the caller's: j_actor_destroy. `args` stays the
  *            caller's and must outlive the actor function. */
 JACTOR_API JCXXActor* j_actor_new(j_actor_fn fn, void* args);
@@ -180,13 +181,14 @@ JACTOR_API JCXXActor* j_actor_new(j_actor_fn fn, void* args);
  * The request is the end of the stream: the caller's end is closed, and a
  * receive on the actor's end returns null. Nothing else is sent.
  *
- * Blocks until the function returns, without a time-out.
+ * Blocks until the function returns, without a time-out. No cancellation point.
  * Threads:   not from the actor's own function. */
 JACTOR_API void j_actor_destroy(JCXXActor** p);
 
 /* Lends the caller's end of the actor's pipe pair.
  * Result:    the sock; null when the actor is not live.
- * Ownership: the actor's. Never pass it to j_sock_destroy. */
+ * Ownership: the actor's. Never pass it to j_sock_destroy: j_actor_destroy
+ *            logs an error then. */
 JACTOR_API JCXXSock* j_actor_sock(JCXXActor* actor);
 
 /*
@@ -221,7 +223,11 @@ JACTOR_API int j_sock_signal(void* self, unsigned char value);
 
 /* Destroys a sock made by j_pipe_new_pull or j_pipe_new_push and sets `*p` to
  * null, also when `*p` was not a live sock (then an error is logged). A null `p`
- * or `*p` does nothing. Never for the ends of an actor's pipe pair. */
+ * or `*p` does nothing. Never for the ends of an actor's pipe pair.
+ *
+ * What a pull sock has read ahead (j_sock_buffered) is lost, with an error line
+ * that says how many bytes, and the endpoint's next reader starts in the middle
+ * of a message. No cancellation point. */
 JACTOR_API void j_sock_destroy(JCXXSock** p);
 
 /*
@@ -256,14 +262,16 @@ JACTOR_API size_t j_sock_buffered(void* self);
  * A pull sock waits for ever where an actor's sock would see the end of the
  * stream, and a push sock blocks when the FIFO is full: each holds the FIFO
  * open both ways. When the last sock on an endpoint is destroyed, what was not
- * received is lost. One process reads an endpoint; several may write to it as
- * long as each message is at most PIPE_BUF bytes on the wire.
+ * received is lost. One process reads an endpoint, for as long as the endpoint
+ * is in use; several may write to it as long as each message is at most PIPE_BUF
+ * bytes on the wire.
  *
  * Result:    the sock; null when `endpoint` is null (silently), is not a name
  *            as above, or the directory or the FIFO cannot be made or opened:
  *            the log has one line with the reason. A FIFO that belongs to
  *            another user cannot be opened without privileges. When two first
- *            openings meet, one may fail; calling again succeeds.
+ *            openings meet, one may fail; calling again succeeds. Nothing is
+ *            opened once the process is ending.
  * Ownership: the sock is the caller's: j_sock_destroy.
  * Threads:   the process's umask is 0 for the moment in which a FIFO is made. */
 JACTOR_API JCXXSock* j_pipe_new_pull(const char* endpoint);
@@ -283,7 +291,8 @@ JACTOR_API JCXXSock* j_pipe_new_push(const char* endpoint);
  * Result:    0; non-zero when an argument is null, `sock` is not a live sock or
  *            has no read descriptor, or the loop refuses.
  * Ownership: `loop`, `sock` and `arg` stay the caller's. The sock must live
- *            until hybrid_zloop_reader_end. */
+ *            until hybrid_zloop_reader_end. One loop watches a sock: ending a
+ *            registration ends all of the sock's descriptor, in every loop. */
 JACTOR_API int hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock, j_zloop_fn handler, void* arg);
 
 /* Ends every registration of the sock's descriptor with `loop`. Does nothing

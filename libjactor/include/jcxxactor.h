@@ -26,7 +26,8 @@ struct JACTOR_API JActorThreadWrapper {
   JActorThreadWrapper(JActorThreadWrapper const& other);
   JActorThreadWrapper& operator=(JActorThreadWrapper const& other);
 
-  // Joins the thread, then deletes the actor's end.
+  // Joins the thread, then deletes the actor's end, unless the function has destroyed
+  // it: that is an error line. No cancellation point.
   ~JActorThreadWrapper();
 
   // Starts the thread. Throws std::system_error or std::bad_alloc; `thread` stays
@@ -47,8 +48,9 @@ struct JACTOR_API JCXXActor {
 
   // Starts `fn(sock, args)` on a new thread and waits for its first signal.
   // Throws: std::bad_alloc when the pipes or memory cannot be had or the wait
-  //         failed, std::system_error when the thread cannot be started. Nothing
-  //         is left behind then: the caller's end is closed and the thread joined.
+  //         failed, std::system_error when the thread cannot be started or the
+  //         process is ending. Nothing is left behind then: the caller's end is
+  //         closed and the thread joined.
   JCXXActor(void (*fn)(j_sock_t*, void*), void* args);
 
   // Copies nothing: the new actor has no thread and no sock.
@@ -57,7 +59,8 @@ struct JACTOR_API JCXXActor {
   // Copies nothing, and logs.
   JCXXActor& operator=(JCXXActor const& other);
 
-  // Closes the caller's end, waits for the function to return, releases the rest.
+  // Closes the caller's end, waits for the function to return, releases the rest. An
+  // end that its borrower has destroyed is an error line. No cancellation point.
   ~JCXXActor();
 
   // The caller's end; null when there is none.

@@ -31,9 +31,9 @@ struct JACTOR_API JCXXActorAPI {
   std::unordered_set<JCXXMsg*> msgs;
   std::unordered_set<hybrid_poller_info*> pollers;
 
-  // The instance, made by the first call and destroyed at process exit. After
-  // that the registry is empty and stays so: every handle is invalid, adding and
-  // removing do nothing.
+  // The instance, made by the first call, in storage that lasts as long as the process.
+  // At exit nothing is started any more, but handles stay good while their objects live,
+  // whichever static object or exit handler holds them.
   static JCXXActorAPI* GetInstance();
 
   JCXXActorAPI();

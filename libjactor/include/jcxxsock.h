@@ -91,7 +91,8 @@ struct JACTOR_API JCXXSock {
   std::size_t BufferedToRead();
 
   // Open a named endpoint: see j_pipe_new_pull and j_pipe_new_push.
-  // Throw: std::bad_alloc, std::filesystem::filesystem_error.
+  // Throw: std::bad_alloc, std::filesystem::filesystem_error, and std::system_error
+  //        when the process is ending.
   static JCXXSock* NewPull(char const* name);
   static JCXXSock* NewPush(char const* name);
 };
@@ -141,6 +142,8 @@ struct JACTOR_API SockFromNamedEndpoint : JCXXSock {
   // it is the source.
   SockFromNamedEndpoint& operator=(SockFromNamedEndpoint const& other);
 
+  // Closes the descriptor. Bytes that were read ahead are lost then, with an error line
+  // that says how many. No cancellation point.
   ~SockFromNamedEndpoint() override;
 
   int GetReadFD(int& fd) override;
@@ -156,7 +159,7 @@ struct JACTOR_API SockFromNamedEndpoint : JCXXSock {
   // Opens the endpoint `name`; `pull` only chooses a log line.
   // Result:    the sock, which is the caller's; null when the name is refused or
   //            the directory or the FIFO cannot be made or opened.
-  // Throws:    std::bad_alloc, std::filesystem::filesystem_error.
+  // Throws:    std::bad_alloc, std::filesystem::filesystem_error, std::system_error.
   static JCXXSock* NewSockFromNamedEndpoint(char const* name, bool pull);
 };
 

@@ -9,10 +9,26 @@
 #include <system_error>
 #include <tuple>
 
+#include "cancellation.h"
 #include "jcxxactorapi.h"
 #include "jcxxmsg.h"
 #include "jcxxsock.h"
 #include "log.h"
+#include "process.h"
+
+namespace {
+
+// Deletes an end of the pair, for `function`; null is nothing to do. Whoever borrowed
+// it must not have destroyed it.
+void DeleteEnd(JCXXSock* end, const char* function) {
+  if (end != nullptr && !JCXXActorAPI::GetInstance()->JCXXSockPtrIsValid(end)) {
+    JACTOR_ERROR_AS(function, "the actor's sock has been destroyed by somebody else");
+    return;
+  }
+  delete end;
+}
+
+}  // namespace
 
 JActorThreadWrapper::JActorThreadWrapper()
     : fn(nullptr), args(nullptr), sock(nullptr), actor(nullptr), thread(nullptr) {}
@@ -37,6 +53,7 @@ JActorThreadWrapper& JActorThreadWrapper::operator=(JActorThreadWrapper const& /
 }
 
 JActorThreadWrapper::~JActorThreadWrapper() {
+  const NoCancellation destroying;
   if (thread != nullptr) {
     try {
       thread->join();
@@ -47,7 +64,7 @@ JActorThreadWrapper::~JActorThreadWrapper() {
     }
     thread = nullptr;
   }
-  delete sock;
+  DeleteEnd(sock, "~JActorThreadWrapper");
   sock = nullptr;
 }
 
@@ -64,9 +81,13 @@ void JActorThreadWrapper::the_wrapper_function() {
 namespace {
 
 // Closes the caller's end, which the actor function sees as the end of the
-// stream, then waits for it, then lets the rest go.
+// stream, then waits for it, then lets the rest go. At the end of a process that has
+// lost its registry the actor's thread may wait for that: all is left as it is then.
 void StopAndRelease(JCXXActor* actor) {
-  delete actor->sock;
+  if (process::Gone()) {
+    return;
+  }
+  DeleteEnd(actor->sock, "~JCXXActor");
   actor->sock = nullptr;
   delete actor->wrapper;
   actor->wrapper = nullptr;
@@ -81,6 +102,7 @@ JCXXActor::JCXXActor() : sock(nullptr), wrapper(nullptr) {
 }
 
 JCXXActor::JCXXActor(void (*fn)(j_sock_t*, void*), void* args) : sock(nullptr), wrapper(nullptr) {
+  process::RefuseToStartAtTheEnd();
   JCXXActorAPI::GetInstance()->JCXXActorPtrAdd(this);
   std::unique_ptr<JCXXActor, void (*)(JCXXActor*)> on_failure(this, StopAndRelease);
   const auto pair = SockFromPipes::MakeSockPairFromPipes();
@@ -108,6 +130,9 @@ JCXXActor& JCXXActor::operator=(JCXXActor const& other) {
   return *this;
 }
 
-JCXXActor::~JCXXActor() { StopAndRelease(this); }
+JCXXActor::~JCXXActor() {
+  const NoCancellation destroying;
+  StopAndRelease(this);
+}
 
 JCXXSock* JCXXActor::GetSock() { return sock; }

@@ -6,11 +6,9 @@
 #include "jcxxactorapi.h"
 
 #include <czmq.h>
-#include <pthread.h>
 
-#include <atomic>
+#include <limits>
 #include <memory>
-#include <type_traits>
 
 #include "jcxxactor.h"
 #include "jcxxframe.h"
@@ -21,39 +19,8 @@
 
 namespace {
 
-// What the registry keeps beside the set of one family.
-template <class Object>
-struct Beside {
-  Changes changes;
-  SpareNodes<Object> spares;
-};
-
-// The process-wide instance. Only its registry is remembered by threads and keeps
-// spare nodes: another object of the class has nothing but its sets.
-struct Instance final : JCXXActorAPI {
-  Instance();
-  ~Instance();
-
-  Beside<JCXXSock> beside_socks;
-  Beside<JCXXActor> beside_actors;
-  Beside<JCXXFrame> beside_frames;
-  Beside<JCXXMsg> beside_msgs;
-};
-
-std::atomic<Instance*> the_instance{nullptr};
-
-// Set, with the mutex held, when the instance has been destroyed at exit. Threads
-// that still run and objects that are destroyed later find the registry empty:
-// they lock the mutex of the dead instance, whose storage lasts as long as the
-// process and whose destructor does nothing, and then touch no set.
-bool destroyed = false;
-static_assert(std::is_trivially_destructible_v<std::mutex>);
-
-// One family of the registry: its set, what is beside it, and its log lines.
-template <class Object>
-struct Family {
-  std::unordered_set<Object*> JCXXActorAPI::*set;
-  Beside<Object> Instance::*beside;
+// The log lines of one family of the registry.
+struct FamilyLines {
   const char* null_on_valid;
   const char* null_on_add;
   const char* duplicate;
@@ -61,149 +28,49 @@ struct Family {
   const char* missing;
 };
 
-#define JACTOR_FAMILY(Class, set)                                   \
-  Family<Class> {                                                   \
-    &JCXXActorAPI::set, &Instance::beside_##set,                    \
-        JACTOR_LINE("NULL " #Class " pointer passed to interface"), \
-        JACTOR_LINE("NULL " #Class " pointer passed to add"),       \
-        JACTOR_LINE(#Class " pointer already exists"),              \
-        JACTOR_LINE("NULL " #Class " pointer passed to remove"),    \
-        JACTOR_LINE(#Class " pointer does not exist")               \
+#define JACTOR_FAMILY_LINES(Class)                               \
+  FamilyLines {                                                  \
+    JACTOR_LINE("NULL " #Class " pointer passed to interface"),  \
+        JACTOR_LINE("NULL " #Class " pointer passed to add"),    \
+        JACTOR_LINE(#Class " pointer already exists"),           \
+        JACTOR_LINE("NULL " #Class " pointer passed to remove"), \
+        JACTOR_LINE(#Class " pointer does not exist")            \
   }
 
-constexpr auto kSocks = JACTOR_FAMILY(JCXXSock, socks);
-constexpr auto kActors = JACTOR_FAMILY(JCXXActor, actors);
-constexpr auto kFrames = JACTOR_FAMILY(JCXXFrame, frames);
-constexpr auto kMsgs = JACTOR_FAMILY(JCXXMsg, msgs);
+constexpr auto kSocks = JACTOR_FAMILY_LINES(JCXXSock);
+constexpr auto kActors = JACTOR_FAMILY_LINES(JCXXActor);
+constexpr auto kFrames = JACTOR_FAMILY_LINES(JCXXFrame);
+constexpr auto kMsgs = JACTOR_FAMILY_LINES(JCXXMsg);
 
 void LogPointer(const char* function, const char* format) {
   JACTOR_LOG_FORMAT(JACTOR_LEVEL_ERROR, function, format);
 }
 
-// What is beside the set of `family` in `api`; null unless it is the instance.
 template <class Object>
-Beside<Object>* BesideOf(JCXXActorAPI& api, const Family<Object>& family) {
-  Instance* instance = the_instance.load(std::memory_order_relaxed);
-  return &api == instance ? &(instance->*family.beside) : nullptr;
-}
-
-// Kept out of line, so that a known handle costs no more than looking it up.
-template <class Object>
-[[gnu::noinline]] bool AskSet(JCXXActorAPI& api, const Family<Object>& family, Object* p) {
-  const Beside<Object>* beside = BesideOf(api, family);
-  const std::lock_guard<std::mutex> lock(api.mutex);
-  const bool valid = !destroyed && (api.*family.set).count(p) != 0;
-  if (beside != nullptr) {
-    KnownHandles<Object>::Remember(beside->changes, p, valid);
-  }
-  return valid;
-}
-
-template <class Object>
-bool IsValid(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
+bool IsValid(JCXXActorAPI& api, const FamilyLines& lines, Object* p, const char* function) {
   if (p == nullptr) {
-    LogPointer(function, family.null_on_valid);
+    LogPointer(function, lines.null_on_valid);
     return false;
   }
-  if (const Beside<Object>* beside = BesideOf(api, family); beside != nullptr) {
-    if (const auto known = KnownHandles<Object>::Recall(beside->changes, p)) {
-      return *known;
-    }
-  }
-  return AskSet(api, family, p);
+  return registry::Ask(api, p);
 }
 
-// Enters `p` into its set, with the mutex held; false when it is there already.
 template <class Object>
-bool Enter(std::unordered_set<Object*>& set, Beside<Object>* beside, Object* p) {
-  if (beside == nullptr) {
-    return set.insert(p).second;
-  }
-  if (!beside->spares.Insert(set, p)) {
-    return false;
-  }
-  beside->changes.CountAdded(p);
-  KnownHandles<Object>::Remember(beside->changes, p, true);
-  return true;
-}
-
-// Takes `p` out of its set, with the mutex held; false when it is not there.
-template <class Object>
-bool Leave(std::unordered_set<Object*>& set, Beside<Object>* beside, Object* p) {
-  if (beside == nullptr) {
-    return set.erase(p) != 0;
-  }
-  if (!beside->spares.Erase(set, p)) {
-    return false;
-  }
-  beside->changes.CountRemoved(p);
-  return true;
-}
-
-enum class Change { kAdd, kRemove };
-
-template <Change change, class Object>
-void Apply(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
-  constexpr bool kAdds = change == Change::kAdd;
+void Add(JCXXActorAPI& api, const FamilyLines& lines, Object* p, const char* function) {
   if (p == nullptr) {
-    LogPointer(function, kAdds ? family.null_on_add : family.null_on_remove);
+    LogPointer(function, lines.null_on_add);
     return;
   }
-  Beside<Object>* beside = BesideOf(api, family);
-  auto& set = api.*family.set;
-  std::unique_lock<std::mutex> lock(api.mutex);
-  if (destroyed || (kAdds ? Enter(set, beside, p) : Leave(set, beside, p))) {
+  registry::Enter(api, p, [&] { LogPointer(function, lines.duplicate); });
+}
+
+template <class Object>
+void Remove(JCXXActorAPI& api, const FamilyLines& lines, Object* p, const char* function) {
+  if (p == nullptr) {
+    LogPointer(function, lines.null_on_remove);
     return;
   }
-  lock.unlock();  // the log may be a function of the program that calls the library
-  LogPointer(function, kAdds ? family.duplicate : family.missing);
-}
-
-template <class Object>
-void Add(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
-  Apply<Change::kAdd>(api, family, p, function);
-}
-
-template <class Object>
-void Remove(JCXXActorAPI& api, const Family<Object>& family, Object* p, const char* function) {
-  Apply<Change::kRemove>(api, family, p, function);
-}
-
-// Makes a contended lock spin for a moment before it sleeps: the mutex is held for
-// well under a microsecond, and putting a thread to sleep takes longer.
-void SpinBeforeSleeping(std::mutex& mutex) {
-#ifdef __GLIBC__
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ADAPTIVE_NP);
-  pthread_mutex_destroy(mutex.native_handle());
-  pthread_mutex_init(mutex.native_handle(), &attributes);
-  pthread_mutexattr_destroy(&attributes);
-#else
-  static_cast<void>(mutex);
-#endif
-}
-
-Instance::Instance() {
-  SpinBeforeSleeping(mutex);
-  constexpr std::size_t kUsualObjects = 1024;
-  frames.reserve(kUsualObjects);
-  msgs.reserve(kUsualObjects);
-  the_instance.store(this, std::memory_order_release);
-}
-
-[[gnu::noinline]] Instance* MakeInstance() {
-  static Instance instance;
-  return &instance;
-}
-
-Instance::~Instance() {
-  const std::lock_guard<std::mutex> lock(mutex);
-  beside_socks.changes.CountAllRemoved();
-  beside_actors.changes.CountAllRemoved();
-  beside_frames.changes.CountAllRemoved();
-  beside_msgs.changes.CountAllRemoved();
-  destroyed = true;
+  registry::Leave(api, p, [&] { LogPointer(function, lines.missing); });
 }
 
 // The tests of an exported call's arguments. The last arguments are the call's
@@ -249,11 +116,13 @@ int hybrid_internal_handler(zloop_t* loop, zmq_pollitem_t* item, void* arg) {
 }  // namespace
 
 JCXXActorAPI* JCXXActorAPI::GetInstance() {
-  Instance* made = the_instance.load(std::memory_order_acquire);
-  return made != nullptr ? made : MakeInstance();
+  JCXXActorAPI* made = registry::the_instance.load(std::memory_order_acquire);
+  return made != nullptr ? made : registry::MakeInstance();
 }
 
-JCXXActorAPI::JCXXActorAPI() = default;
+// The registrations are few and always searched from the first to the last: they need
+// no buckets, and inserting a prepared entry therefore allocates nothing.
+JCXXActorAPI::JCXXActorAPI() { pollers.max_load_factor(std::numeric_limits<float>::max()); }
 
 JCXXActorAPI::JCXXActorAPI(JCXXActorAPI const& /*other*/) {
   JACTOR_TRACE("JCXXActorAPI private copy constructor");
@@ -356,6 +225,7 @@ std::size_t JCXXActorAPI::j_frame_size(JCXXFrame* f) {
 }
 
 JCXXActor* JCXXActorAPI::j_actor_new(void (*fn)(j_sock_t*, void*), void* args) {
+  JACTOR_REFUSE_NULL(fn, j_actor_new, nullptr)
   return new JCXXActor(fn, args);
 }
 
@@ -471,20 +341,13 @@ int JCXXActorAPI::hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock,
   // The set's entry is made before the loop knows of the record, so that nothing
   // but the lock can fail once it does.
   std::unordered_set<hybrid_poller_info*> entry{record.get()};
-  {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (destroyed) {
-      return -1;
-    }
-    pollers.reserve(pollers.size() + 1);
-  }
   zmq_pollitem_t item = PollItem(fd);
   if (zloop_poller(loop, &item, hybrid_internal_handler, record.get()) != 0) {
     return -1;
   }
   hybrid_poller_info* registered = record.release();
-  const std::lock_guard<std::mutex> lock(mutex);
-  if (!destroyed) {
+  if (!process::Gone()) {
+    const process::CriticalSection section(mutex);
     pollers.insert(entry.extract(registered));
   }
   return 0;
@@ -501,10 +364,10 @@ void JCXXActorAPI::hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock) {
   }
   zmq_pollitem_t item = PollItem(fd);
   zloop_poller_end(loop, &item);
-  const std::lock_guard<std::mutex> lock(mutex);
-  if (destroyed) {
+  if (process::Gone()) {
     return;
   }
+  const process::CriticalSection section(mutex);
   for (auto next = pollers.begin(); next != pollers.end();) {
     hybrid_poller_info* record = *next;
     int watched = -1;

@@ -178,9 +178,7 @@ unsigned char* JCXXFrame::GetData() { return data.empty() ? nullptr : data.data(
 
 void JCXXFrame::SetSize(std::size_t n) { data.resize(n); }
 
-void JCXXFrame::CopyIntoBuffer(unsigned char* src, std::size_t n) {
-  data.assign(src, src + n);
-}
+void JCXXFrame::CopyIntoBuffer(unsigned char* src, std::size_t n) { data.assign(src, src + n); }
 
 bool JCXXFrame::IsDataFrame() { return type == DATA_FRAME; }
 

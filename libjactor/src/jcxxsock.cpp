@@ -21,9 +21,11 @@
 #include <utility>
 #include <vector>
 
+#include "cancellation.h"
 #include "jcxxactorapi.h"
 #include "jcxxmsg.h"
 #include "log.h"
+#include "process.h"
 
 namespace {
 
@@ -35,8 +37,6 @@ constexpr const char* kReadStep = "ReadBlockingReadaheadBuffered";
 
 bool MustRepeat(int error) { return error == EAGAIN || error == EINTR; }
 
-// Asks a sock for one of its descriptors. Result: 0 and `fd` not negative, or
-// what the operation returns.
 // Whether the step that has just failed on `fd` is to be repeated, by errno. Where
 // somebody has made the descriptor non-blocking, waits first until it is ready for
 // `event`, so that repeating takes no processor time.
@@ -50,6 +50,8 @@ bool RepeatWhenReady(int fd, short event) {
   return errno == EINTR;
 }
 
+// Asks a sock for one of its descriptors. Result: 0 and `fd` not negative, or
+// what the operation returns.
 int Descriptor(JCXXSock& sock, int (JCXXSock::*get)(int&), int& fd) {
   fd = -1;
   if (const int rc = (sock.*get)(fd); rc != 0) {
@@ -365,6 +367,16 @@ bool EnsureRunDirectory() {
   return true;
 }
 
+// Makes the FIFO for everybody, whatever the umask. One thread at a time changes that:
+// two at once could leave it changed.
+bool CreateFifo(const std::string& fifopath) {
+  const process::CriticalSection section(process::umask_mutex);
+  const mode_t old_umask = ::umask(0);
+  const int rc = ::mkfifo(fifopath.c_str(), kFifoMode);
+  ::umask(old_umask);
+  return rc == 0;
+}
+
 // Puts a FIFO at its path, whatever else stands there.
 bool EnsureFifo(const std::string& fifopath) {
   if (const fs::file_type type = fs::status(fifopath).type(); type == fs::file_type::fifo) {
@@ -379,10 +391,7 @@ bool EnsureFifo(const std::string& fifopath) {
   if (IsThere(fs::status(fifopath).type())) {
     return true;
   }
-  const mode_t old_umask = ::umask(0);
-  const int rc = ::mkfifo(fifopath.c_str(), kFifoMode);
-  ::umask(old_umask);
-  if (rc != 0) {
+  if (!CreateFifo(fifopath)) {
     JACTOR_ERROR_AS(kOpenEndpoint, "unable to create fifo");
     return false;
   }
@@ -620,6 +629,7 @@ SockFromPipes& SockFromPipes::operator=(SockFromPipes const& other) {
 }
 
 SockFromPipes::~SockFromPipes() {
+  const NoCancellation destroying;
   CloseDescriptor(read_fd);
   CloseDescriptor(write_fd);
 }
@@ -660,7 +670,11 @@ SockFromNamedEndpoint& SockFromNamedEndpoint::operator=(SockFromNamedEndpoint co
 }
 
 SockFromNamedEndpoint::~SockFromNamedEndpoint() {
+  const NoCancellation destroying;
   JACTOR_TRACE("SockFromNamedEndpoint destructor");
+  if (read_buffer_avail > 0) {
+    JACTOR_ERROR("%zd bytes read ahead and not received are lost", read_buffer_avail);
+  }
   CloseDescriptor(fd);
 }
 
@@ -698,6 +712,7 @@ JCXXSock* SockFromNamedEndpoint::NewSockFromNamedEndpoint(char const* name, bool
   if (name == nullptr) {
     return nullptr;
   }
+  process::RefuseToStartAtTheEnd();
   std::string transport;
   std::string path;
   if (!ParseEndpoint(name, pull, transport, path)) {

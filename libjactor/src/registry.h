@@ -1,8 +1,8 @@
-// registry.h - what the registry keeps beside its sets, so that a set is asked
-// less often and an entry costs no allocation in the steady state.
+// registry.h - the process-wide instance: entering its sets, leaving them, asking them,
+// and what stands beside a set so that it is asked less often and an entry costs no
+// allocation in the steady state.
 //
-// A set is only touched with the registry's mutex held. The counts of changes may
-// be read without it; they are the reason that a thread may trust its memory.
+// A set is only touched with the registry's mutex held; nothing is logged here.
 #ifndef JACTOR_REGISTRY_H
 #define JACTOR_REGISTRY_H
 
@@ -10,9 +10,15 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <unordered_set>
 #include <utility>
+
+#include "jcxxactorapi.h"
+#include "process.h"
+
+namespace registry {
 
 // A number below `count`, a power of two, spread evenly over addresses.
 template <std::size_t count>
@@ -58,14 +64,14 @@ class Changes {
   std::array<Group, kGroups> groups_;
 };
 
-// The handles of one family that this thread last asked for, each with the answer
-// and the count that the answer depends on. A handle whose count has moved, by
-// whichever thread, has to be asked for again.
+// The handles of one family that a thread last asked for, each with the answer and the
+// count that the answer depends on. A handle whose count has moved, by whichever
+// thread, has to be asked for again.
 template <class Object>
 class KnownHandles {
  public:
-  // Tells the answer known for `p`, if it still holds.
-  static std::optional<bool> Recall(const Changes& changes, const Object* p) {
+  // The answer known for `p`, if it still holds.
+  std::optional<bool> Recall(const Changes& changes, const Object* p) const {
     const Entry& entry = entries_[SpreadAddress<kEntries>(p)];
     const bool valid = (entry.answer & 1) != 0;
     if (entry.object != p || entry.answer != Answer(changes, p, valid)) {
@@ -75,7 +81,7 @@ class KnownHandles {
   }
 
   // With the mutex held, so that answer and count belong together.
-  static void Remember(const Changes& changes, const Object* p, bool valid) {
+  void Remember(const Changes& changes, const Object* p, bool valid) {
     entries_[SpreadAddress<kEntries>(p)] = {p, Answer(changes, p, valid)};
   }
 
@@ -90,10 +96,26 @@ class KnownHandles {
     return changes.Since(p, valid) << 1 | static_cast<std::uint64_t>(valid);
   }
 
-  // Found without a call. A few hundred bytes of this kind do no harm even where
-  // the library is loaded late, by dlopen.
-  [[gnu::tls_model("initial-exec")]] static inline thread_local std::array<Entry, kEntries>
-      entries_ = {};
+  std::array<Entry, kEntries> entries_ = {};
+};
+
+// What one thread remembers, of all families. Made at its first use of the registry and
+// freed when the thread ends: a process that loads the library late has little room for
+// thread-local storage to give away.
+struct Memory {
+  KnownHandles<JCXXSock> socks;
+  KnownHandles<JCXXActor> actors;
+  KnownHandles<JCXXFrame> frames;
+  KnownHandles<JCXXMsg> msgs;
+
+  // This thread's; null before the first use, and when there was no memory for it.
+  [[gnu::tls_model("initial-exec")]] static constinit thread_local Memory* own;
+
+  // Makes this thread's memory if it has none and it can be had.
+  static Memory* Have() { return own != nullptr ? own : Make(); }
+
+ private:
+  static Memory* Make();
 };
 
 // Set nodes kept for the next objects. Only with the mutex held.
@@ -134,5 +156,145 @@ class SpareNodes {
   std::array<typename Set::node_type, 64> nodes_;
   std::size_t count_ = 0;
 };
+
+// What stands beside the set of one family.
+template <class Object>
+struct Beside {
+  Changes changes;
+  SpareNodes<Object> spares;
+};
+
+// The process-wide instance. Only its registry is remembered by threads and keeps
+// spare nodes: another object of the class has nothing but its sets. It is never
+// destroyed, so that a handle stays good until its object has gone, whichever static
+// object or exit handler holds it.
+struct Instance final : JCXXActorAPI {
+  Instance();
+
+  Beside<JCXXSock> beside_socks;
+  Beside<JCXXActor> beside_actors;
+  Beside<JCXXFrame> beside_frames;
+  Beside<JCXXMsg> beside_msgs;
+};
+
+// Null until the first use.
+inline constinit std::atomic<Instance*> the_instance{nullptr};
+
+// Makes the instance once, whichever threads ask. Throws std::bad_alloc; the next call
+// tries again.
+JCXXActorAPI* MakeInstance();
+
+// Where the parts of a family are.
+template <class Object>
+struct Family;
+#define JACTOR_FAMILY(Class, name)                            \
+  template <>                                                 \
+  struct Family<Class> {                                      \
+    static constexpr auto kSet = &JCXXActorAPI::name;         \
+    static constexpr auto kBeside = &Instance::beside_##name; \
+    static constexpr auto kKnown = &Memory::name;             \
+  };
+JACTOR_FAMILY(JCXXSock, socks)
+JACTOR_FAMILY(JCXXActor, actors)
+JACTOR_FAMILY(JCXXFrame, frames)
+JACTOR_FAMILY(JCXXMsg, msgs)
+#undef JACTOR_FAMILY
+
+// What is beside the set in `api`; null unless it is the instance.
+template <class Object>
+Beside<Object>* BesideIn(JCXXActorAPI& api) {
+  Instance* instance = the_instance.load(std::memory_order_relaxed);
+  return &api == instance ? &(instance->*Family<Object>::kBeside) : nullptr;
+}
+
+// Kept out of line, so that a known handle costs no more than looking it up.
+template <class Object>
+[[gnu::noinline]] bool AskSet(JCXXActorAPI& api, Object* p) {
+  if (process::Gone()) {
+    return false;
+  }
+  const Beside<Object>* beside = BesideIn<Object>(api);
+  Memory* memory = beside != nullptr ? Memory::Have() : nullptr;
+  const process::CriticalSection section(api.mutex);
+  const bool valid = (api.*Family<Object>::kSet).count(p) != 0;
+  if (memory != nullptr) {
+    (memory->*Family<Object>::kKnown).Remember(beside->changes, p, valid);
+  }
+  return valid;
+}
+
+// Whether `p` is in its set.
+template <class Object>
+bool Ask(JCXXActorAPI& api, Object* p) {
+  const Beside<Object>* beside = BesideIn<Object>(api);
+  if (beside != nullptr && Memory::own != nullptr) {
+    if (const auto known = (Memory::own->*Family<Object>::kKnown).Recall(beside->changes, p)) {
+      return *known;
+    }
+  }
+  return AskSet(api, p);
+}
+
+// Enters `p` into its set; false when it is there already. `memory` is this thread's,
+// or null.
+template <class Object>
+bool EnterSet(JCXXActorAPI& api, Object* p, Memory* memory) {
+  auto& set = api.*Family<Object>::kSet;
+  Beside<Object>* beside = BesideIn<Object>(api);
+  if (beside == nullptr) {
+    return set.insert(p).second;
+  }
+  if (!beside->spares.Insert(set, p)) {
+    return false;
+  }
+  beside->changes.CountAdded(p);
+  if (memory != nullptr) {
+    (memory->*Family<Object>::kKnown).Remember(beside->changes, p, true);
+  }
+  return true;
+}
+
+// Takes `p` out of its set; false when it is not there.
+template <class Object>
+bool LeaveSet(JCXXActorAPI& api, Object* p) {
+  auto& set = api.*Family<Object>::kSet;
+  Beside<Object>* beside = BesideIn<Object>(api);
+  if (beside == nullptr) {
+    return set.erase(p) != 0;
+  }
+  if (!beside->spares.Erase(set, p)) {
+    return false;
+  }
+  beside->changes.CountRemoved(p);
+  return true;
+}
+
+// Enters `p` into its set, or takes it out. When that cannot be, since it is there
+// already or not there, calls `refused` with the mutex still held, and lent.
+template <class Object, class Refused>
+void Enter(JCXXActorAPI& api, Object* p, Refused refused) {
+  if (process::Gone()) {
+    return;
+  }
+  Memory* memory = Memory::Have();
+  const process::CriticalSection section(api.mutex);
+  if (!EnterSet(api, p, memory)) {
+    const process::Lending refusing(api.mutex);
+    refused();
+  }
+}
+template <class Object, class Refused>
+void Leave(JCXXActorAPI& api, Object* p, Refused refused) {
+  if (process::Gone()) {
+    return;
+  }
+  const process::CriticalSection section(api.mutex);
+  if (!LeaveSet(api, p)) {
+    const process::Lending refusing(api.mutex);
+    refused();
+  }
+}
+
+}  // namespace registry
 
 #endif

@@ -10,6 +10,8 @@ namespace {
 
 int poller_result = 0;
 zloop_fn* captured = nullptr;
+void* record = nullptr;
+bool locks_fail = false;
 
 }  // namespace
 
@@ -20,7 +22,16 @@ extern "C" __attribute__((visibility("default"))) int zloop_poller(zloop_t* loop
   static const auto real =
       reinterpret_cast<decltype(&::zloop_poller)>(::dlsym(RTLD_NEXT, "zloop_poller"));
   captured = handler;
+  record = arg;
   return poller_result != 0 ? poller_result : real(loop, item, handler, arg);
+}
+
+extern "C" __attribute__((visibility("default"))) int pthread_mutex_lock(
+    pthread_mutex_t* mutex) noexcept {
+  static const auto real =
+      reinterpret_cast<decltype(&::pthread_mutex_lock)>(::dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+  return locks_fail && mutex == JCXXActorAPI::GetInstance()->mutex.native_handle() ? EINVAL
+                                                                                   : real(mutex);
 }
 
 namespace {
@@ -73,6 +84,21 @@ TEST_F(BridgeTest, ARefusedRegistrationLeavesNothing) {
   EXPECT_EQ(hybrid_zloop_reader(loop, a.get(), Handle, nullptr), -1);
   poller_result = 0;
   EXPECT_EQ(Log(), "");
+}
+
+// The loop has the sock by then, and keeps its record.
+TEST_F(BridgeTest, ALockThatFailsDoesSoOnceTheLoopHasAccepted) {
+  EXPECT_TRUE(api->JCXXSockPtrIsValid(b.get()));
+  locks_fail = true;
+  EXPECT_EQ(hybrid_zloop_reader(loop, b.get(), Handle, this), -1);
+  locks_fail = false;
+  EXPECT_EQ(Log(), "Invalid argument");
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(j_sock_signal(a.get(), 1), 0);
+  zloop_start(loop);
+  EXPECT_EQ(handled.size(), 1U);
+  hybrid_zloop_reader_end(loop, b.get());
+  delete static_cast<hybrid_poller_info*>(record);
 }
 
 // The calls say nothing, the members behind them do.

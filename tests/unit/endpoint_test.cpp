@@ -142,4 +142,32 @@ TEST_F(EndpointTest, AFileSystemErrorIsALine) {
   EXPECT_EQ(LogLines().size(), 1U);
 }
 
+TEST_F(EndpointTest, BytesReadAheadAreLostWithALine) {
+  const Owned push(j_pipe_new_push("ipc://x"));
+  Owned pull(j_pipe_new_pull("ipc://x"));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(j_sock_signal(push.get(), 1), 0);
+  }
+  JCXXMsg* msg = j_msg_recv(pull.get());
+  j_msg_destroy(&msg);
+  pull.reset();
+  EXPECT_EQ(Log(), "2 bytes read ahead and not received are lost");
+  EXPECT_EQ(LogLines().back().function, "~SockFromNamedEndpoint");
+}
+
+TEST_F(EndpointTest, ThreadsThatCreateFifosLeaveTheUmaskAlone) {
+  const mode_t before = ::umask(027);
+  std::vector<std::jthread> threads;
+  for (const std::string letter : {"a", "b"}) {
+    threads.emplace_back([this, letter] {
+      for (int i = 0; i < 300; ++i) {
+        const Owned sock(j_pipe_new_pull(("ipc://" + letter).c_str()));
+        fs::remove(run.path("Jipc_" + letter));
+      }
+    });
+  }
+  threads.clear();
+  EXPECT_EQ(::umask(before), 027U);
+}
+
 }  // namespace

@@ -1,6 +1,8 @@
 // jcxxactor_test.cpp - starting actors, talking to them, stopping them.
 #include "jcxxactor.h"
 
+#include <pthread.h>
+
 #include <cerrno>
 
 #include "jcxxmsg.h"
@@ -43,6 +45,47 @@ TEST_F(ActorTest, AFailedStartIsALine) {
     EXPECT_EQ(j_actor_new(Echo, nullptr), nullptr);
   }
   EXPECT_EQ(Log(), "std::bad_alloc; Resource temporarily unavailable");
+}
+
+// Both ends are lent, and whoever borrows one must not destroy it.
+TEST_F(ActorTest, ASockThatTheBorrowerDestroyedIsALine) {
+  std::atomic<int> stopped{0};
+  JCXXActor* actor = j_actor_new(Echo, &stopped);
+  JCXXSock* callers_end = j_actor_sock(actor);
+  j_sock_destroy(&callers_end);
+  j_actor_destroy(&actor);
+  EXPECT_EQ(stopped, 1);
+  actor = j_actor_new(
+      [](j_sock_t* sock, void*) {
+        j_sock_signal(sock, 0);
+        j_sock_destroy(&sock);
+      },
+      nullptr);
+  j_actor_destroy(&actor);
+  EXPECT_EQ(Log(kErrors, "~JCXXActor"), "the actor's sock has been destroyed by somebody else");
+  EXPECT_EQ(Log(kErrors, "~JActorThreadWrapper"),
+            "the actor's sock has been destroyed by somebody else");
+}
+
+TEST_F(ActorTest, NoFunctionIsALineAndNoThread) {
+  const Script threads(Call::kPthreadCreate);
+  EXPECT_EQ(j_actor_new(nullptr, nullptr), nullptr);
+  EXPECT_EQ(Log(), "NULL pointer passed to j_actor_new");
+  EXPECT_EQ(threads.count(), 0U);
+}
+
+TEST_F(ActorTest, DestroyingIsNoCancellationPoint) {
+  std::atomic<int> stopped{0};
+  JCXXActor* actor = j_actor_new(Echo, &stopped);
+  const UniqueEndpoint endpoint;
+  JCXXSock* sock = j_pipe_new_pull(endpoint.name.c_str());
+  std::thread([&] {
+    ::pthread_cancel(::pthread_self());
+    j_sock_destroy(&sock);
+    j_actor_destroy(&actor);
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  }).join();
+  EXPECT_EQ(stopped, 1);
 }
 
 TEST_F(ActorTest, AnActorWithoutASockFailsAsANullSock) {

@@ -1,0 +1,93 @@
+// process.h - what the library has to know of the process around it: that it forks,
+// and that it ends.
+//
+// A fork leaves the child with one thread. So that no lock stays with a thread that
+// is not there, the library's locks are taken before a fork and given back after it,
+// in both processes.
+//
+// A process ends while other threads run, or in a signal handler that interrupted a
+// thread inside the registry. Nothing here is ever destroyed, and nothing waits for
+// ever: see Phase.
+#ifndef JACTOR_PROCESS_H
+#define JACTOR_PROCESS_H
+
+#include <atomic>
+#include <mutex>
+
+namespace process {
+
+enum class Phase {
+  kRunning,
+  // exit() has come to the library. What lives can be used and released, by static
+  // objects and exit handlers that come later, but nothing is started any more.
+  kEnding,
+  // As kEnding, and the registry's lock is held for ever: exit() was called by a signal
+  // handler that interrupted its holder, or in a child that lost its holder to a fork
+  // behind the library's back. The registry is left alone.
+  kGone,
+};
+inline constinit std::atomic<Phase> phase{Phase::kRunning};
+
+inline bool Gone() { return phase.load(std::memory_order_relaxed) == Phase::kGone; }
+
+// Throws std::system_error (ECANCELED), whose text says so, once the process is ending.
+void RefuseToStartAtTheEnd();
+
+// Whether this thread is in a critical section, or on its way in or out.
+[[gnu::tls_model("initial-exec")]] extern constinit thread_local std::atomic<bool> inside;
+
+// The lock that this thread holds and has no work in progress under; null mostly.
+[[gnu::tls_model("initial-exec")]] extern constinit thread_local const std::mutex* lent;
+
+// Lends the lock of the section around it to those further in: a function of the
+// program, such as a log's, that may call the library.
+class Lending {
+ public:
+  explicit Lending(const std::mutex& mutex) { lent = &mutex; }
+  Lending(Lending const&) = delete;
+  Lending& operator=(Lending const&) = delete;
+  ~Lending() { lent = nullptr; }
+};
+
+// Holds one of the library's locks. Sections do not nest, but where the lock is lent.
+// Throws std::system_error when the lock fails.
+class CriticalSection {
+ public:
+  explicit CriticalSection(std::mutex& mutex) : mutex_(lent == &mutex ? nullptr : &mutex) {
+    if (mutex_ != nullptr) {
+      Enter();
+    }
+  }
+  CriticalSection(CriticalSection const&) = delete;
+  CriticalSection& operator=(CriticalSection const&) = delete;
+  ~CriticalSection() {
+    if (mutex_ != nullptr) {
+      mutex_->unlock();
+      inside.store(false, std::memory_order_relaxed);
+    }
+  }
+
+ private:
+  void Enter() {
+    inside.store(true, std::memory_order_relaxed);
+    try {
+      mutex_->lock();
+    } catch (...) {
+      inside.store(false, std::memory_order_relaxed);
+      throw;
+    }
+  }
+
+  std::mutex* mutex_;
+};
+
+// The lock over the process's umask while it is changed.
+extern constinit std::mutex umask_mutex;
+
+// Follows the process from now on, for the registry's lock, which must last as long as
+// the process. Throws std::bad_alloc.
+void Follow(std::mutex& registry_mutex);
+
+}  // namespace process
+
+#endif

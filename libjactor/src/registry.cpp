@@ -1,0 +1,76 @@
+// registry.cpp - making the instance, and the threads' memories of it.
+#include "registry.h"
+
+#include <pthread.h>
+
+#include <new>
+#include <type_traits>
+
+namespace registry {
+
+namespace {
+
+// Storage without an end.
+alignas(Instance) constinit unsigned char storage[sizeof(Instance)] = {};
+constinit std::once_flag made;
+
+// Frees the memory of a thread that ends, after the destructors of its thread-local
+// objects.
+pthread_key_t key;
+
+void FreeMemory(void* memory) {
+  Memory::own = nullptr;
+  delete static_cast<Memory*>(memory);
+}
+
+// Makes a contended lock spin for a moment before it sleeps: the mutex is held for
+// well under a microsecond, and putting a thread to sleep takes longer.
+void SpinBeforeSleeping(std::mutex& mutex) {
+#ifdef __GLIBC__
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ADAPTIVE_NP);
+  pthread_mutex_destroy(mutex.native_handle());
+  pthread_mutex_init(mutex.native_handle(), &attributes);
+  pthread_mutexattr_destroy(&attributes);
+#else
+  static_cast<void>(mutex);
+#endif
+}
+
+}  // namespace
+
+constinit thread_local Memory* Memory::own = nullptr;
+
+Memory* Memory::Make() {
+  auto* memory = new (std::nothrow) Memory();
+  if (memory != nullptr && ::pthread_setspecific(key, memory) != 0) {
+    delete memory;
+    return nullptr;
+  }
+  own = memory;
+  return memory;
+}
+
+Instance::Instance() {
+  SpinBeforeSleeping(mutex);
+  constexpr std::size_t kUsualObjects = 1024;
+  frames.reserve(kUsualObjects);
+  msgs.reserve(kUsualObjects);
+}
+
+// pthread_once(), which is behind std::call_once, knows of forks: a child that has lost
+// the thread at work here does the work again.
+JCXXActorAPI* MakeInstance() {
+  std::call_once(made, [] {
+    if (::pthread_key_create(&key, FreeMemory) != 0) {
+      throw std::bad_alloc();
+    }
+    auto* instance = new (storage) Instance();
+    process::Follow(instance->mutex);
+    the_instance.store(instance, std::memory_order_release);
+  });
+  return the_instance.load(std::memory_order_acquire);
+}
+
+}  // namespace registry

@@ -1,0 +1,262 @@
+// exit_storm_test.cpp - processes that fork while their threads use the library, and
+// that end at bad moments.
+//
+// Each case runs in a child process, which is killed after a while if it hangs.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdarg>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "jactor.h"
+#include "jcxxactorapi.h"
+#include "jcxxsock.h"
+#include "jlog.h"
+
+namespace {
+std::atomic<int> errors_logged{0};
+}  // namespace
+
+extern "C" void jlog_printf(int level, int, const char*, ...) {
+  if (level <= 2) {
+    ++errors_logged;
+  }
+}
+
+// A child has none of the threads that hold what the parent allocated.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
+  return "detect_leaks=0";
+}
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
+  return "report_thread_leaks=0:die_after_fork=0";
+}
+
+namespace {
+
+constexpr unsigned kHangs = 30;  // seconds after which a child is killed
+
+// How many times a storm does it; JACTOR_STORM_EXITS says otherwise.
+int Rounds(int usual) {
+  const char* asked = std::getenv("JACTOR_STORM_EXITS");
+  return asked != nullptr ? std::atoi(asked) : usual;
+}
+
+// Runs `body` in a child process that ends with exit(0) after it.
+template <class Body>
+pid_t Child(Body body) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::alarm(kHangs);
+    body();
+    std::exit(0);
+  }
+  return pid;
+}
+
+// How a child ends: its exit code, or minus the signal that killed it.
+int Outcome(pid_t pid) {
+  int status = 0;
+  EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+// A pair of socks, and a message over it.
+struct Pair {
+  std::array<JCXXSock*, 2> ends{};
+  Pair() {
+    const auto [a, b] = SockFromPipes::MakeSockPairFromPipes();
+    ends = {a, b};
+  }
+  ~Pair() {
+    j_sock_destroy(&ends[0]);
+    j_sock_destroy(&ends[1]);
+  }
+  bool Exchange() const {
+    JCXXMsg* msg = j_msg_new();
+    bool good = j_msg_addstr(msg, "storm") == 0 && j_msg_addstr(msg, "exit") == 0 &&
+                j_msg_send(&msg, ends[0]) == 0;
+    msg = j_msg_recv(ends[1]);
+    good = good && msg != nullptr;
+    j_msg_destroy(&msg);
+    return good;
+  }
+};
+
+[[noreturn]] void ExchangeForEver() {
+  for (const Pair pair;;) {
+    pair.Exchange();
+  }
+}
+
+// An actor function that is busy until it is asked to stop.
+void Echo(j_sock_t* sock, void* stopped) {
+  j_sock_signal(sock, 0);
+  for (JCXXMsg* msg = nullptr; (msg = j_msg_recv(sock)) != nullptr;) {
+    if (j_msg_send(&msg, sock) != 0) {
+      j_msg_destroy(&msg);
+    }
+  }
+  if (stopped != nullptr) {
+    *static_cast<std::atomic<bool>*>(stopped) = true;
+  }
+}
+
+int ready[2];  // a child says here that it is at work
+
+// Kills a child that exchanges messages, and whose handler calls exit(0).
+void TerminateAtWork(bool second_thread) {
+  const pid_t pid = Child([=] {
+    std::signal(SIGTERM, [](int) { std::exit(0); });
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
+    if (second_thread) {
+      std::thread(ExchangeForEver).detach();
+    }
+    const Pair pair;
+    pair.Exchange();
+    ::pthread_sigmask(SIG_UNBLOCK, &term, nullptr);
+    EXPECT_EQ(::write(ready[1], "x", 1), 1);
+    ExchangeForEver();
+  });
+  char byte = 0;
+  EXPECT_EQ(::read(ready[0], &byte, 1), 1);
+  for (std::atomic<int> moment{std::rand() % 100000}; --moment > 0;) {
+  }
+  ::kill(pid, SIGTERM);
+  ASSERT_EQ(Outcome(pid), 0) << (second_thread ? "beside a busy thread" : "alone");
+}
+
+TEST(ExitStorm, ASignalHandlerMayExitWhereverItInterruptsTheLibrary) {
+  ASSERT_EQ(::pipe(ready), 0);
+  for (int round = Rounds(300); round > 0 && !HasFailure(); --round) {
+    TerminateAtWork(round % 2 == 0);
+  }
+}
+
+// What a child of a parent with busy threads may do: use objects of its own.
+void UseEverything() {
+  const std::string endpoint = "ipc://exit-storm-" + std::to_string(::getpid());
+  JCXXSock* pull = j_pipe_new_pull(endpoint.c_str());
+  bool good = pull != nullptr && Pair().Exchange();
+  JCXXActor* actor = j_actor_new(Echo, nullptr);
+  JCXXMsg* msg = j_msg_new();
+  good = good && j_msg_addstr(msg, "child") == 0 && j_msg_send(&msg, actor) == 0;
+  msg = j_msg_recv(actor);
+  good = good && msg != nullptr;
+  j_msg_destroy(&msg);
+  j_actor_destroy(&actor);
+  j_sock_destroy(&pull);
+  std::filesystem::remove("/var/run/jactor/Jipc_" + endpoint.substr(6));
+  const mode_t umask_left = ::umask(022);
+  if (!good || umask_left == 0) {
+    std::_Exit(good ? 2 : 1);
+  }
+}
+
+// The parent's threads exchange messages, start actors and open endpoints meanwhile.
+TEST(ExitStorm, AForkedChildUsesTheLibraryWhateverTheParentsThreadsHeld) {
+#ifdef JACTOR_SANITIZED
+  GTEST_SKIP() << "a sanitizer's own locks may be held for ever in the child";
+#endif
+  ::umask(022);
+  const pid_t parent = Child([] {
+    for (int n = 0; n < 2; ++n) {
+      std::thread(ExchangeForEver).detach();
+      std::thread([] {
+        for (;;) {
+          JCXXActor* actor = j_actor_new(Echo, nullptr);
+          j_actor_destroy(&actor);
+        }
+      }).detach();
+      std::thread([name = "ipc://exit-storm-" + std::to_string(::getpid()) + std::to_string(n)] {
+        const std::string fifo = "/var/run/jactor/Jipc_" + name.substr(6);
+        for (;;) {
+          JCXXSock* sock = j_pipe_new_pull(name.c_str());
+          j_sock_destroy(&sock);
+          std::filesystem::remove(fifo);
+        }
+      }).detach();
+    }
+    for (int round = Rounds(150); round > 0; --round) {
+      const int outcome = Outcome(Child(UseEverything));
+      if (outcome != 0) {
+        std::fprintf(stderr, "a child ended with %d\n", outcome);
+        std::_Exit(3);
+      }
+    }
+    std::_Exit(0);
+  });
+  EXPECT_EQ(Outcome(parent), 0);
+}
+
+// Lives longer than the library's own end, since it was made before its first use.
+struct Late {
+  void (*at_the_end)() = nullptr;
+  ~Late() {
+    if (at_the_end != nullptr) {
+      at_the_end();
+    }
+  }
+};
+Late late;
+
+std::size_t Entries(const char* folder) {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
+
+TEST(ExitStorm, NothingIsStartedOnceTheProcessEnds) {
+  const pid_t pid = Child([] {
+    Pair().Exchange();
+    late.at_the_end = [] {
+      const std::size_t before = Entries("/proc/self/task") + Entries("/proc/self/fd");
+      errors_logged = 0;
+      if (j_actor_new(Echo, nullptr) != nullptr || errors_logged != 1) {
+        std::_Exit(1);
+      }
+      if (j_pipe_new_pull("ipc://exit-storm") != nullptr || errors_logged != 2) {
+        std::_Exit(2);
+      }
+      if (Entries("/proc/self/task") + Entries("/proc/self/fd") != before) {
+        std::_Exit(3);
+      }
+    };
+  });
+  EXPECT_EQ(Outcome(pid), 0);
+}
+
+// As in C: a static handle, and an exit handler from before the first use.
+JCXXActor* static_actor = nullptr;
+std::atomic<bool> actor_stopped{false};
+
+TEST(ExitStorm, AnActorCanBeStoppedAfterTheLibrarysOwnEnd) {
+  const pid_t pid = Child([] {
+    std::atexit([] {
+      JCXXMsg* msg = j_msg_new();
+      const bool good = j_msg_addstr(msg, "last") == 0 && j_msg_send(&msg, static_actor) == 0;
+      JCXXMsg* answer = j_msg_recv(static_actor);
+      const bool answered = answer != nullptr;
+      j_msg_destroy(&answer);
+      j_actor_destroy(&static_actor);
+      if (!good || !answered || !actor_stopped) {
+        std::_Exit(1);
+      }
+    });
+    static_actor = j_actor_new(Echo, &actor_stopped);
+    for (int n = 0; n < 2; ++n) {
+      std::thread(ExchangeForEver).detach();
+    }
+  });
+  EXPECT_EQ(Outcome(pid), 0);
+}
+
+}  // namespace
