@@ -69,10 +69,24 @@ install(DIRECTORY examples DESTINATION "${CMAKE_INSTALL_DOCDIR}"
 if(TARGET jpipe)
   set_target_properties(jpipe PROPERTIES INSTALL_RPATH "$ORIGIN/${jactor_lib_from_bin}")
   install(TARGETS jpipe)
-  if(EXISTS "${PROJECT_SOURCE_DIR}/tools/jpipe.bash")
-    install(FILES "${PROJECT_SOURCE_DIR}/tools/jpipe.bash"
-      DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME jpipe)
-  endif()
+  install(FILES "${PROJECT_SOURCE_DIR}/tools/jpipe.bash"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME jpipe)
+
+  # The bridge as a service, for both directions, and the user that it runs as.
+  function(jactor_install_bridge command operands)
+    install(CODE "
+      set(command ${command})
+      set(operands \"${operands}\")
+      cmake_path(APPEND bindir \"\${CMAKE_INSTALL_PREFIX}\" \"${CMAKE_INSTALL_BINDIR}\")
+      configure_file(\"${PROJECT_SOURCE_DIR}/cmake/jpipe@.service.in\"
+        \"${PROJECT_BINARY_DIR}/jpipe-${command}@.service\" @ONLY)")
+    install(FILES "${PROJECT_BINARY_DIR}/jpipe-${command}@.service"
+      DESTINATION lib/systemd/system)
+  endfunction()
+  jactor_install_bridge(export "\\\${ENDPOINT} \\\${ADDRESS}")
+  jactor_install_bridge(import "\\\${ADDRESS} \\\${ENDPOINT}")
+  install(FILES "${PROJECT_SOURCE_DIR}/cmake/sysusers.conf"
+    DESTINATION lib/sysusers.d RENAME jactor.conf)
 endif()
 
 # The run directory, made at start-up, so that programs without privileges find it.
