@@ -23,7 +23,7 @@ std::string FileOf(const std::string& name) {
     return "";
   }
   const std::string path = front.suffix();
-  std::string file = "J" + front.str(1) + "_" + path;
+  std::string file = 'J' + front.str(1) + "_" + path;
   const auto separator = [](char c) { return c == '/' || c == '\\'; };
   std::replace_if(file.begin(), file.end(), separator, '_');
   const bool refused =

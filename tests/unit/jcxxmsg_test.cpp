@@ -31,7 +31,7 @@ std::string Words(const Owned& msg) {
   }
   std::string words;
   for (JCXXFrame* frame : msg->GetFrameList()) {
-    words += "[" + std::string(frame->data.begin(), frame->data.end()) + "]";
+    words += '[' + std::string(frame->data.begin(), frame->data.end()) + ']';
   }
   EXPECT_EQ(msg->GetSize(), words.size() - 2 * msg->GetFrameList().size());
   return words.empty() ? "empty" : words;
