@@ -1,8 +1,4 @@
 // jcxxframe.cpp - the frame record, its wire header, and frames on a sock.
-//
-// Every frame on a stream begins with a header of 1, 2, 3 or 5 bytes. Bit 7 of
-// the lead byte tells a signal from the others, bit 6 a message header from a
-// data frame; bits 5-4 hold the form in which the size follows.
 #include "jcxxframe.h"
 
 #include <cstring>
@@ -12,70 +8,14 @@
 #include "jcxxactorapi.h"
 #include "jcxxsock.h"
 #include "log.h"
+#include "wire.h"
 
 namespace {
 
-constexpr unsigned char kSignalBit = 0x80;
-constexpr unsigned char kLongSignalBit = 0x40;
-constexpr unsigned char kShortSignalMask = 0x3F;
-constexpr unsigned char kMsgHeaderBit = 0x40;
-constexpr unsigned kFormShift = 4;
-constexpr unsigned char kFormMask = 0x03;
-constexpr unsigned char kSizeMask = 0x0F;
-
-constexpr std::uint32_t kForm1Base = 16;  // form 1 holds the size less this
-constexpr std::uint32_t kForm2Base = kForm1Base + 0x1000;
-constexpr std::uint32_t kForm3Base = 0x10000;
-
-unsigned char ByteOf(std::uint32_t number, unsigned shift) {
-  return static_cast<unsigned char>(number >> shift);
-}
-
-unsigned char LeadByte(unsigned char kind, unsigned form, std::uint32_t size_bits) {
-  return static_cast<unsigned char>(kind | (form << kFormShift) | size_bits);
-}
-
-// Encodes a signal's value; returns the header's length.
-std::size_t EncodeSignal(unsigned char value, unsigned char* header) {
-  if (value <= kShortSignalMask) {
-    header[0] = static_cast<unsigned char>(kSignalBit | value);
-    return 1;
-  }
-  header[0] = kSignalBit | kLongSignalBit;
-  header[1] = value;
-  return 2;
-}
-
-// Encodes a size in the shortest form that holds it; returns the header's length.
-std::size_t EncodeSize(unsigned char kind, std::uint32_t size, unsigned char* header) {
-  if (size < kForm1Base) {
-    header[0] = LeadByte(kind, 0, size);
-    return 1;
-  }
-  if (size < kForm2Base) {
-    const std::uint32_t stored = size - kForm1Base;
-    header[0] = LeadByte(kind, 1, stored >> 8);
-    header[1] = ByteOf(stored, 0);
-    return 2;
-  }
-  if (size < kForm3Base) {
-    header[0] = LeadByte(kind, 2, 0);
-    header[1] = ByteOf(size, 8);
-    header[2] = ByteOf(size, 0);
-    return 3;
-  }
-  header[0] = LeadByte(kind, 3, 0);
-  header[1] = ByteOf(size, 24);
-  header[2] = ByteOf(size, 16);
-  header[3] = ByteOf(size, 8);
-  header[4] = ByteOf(size, 0);
-  return 5;
-}
-
 // Encodes the header of a data or message-header frame.
 std::size_t EncodeFrame(JCXXFrame& frame, unsigned char* header) {
-  const unsigned char kind = frame.IsMsgHeaderFrame() ? kMsgHeaderBit : 0;
-  return EncodeSize(kind, static_cast<std::uint32_t>(frame.GetSize()), header);
+  const auto size = static_cast<std::uint32_t>(frame.GetSize());
+  return wire::Encode({static_cast<wire::Kind>(frame.type), size}, header);
 }
 
 bool HasPayload(JCXXFrame& frame) { return frame.IsDataFrame() && !frame.data.empty(); }
@@ -85,22 +25,15 @@ bool ReadExactly(JCXXSock* psock, unsigned char* buf, std::size_t len) {
   return psock->ReadBlocking(buf, len, got) == 0 && got == len;
 }
 
-// Reads what the lead byte says must follow of the size.
-bool ReadSize(JCXXSock* psock, unsigned char lead, std::uint32_t& size) {
-  constexpr std::size_t kBytesAfterLead[] = {0, 1, 2, 4};
-  const unsigned form = (lead >> kFormShift) & kFormMask;
-  unsigned char rest[4];
-  if (form != 0 && !ReadExactly(psock, rest, kBytesAfterLead[form])) {
+// Reads what the lead byte says must follow of the header. Result: whether it came.
+bool ReadHeader(JCXXSock* psock, unsigned char lead, wire::Header& header) {
+  unsigned char bytes[wire::kMaxHeader] = {lead};
+  const std::size_t more = wire::BytesAfterLead(lead);
+  if (more != 0 && !ReadExactly(psock, bytes + 1, more)) {
     return false;
   }
-  size = form <= 1 ? lead & kSizeMask : 0;
-  for (std::size_t i = 0; i < kBytesAfterLead[form]; ++i) {
-    size = size << 8 | rest[i];
-  }
-  if (form == 1) {
-    size += kForm1Base;
-  }
-  return size <= JCXXFrame::kMaxSize;
+  header = wire::Decode(bytes);
+  return true;
 }
 
 JCXXFrame* ReadDataFrame(JCXXSock* psock, std::size_t size) {
@@ -114,8 +47,8 @@ JCXXFrame* ReadDataFrame(JCXXSock* psock, std::size_t size) {
 
 int WriteSignal(JCXXSock* psock, unsigned char value) {
   constexpr const char* kFunction = "WriteFrameToSock";
-  unsigned char header[JCXXFrame::kMaxHeader];
-  const std::size_t length = EncodeSignal(value, header);
+  unsigned char header[wire::kMaxHeader];
+  const std::size_t length = wire::Encode({wire::Kind::kSignal, value}, header);
   std::size_t written = 0;
   const int rc = psock->WriteBlocking(header, length, written);
   if (rc != 0) {
@@ -198,7 +131,7 @@ int JCXXFrame::BuildHeaderInFive() {
     JACTOR_ERROR("not size 1");
     return -1;
   }
-  header_len = EncodeSignal(data[0], header);
+  header_len = wire::Encode({wire::Kind::kSignal, data[0]}, header);
   return 0;
 }
 
@@ -245,7 +178,7 @@ int JCXXFrame::WriteFrameToSock(JCXXSock* psock) {
     }
     return WriteSignal(psock, data[0]);
   }
-  unsigned char own_header[kMaxHeader];
+  unsigned char own_header[wire::kMaxHeader];
   iovec iov[2];
   iov[0] = {own_header, EncodeFrame(*this, own_header)};
   int count = 1;
@@ -289,21 +222,26 @@ JCXXFrame* JCXXFrame::ReadFrameFromSock(JCXXSock* psock) {
   if (got != 1) {
     return nullptr;
   }
-  if ((lead & kSignalBit) == 0) {
+  const wire::Kind kind = wire::KindOf(lead);
+  if (kind != wire::Kind::kSignal) {
     JACTOR_TRACE("frame or msg");
-    std::uint32_t size = 0;
-    if (!ReadSize(psock, lead, size)) {
-      return nullptr;
-    }
-    return (lead & kMsgHeaderBit) != 0 ? new JCXXFrame(size) : ReadDataFrame(psock, size);
-  }
-  if ((lead & kLongSignalBit) == 0) {
+  } else if (wire::BytesAfterLead(lead) == 0) {
     JACTOR_TRACE("signal 6");
-    return new JCXXFrame(static_cast<unsigned char>(lead & kShortSignalMask));
+  } else {
+    JACTOR_TRACE(" default case signal 8");
   }
-  JACTOR_TRACE(" default case signal 8");
-  unsigned char value = 0;
-  return ReadExactly(psock, &value, 1) ? new JCXXFrame(value) : nullptr;
+  wire::Header header = {};
+  if (!ReadHeader(psock, lead, header)) {
+    return nullptr;
+  }
+  if (kind == wire::Kind::kSignal) {
+    return new JCXXFrame(static_cast<unsigned char>(header.number));
+  }
+  if (header.number > kMaxSize) {
+    return nullptr;
+  }
+  return kind == wire::Kind::kMsgHeader ? new JCXXFrame(header.number)
+                                        : ReadDataFrame(psock, header.number);
 }
 
 JCXXFrame* JCXXFrame::ReadFrameFromSockNonBlocking(JCXXSock* psock) {
