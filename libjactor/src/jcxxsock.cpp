@@ -1,5 +1,5 @@
 // jcxxsock.cpp - reading and writing exact byte counts over descriptors, the
-// pipe-pair sock, and the sock over a named FIFO.
+// pipe-pair sock, and the sock over a named FIFO, in this order.
 //
 // Every system call's EINTR, EAGAIN and short count is handled here and nowhere
 // else.
@@ -22,18 +22,13 @@
 #include <vector>
 
 #include "cancellation.h"
+#include "descriptor.h"
 #include "jcxxactorapi.h"
 #include "jcxxmsg.h"
 #include "log.h"
 #include "process.h"
 
 namespace {
-
-constexpr std::size_t kReadAheadCap = 16384;
-constexpr std::size_t kReadAheadFallback = 4096;
-
-constexpr const char* kWriteBlockingIOV = "WriteBlockingIOV";
-constexpr const char* kReadStep = "ReadBlockingReadaheadBuffered";
 
 bool MustRepeat(int error) { return error == EAGAIN || error == EINTR; }
 
@@ -52,7 +47,7 @@ bool RepeatWhenReady(int fd, short event) {
 
 // Asks a sock for one of its descriptors. Result: 0 and `fd` not negative, or
 // what the operation returns.
-int Descriptor(JCXXSock& sock, int (JCXXSock::*get)(int&), int& fd) {
+int DescriptorOf(JCXXSock& sock, int (JCXXSock::*get)(int&), int& fd) {
   fd = -1;
   if (const int rc = (sock.*get)(fd); rc != 0) {
     return rc;
@@ -60,7 +55,42 @@ int Descriptor(JCXXSock& sock, int (JCXXSock::*get)(int&), int& fd) {
   return fd < 0 ? -1 : 0;
 }
 
-// Gathered writing
+}  // namespace
+
+JCXXSock::JCXXSock()
+    : read_buffer(nullptr), read_buffer_pos(nullptr), read_buffer_size(0), read_buffer_avail(0) {
+  JCXXActorAPI::GetInstance()->JCXXSockPtrAdd(this);
+}
+
+JCXXSock::JCXXSock(JCXXSock const& /*other*/)
+    : read_buffer(nullptr), read_buffer_pos(nullptr), read_buffer_size(0), read_buffer_avail(0) {
+  JACTOR_TRACE("JCXXSock copy constructor");
+  JCXXActorAPI::GetInstance()->JCXXSockPtrAdd(this);
+}
+
+JCXXSock& JCXXSock::operator=(JCXXSock const& other) {
+  JACTOR_TRACE("JCXXSock copy assignment operator");
+  if (this != &other) {
+    JCXXActorAPI::GetInstance()->JCXXSockPtrAdd(this);
+  }
+  return *this;
+}
+
+JCXXSock::~JCXXSock() {
+  delete[] read_buffer;
+  read_buffer = nullptr;
+  JCXXActorAPI::GetInstance()->JCXXSockPtrRemove(this);
+}
+
+int JCXXSock::GetReadFD(int& /*fd*/) { return -1; }
+
+int JCXXSock::GetWriteFD(int& /*fd*/) { return -1; }
+
+// Writing
+
+namespace {
+
+constexpr const char* kWriteBlockingIOV = "WriteBlockingIOV";
 
 void LogWriteFailure(int error) {
   if (error == EAGAIN) {
@@ -116,8 +146,83 @@ int WriteRemainder(int fd, const iovec* iov, int iovcnt, std::size_t sent, std::
   return 0;
 }
 
-// The read step: the caller's bytes from the buffer
+}  // namespace
 
+int JCXXSock::WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& written) {
+  written = 0;
+  if (buf == nullptr) {
+    return -1;
+  }
+  int fd = -1;
+  if (const int rc = DescriptorOf(*this, &JCXXSock::GetWriteFD, fd); rc != 0) {
+    return rc;
+  }
+  std::size_t done = 0;
+  while (done < len) {
+    const ssize_t step = ::write(fd, buf + done, len - done);
+    if (step > 0) {
+      done += static_cast<std::size_t>(step);
+    } else if (step == 0 || !RepeatWhenReady(fd, POLLOUT)) {
+      return -1;
+    }
+  }
+  written = len;
+  return 0;
+}
+
+int JCXXSock::WriteBlockingIOV(const iovec* iov, int iovcnt, std::size_t& written) {
+  JACTOR_TRACE("WriteBlockingIOV");
+  written = 0;
+  if (iov == nullptr || iovcnt < 0) {
+    return -1;
+  }
+  int fd = -1;
+  if (const int rc = DescriptorOf(*this, &JCXXSock::GetWriteFD, fd); rc != 0) {
+    return rc;
+  }
+  std::size_t total_size = 0;
+  for (int j = 0; j < iovcnt; ++j) {
+    JACTOR_TRACE("iov[j].iov_len=%zd", iov[j].iov_len);
+    JACTOR_TRACE("iov[j].iov_base=0x%zx", reinterpret_cast<std::size_t>(iov[j].iov_base));
+    total_size += iov[j].iov_len;
+  }
+  if (total_size == 0) {
+    return 0;
+  }
+  JACTOR_TRACE("total_size=%zd", total_size);
+  JACTOR_TRACE("before writev");
+  const ssize_t waswritten = ::writev(fd, iov, iovcnt);
+  JACTOR_TRACE("after writev, waswritten=%zd", waswritten);
+  if (waswritten < 0) {
+    LogWriteFailure(errno);
+    if (!MustRepeat(errno)) {
+      JACTOR_ERROR("other error, errno=%d", errno);
+    }
+    return -1;
+  }
+  const auto sent = static_cast<std::size_t>(waswritten);
+  if (sent == total_size) {
+    JACTOR_TRACE("all in one");
+  } else {
+    JACTOR_ERROR("partial write, waswritten=%zd", waswritten);
+    if (sent == 0 || WriteRemainder(fd, iov, iovcnt, sent, total_size) != 0) {
+      return -1;
+    }
+  }
+  written = total_size;
+  return 0;
+}
+
+// Reading
+
+namespace {
+
+constexpr const char* kReadStep = "ReadBlockingReadaheadBuffered";
+
+constexpr std::size_t kReadAheadCap = 16384;
+constexpr std::size_t kReadAheadFallback = 4096;
+
+// The caller's bytes from the buffer.
 std::size_t ServeFromBuffer(JCXXSock& sock, void* buf, std::size_t s) {
   JACTOR_TRACE_AS(kReadStep, "use data from the buffer");
   if (sock.read_buffer_avail >= s) {
@@ -198,12 +303,105 @@ ssize_t ReadDirect(int fd, void* buf, std::size_t s) {
   return wasread;
 }
 
-void CloseDescriptor(int& fd) {
-  if (fd >= 0) {
-    ::close(fd);
-    fd = -1;
+}  // namespace
+
+int JCXXSock::AvailableToRead(std::size_t& avail) {
+  avail = 0;
+  int fd = -1;
+  if (const int rc = DescriptorOf(*this, &JCXXSock::GetReadFD, fd); rc != 0) {
+    return rc;
   }
+  int count = 0;
+  while (::ioctl(fd, FIONREAD, &count) < 0) {
+    if (!MustRepeat(errno)) {
+      return -1;
+    }
+  }
+  avail = static_cast<std::size_t>(count);
+  JACTOR_TRACE("avail=%zd", avail);
+  return 0;
 }
+
+ssize_t JCXXSock::ReadBlockingReadaheadBuffered(void* buf, std::size_t s) {
+  if (buf == nullptr) {
+    return -1;
+  }
+  int fd = -1;
+  if (const int rc = DescriptorOf(*this, &JCXXSock::GetReadFD, fd); rc != 0) {
+    errno = EBADF;  // ReadBlocking judges errno: an old EINTR must not make it repeat
+    return rc;
+  }
+  if (s == 0) {
+    return 0;
+  }
+  JACTOR_TRACE("s=%zd", s);
+  JACTOR_TRACE("read_buffer_avail=%zd", read_buffer_avail);
+  if (read_buffer_avail > 0) {
+    return static_cast<ssize_t>(ServeFromBuffer(*this, buf, s));
+  }
+  std::size_t avail = 0;
+  if (AvailableToRead(avail) != 0) {
+    JACTOR_TRACE("no available");
+    avail = 0;
+  }
+  JACTOR_TRACE("avail=%zd", avail);
+  return avail > s ? ReadAhead(*this, fd, buf, s, avail) : ReadDirect(fd, buf, s);
+}
+
+int JCXXSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got) {
+  got = 0;
+  if (buf == nullptr) {
+    return -1;
+  }
+  int fd = -1;
+  if (const int rc = DescriptorOf(*this, &JCXXSock::GetReadFD, fd); rc != 0) {
+    return rc;
+  }
+  std::size_t done = 0;
+  while (done < len) {
+    const ssize_t step = ReadBlockingReadaheadBuffered(buf + done, len - done);
+    if (step > 0) {
+      done += static_cast<std::size_t>(step);
+    } else if (step == 0 || !RepeatWhenReady(fd, POLLIN)) {
+      return -1;
+    }
+  }
+  got = len;
+  return 0;
+}
+
+std::size_t JCXXSock::BufferedToRead() { return read_buffer_avail; }
+
+// Not offered
+
+int JCXXSock::ReadNonBlocking(unsigned char* /*buf*/, std::size_t /*len*/, std::size_t& /*got*/) {
+  return -1;
+}
+
+int JCXXSock::WriteNonBlocking(unsigned char* /*buf*/, std::size_t /*len*/,
+                               std::size_t& /*written*/) {
+  return -1;
+}
+
+// Whole messages
+
+int JCXXSock::Send(JCXXMsg** msg) {
+  if (msg == nullptr || *msg == nullptr) {
+    return -1;
+  }
+  if (const int rc = (*msg)->WriteMessage(this); rc != 0) {
+    return rc;
+  }
+  delete *msg;
+  *msg = nullptr;
+  return 0;
+}
+
+JCXXMsg* JCXXSock::Recv() { return JCXXMsg::ReadMessage(this); }
+
+// The pipe pair
+
+namespace {
 
 int HandOut(int descriptor, int& fd) {
   if (descriptor < 0) {
@@ -213,42 +411,119 @@ int HandOut(int descriptor, int& fd) {
   return 0;
 }
 
-// A new pipe, closed unless its ends are taken.
-class Pipe {
- public:
-  Pipe() {
-    if (::pipe(ends_) != 0) {
-      throw std::bad_alloc();
-    }
-  }
-  Pipe(Pipe const&) = delete;
-  Pipe& operator=(Pipe const&) = delete;
-  ~Pipe() {
-    CloseDescriptor(ends_[0]);
-    CloseDescriptor(ends_[1]);
-  }
-
-  void SetCloseOnExec() const {
-    ::fcntl(ends_[0], F_SETFD, FD_CLOEXEC);
-    ::fcntl(ends_[1], F_SETFD, FD_CLOEXEC);
-  }
-
-  int& read_end() { return ends_[0]; }
-  int& write_end() { return ends_[1]; }
-
- private:
-  int ends_[2] = {-1, -1};
-};
-
 // A sock that takes over both descriptors, once it has been made.
-std::unique_ptr<JCXXSock> TakeOver(int& read_end, int& write_end) {
-  auto sock = std::make_unique<SockFromPipes>(read_end, write_end);
-  read_end = -1;
-  write_end = -1;
+std::unique_ptr<JCXXSock> TakeOver(Descriptor& read_end, Descriptor& write_end) {
+  auto sock = std::make_unique<SockFromPipes>(read_end.get(), write_end.get());
+  read_end.Release();
+  write_end.Release();
   return sock;
 }
 
-// Named endpoints. Every line of the functions below names the one public call.
+}  // namespace
+
+SockFromPipes::SockFromPipes() : read_fd(-1), write_fd(-1) {}
+
+SockFromPipes::SockFromPipes(int reading, int writing) : read_fd(reading), write_fd(writing) {}
+
+SockFromPipes::SockFromPipes(SockFromPipes const& /*other*/)
+    : JCXXSock(), read_fd(-1), write_fd(-1) {
+  JACTOR_TRACE("SockFromPipes copy constructor");
+}
+
+SockFromPipes& SockFromPipes::operator=(SockFromPipes const& other) {
+  JACTOR_TRACE("SockFromPipes copy assignment operator");
+  if (this != &other) {
+    CloseDescriptor(read_fd);
+    CloseDescriptor(write_fd);
+  }
+  return *this;
+}
+
+SockFromPipes::~SockFromPipes() {
+  const NoCancellation destroying;
+  CloseDescriptor(read_fd);
+  CloseDescriptor(write_fd);
+}
+
+int SockFromPipes::GetReadFD(int& fd) { return HandOut(read_fd, fd); }
+
+int SockFromPipes::GetWriteFD(int& fd) { return HandOut(write_fd, fd); }
+
+std::tuple<JCXXSock*, JCXXSock*> SockFromPipes::MakeSockPairFromPipes() {
+  Pipe first;
+  Pipe second;
+  first.SetCloseOnExec();
+  second.SetCloseOnExec();
+  auto a = TakeOver(second.read_end, first.write_end);
+  auto b = TakeOver(first.read_end, second.write_end);
+  return {a.release(), b.release()};
+}
+
+// The named FIFO
+
+SockFromNamedEndpoint::SockFromNamedEndpoint() : fd(-1) {
+  JACTOR_TRACE("SockFromNamedEndpoint constructor");
+}
+
+SockFromNamedEndpoint::SockFromNamedEndpoint(int descriptor) : fd(descriptor) {
+  JACTOR_TRACE("SockFromNamedEndpoint constructor from fd");
+}
+
+SockFromNamedEndpoint::SockFromNamedEndpoint(SockFromNamedEndpoint const& /*other*/)
+    : JCXXSock(), fd(-1) {
+  JACTOR_TRACE("SockFromNamedEndpoint copy constructor");
+}
+
+SockFromNamedEndpoint& SockFromNamedEndpoint::operator=(SockFromNamedEndpoint const& other) {
+  JACTOR_TRACE("SockFromNamedEndpoint copy assignment operator");
+  if (this != &other) {
+    fd = -1;
+  }
+  return *this;
+}
+
+SockFromNamedEndpoint::~SockFromNamedEndpoint() {
+  const NoCancellation destroying;
+  JACTOR_TRACE("SockFromNamedEndpoint destructor");
+  if (read_buffer_avail > 0) {
+    JACTOR_ERROR("%zd bytes read ahead and not received are lost", read_buffer_avail);
+  }
+  CloseDescriptor(fd);
+}
+
+int SockFromNamedEndpoint::GetReadFD(int& descriptor) { return HandOut(fd, descriptor); }
+
+int SockFromNamedEndpoint::GetWriteFD(int& descriptor) { return HandOut(fd, descriptor); }
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): callers pass it by value
+std::list<std::string> SockFromNamedEndpoint::SplitAtCommas(std::string names) {
+  std::list<std::string> pieces;
+  std::size_t start = 0;
+  for (std::size_t comma = names.find(','); comma != std::string::npos;
+       comma = names.find(',', start)) {
+    pieces.push_back(names.substr(start, comma - start));
+    start = comma + 1;
+  }
+  pieces.push_back(names.substr(start));
+  return pieces;
+}
+
+void SockFromNamedEndpoint::SplitLikeURI(std::string& name, std::string& transport,
+                                         std::string& path) {
+  constexpr std::size_t kSeparatorLength = 3;
+  transport.clear();
+  path.clear();
+  const std::size_t at = name.find("://");
+  if (at == std::string::npos || at == 0 || at + kSeparatorLength == name.size()) {
+    return;
+  }
+  transport = name.substr(0, at);
+  path = name.substr(at + kSeparatorLength);
+}
+
+namespace {
+
+// Every line of these functions names the one public call.
 
 namespace fs = std::filesystem;
 
@@ -403,310 +678,18 @@ bool IsFifo(int fd) {
   return ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-// Opens the FIFO both ways, so that the opening waits for nobody. Result: the
-// descriptor, or -1: also when the file has been exchanged for something else.
-int OpenFifo(const std::string& fifopath) {
-  int fd = ::open(fifopath.c_str(), O_RDWR | O_NOFOLLOW | O_NOATIME | O_CLOEXEC);
-  if (fd >= 0 && !IsFifo(fd)) {
-    CloseDescriptor(fd);
-  }
-  if (fd < 0) {
+// Opens the FIFO both ways, so that the opening waits for nobody. Result: none when it
+// cannot be opened, also when the file has been exchanged for something else.
+Descriptor OpenFifo(const std::string& fifopath) {
+  Descriptor opened(::open(fifopath.c_str(), O_RDWR | O_NOFOLLOW | O_NOATIME | O_CLOEXEC));
+  if (!opened || !IsFifo(opened.get())) {
     JACTOR_ERROR_AS(kOpenEndpoint, "unable to open fifo");
+    return Descriptor();
   }
-  return fd;
+  return opened;
 }
 
 }  // namespace
-
-JCXXSock::JCXXSock()
-    : read_buffer(nullptr), read_buffer_pos(nullptr), read_buffer_size(0), read_buffer_avail(0) {
-  JCXXActorAPI::GetInstance()->JCXXSockPtrAdd(this);
-}
-
-JCXXSock::JCXXSock(JCXXSock const& /*other*/)
-    : read_buffer(nullptr), read_buffer_pos(nullptr), read_buffer_size(0), read_buffer_avail(0) {
-  JACTOR_TRACE("JCXXSock copy constructor");
-  JCXXActorAPI::GetInstance()->JCXXSockPtrAdd(this);
-}
-
-JCXXSock& JCXXSock::operator=(JCXXSock const& other) {
-  JACTOR_TRACE("JCXXSock copy assignment operator");
-  if (this != &other) {
-    JCXXActorAPI::GetInstance()->JCXXSockPtrAdd(this);
-  }
-  return *this;
-}
-
-JCXXSock::~JCXXSock() {
-  delete[] read_buffer;
-  read_buffer = nullptr;
-  JCXXActorAPI::GetInstance()->JCXXSockPtrRemove(this);
-}
-
-int JCXXSock::GetReadFD(int& /*fd*/) { return -1; }
-
-int JCXXSock::GetWriteFD(int& /*fd*/) { return -1; }
-
-int JCXXSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got) {
-  got = 0;
-  if (buf == nullptr) {
-    return -1;
-  }
-  int fd = -1;
-  if (const int rc = Descriptor(*this, &JCXXSock::GetReadFD, fd); rc != 0) {
-    return rc;
-  }
-  std::size_t done = 0;
-  while (done < len) {
-    const ssize_t step = ReadBlockingReadaheadBuffered(buf + done, len - done);
-    if (step > 0) {
-      done += static_cast<std::size_t>(step);
-    } else if (step == 0 || !RepeatWhenReady(fd, POLLIN)) {
-      return -1;
-    }
-  }
-  got = len;
-  return 0;
-}
-
-int JCXXSock::WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& written) {
-  written = 0;
-  if (buf == nullptr) {
-    return -1;
-  }
-  int fd = -1;
-  if (const int rc = Descriptor(*this, &JCXXSock::GetWriteFD, fd); rc != 0) {
-    return rc;
-  }
-  std::size_t done = 0;
-  while (done < len) {
-    const ssize_t step = ::write(fd, buf + done, len - done);
-    if (step > 0) {
-      done += static_cast<std::size_t>(step);
-    } else if (step == 0 || !RepeatWhenReady(fd, POLLOUT)) {
-      return -1;
-    }
-  }
-  written = len;
-  return 0;
-}
-
-int JCXXSock::ReadNonBlocking(unsigned char* /*buf*/, std::size_t /*len*/, std::size_t& /*got*/) {
-  return -1;
-}
-
-int JCXXSock::WriteNonBlocking(unsigned char* /*buf*/, std::size_t /*len*/,
-                               std::size_t& /*written*/) {
-  return -1;
-}
-
-int JCXXSock::AvailableToRead(std::size_t& avail) {
-  avail = 0;
-  int fd = -1;
-  if (const int rc = Descriptor(*this, &JCXXSock::GetReadFD, fd); rc != 0) {
-    return rc;
-  }
-  int count = 0;
-  while (::ioctl(fd, FIONREAD, &count) < 0) {
-    if (!MustRepeat(errno)) {
-      return -1;
-    }
-  }
-  avail = static_cast<std::size_t>(count);
-  JACTOR_TRACE("avail=%zd", avail);
-  return 0;
-}
-
-int JCXXSock::WriteBlockingIOV(const iovec* iov, int iovcnt, std::size_t& written) {
-  JACTOR_TRACE("WriteBlockingIOV");
-  written = 0;
-  if (iov == nullptr || iovcnt < 0) {
-    return -1;
-  }
-  int fd = -1;
-  if (const int rc = Descriptor(*this, &JCXXSock::GetWriteFD, fd); rc != 0) {
-    return rc;
-  }
-  std::size_t total_size = 0;
-  for (int j = 0; j < iovcnt; ++j) {
-    JACTOR_TRACE("iov[j].iov_len=%zd", iov[j].iov_len);
-    JACTOR_TRACE("iov[j].iov_base=0x%zx", reinterpret_cast<std::size_t>(iov[j].iov_base));
-    total_size += iov[j].iov_len;
-  }
-  if (total_size == 0) {
-    return 0;
-  }
-  JACTOR_TRACE("total_size=%zd", total_size);
-  JACTOR_TRACE("before writev");
-  const ssize_t waswritten = ::writev(fd, iov, iovcnt);
-  JACTOR_TRACE("after writev, waswritten=%zd", waswritten);
-  if (waswritten < 0) {
-    LogWriteFailure(errno);
-    if (!MustRepeat(errno)) {
-      JACTOR_ERROR("other error, errno=%d", errno);
-    }
-    return -1;
-  }
-  const auto sent = static_cast<std::size_t>(waswritten);
-  if (sent == total_size) {
-    JACTOR_TRACE("all in one");
-  } else {
-    JACTOR_ERROR("partial write, waswritten=%zd", waswritten);
-    if (sent == 0 || WriteRemainder(fd, iov, iovcnt, sent, total_size) != 0) {
-      return -1;
-    }
-  }
-  written = total_size;
-  return 0;
-}
-
-int JCXXSock::Send(JCXXMsg** msg) {
-  if (msg == nullptr || *msg == nullptr) {
-    return -1;
-  }
-  if (const int rc = (*msg)->WriteMessage(this); rc != 0) {
-    return rc;
-  }
-  delete *msg;
-  *msg = nullptr;
-  return 0;
-}
-
-JCXXMsg* JCXXSock::Recv() { return JCXXMsg::ReadMessage(this); }
-
-ssize_t JCXXSock::ReadBlockingReadaheadBuffered(void* buf, std::size_t s) {
-  if (buf == nullptr) {
-    return -1;
-  }
-  int fd = -1;
-  if (const int rc = Descriptor(*this, &JCXXSock::GetReadFD, fd); rc != 0) {
-    errno = EBADF;  // ReadBlocking judges errno: an old EINTR must not make it repeat
-    return rc;
-  }
-  if (s == 0) {
-    return 0;
-  }
-  JACTOR_TRACE("s=%zd", s);
-  JACTOR_TRACE("read_buffer_avail=%zd", read_buffer_avail);
-  if (read_buffer_avail > 0) {
-    return static_cast<ssize_t>(ServeFromBuffer(*this, buf, s));
-  }
-  std::size_t avail = 0;
-  if (AvailableToRead(avail) != 0) {
-    JACTOR_TRACE("no available");
-    avail = 0;
-  }
-  JACTOR_TRACE("avail=%zd", avail);
-  return avail > s ? ReadAhead(*this, fd, buf, s, avail) : ReadDirect(fd, buf, s);
-}
-
-std::size_t JCXXSock::BufferedToRead() { return read_buffer_avail; }
-
-JCXXSock* JCXXSock::NewPull(char const* name) {
-  return SockFromNamedEndpoint::NewSockFromNamedEndpoint(name, true);
-}
-
-JCXXSock* JCXXSock::NewPush(char const* name) {
-  return SockFromNamedEndpoint::NewSockFromNamedEndpoint(name, false);
-}
-
-SockFromPipes::SockFromPipes() : read_fd(-1), write_fd(-1) {}
-
-SockFromPipes::SockFromPipes(int reading, int writing) : read_fd(reading), write_fd(writing) {}
-
-SockFromPipes::SockFromPipes(SockFromPipes const& /*other*/)
-    : JCXXSock(), read_fd(-1), write_fd(-1) {
-  JACTOR_TRACE("SockFromPipes copy constructor");
-}
-
-SockFromPipes& SockFromPipes::operator=(SockFromPipes const& other) {
-  JACTOR_TRACE("SockFromPipes copy assignment operator");
-  if (this != &other) {
-    CloseDescriptor(read_fd);
-    CloseDescriptor(write_fd);
-  }
-  return *this;
-}
-
-SockFromPipes::~SockFromPipes() {
-  const NoCancellation destroying;
-  CloseDescriptor(read_fd);
-  CloseDescriptor(write_fd);
-}
-
-int SockFromPipes::GetReadFD(int& fd) { return HandOut(read_fd, fd); }
-
-int SockFromPipes::GetWriteFD(int& fd) { return HandOut(write_fd, fd); }
-
-std::tuple<JCXXSock*, JCXXSock*> SockFromPipes::MakeSockPairFromPipes() {
-  Pipe first;
-  Pipe second;
-  first.SetCloseOnExec();
-  second.SetCloseOnExec();
-  auto a = TakeOver(second.read_end(), first.write_end());
-  auto b = TakeOver(first.read_end(), second.write_end());
-  return {a.release(), b.release()};
-}
-
-SockFromNamedEndpoint::SockFromNamedEndpoint() : fd(-1) {
-  JACTOR_TRACE("SockFromNamedEndpoint constructor");
-}
-
-SockFromNamedEndpoint::SockFromNamedEndpoint(int descriptor) : fd(descriptor) {
-  JACTOR_TRACE("SockFromNamedEndpoint constructor from fd");
-}
-
-SockFromNamedEndpoint::SockFromNamedEndpoint(SockFromNamedEndpoint const& /*other*/)
-    : JCXXSock(), fd(-1) {
-  JACTOR_TRACE("SockFromNamedEndpoint copy constructor");
-}
-
-SockFromNamedEndpoint& SockFromNamedEndpoint::operator=(SockFromNamedEndpoint const& other) {
-  JACTOR_TRACE("SockFromNamedEndpoint copy assignment operator");
-  if (this != &other) {
-    fd = -1;
-  }
-  return *this;
-}
-
-SockFromNamedEndpoint::~SockFromNamedEndpoint() {
-  const NoCancellation destroying;
-  JACTOR_TRACE("SockFromNamedEndpoint destructor");
-  if (read_buffer_avail > 0) {
-    JACTOR_ERROR("%zd bytes read ahead and not received are lost", read_buffer_avail);
-  }
-  CloseDescriptor(fd);
-}
-
-int SockFromNamedEndpoint::GetReadFD(int& descriptor) { return HandOut(fd, descriptor); }
-
-int SockFromNamedEndpoint::GetWriteFD(int& descriptor) { return HandOut(fd, descriptor); }
-
-// NOLINTNEXTLINE(performance-unnecessary-value-param): callers pass it by value
-std::list<std::string> SockFromNamedEndpoint::SplitAtCommas(std::string names) {
-  std::list<std::string> pieces;
-  std::size_t start = 0;
-  for (std::size_t comma = names.find(','); comma != std::string::npos;
-       comma = names.find(',', start)) {
-    pieces.push_back(names.substr(start, comma - start));
-    start = comma + 1;
-  }
-  pieces.push_back(names.substr(start));
-  return pieces;
-}
-
-void SockFromNamedEndpoint::SplitLikeURI(std::string& name, std::string& transport,
-                                         std::string& path) {
-  constexpr std::size_t kSeparatorLength = 3;
-  transport.clear();
-  path.clear();
-  const std::size_t at = name.find("://");
-  if (at == std::string::npos || at == 0 || at + kSeparatorLength == name.size()) {
-    return;
-  }
-  transport = name.substr(0, at);
-  path = name.substr(at + kSeparatorLength);
-}
 
 JCXXSock* SockFromNamedEndpoint::NewSockFromNamedEndpoint(char const* name, bool pull) {
   if (name == nullptr) {
@@ -722,14 +705,19 @@ JCXXSock* SockFromNamedEndpoint::NewSockFromNamedEndpoint(char const* name, bool
   if (!EnsureRunDirectory() || !EnsureFifo(fifopath)) {
     return nullptr;
   }
-  int opened = OpenFifo(fifopath);
-  if (opened < 0) {
+  Descriptor opened = OpenFifo(fifopath);
+  if (!opened) {
     return nullptr;
   }
-  try {
-    return new SockFromNamedEndpoint(opened);
-  } catch (...) {
-    CloseDescriptor(opened);
-    throw;
-  }
+  auto sock = std::make_unique<SockFromNamedEndpoint>(opened.get());
+  opened.Release();
+  return sock.release();
+}
+
+JCXXSock* JCXXSock::NewPull(char const* name) {
+  return SockFromNamedEndpoint::NewSockFromNamedEndpoint(name, true);
+}
+
+JCXXSock* JCXXSock::NewPush(char const* name) {
+  return SockFromNamedEndpoint::NewSockFromNamedEndpoint(name, false);
 }
