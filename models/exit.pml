@@ -1,104 +1,137 @@
 /*
- * exit.pml - the end of the process, and what may still call then.
+ * exit.pml - the end of the process, and a fork, beside a busy thread.
  *
- * One thread ends the process: in order; or from a signal handler that has interrupted
- * one of its own calls, whose lock nobody will give back; or in the child of a fork,
- * which has no other thread but may have their lock. Another thread goes on calling.
- * After the registry's end the ending thread makes a late call, as the destructor of
- * a static object does.
+ * One thread ends the process: in order; or out of a signal handler that has interrupted
+ * a call of its own, to which it never returns; or in the child of a fork, which has no
+ * other thread. The fork may come out of such a handler too, and returns to the call
+ * then. Another thread goes on calling. After the end has been marked the ending thread
+ * calls once more, as an exit handler or the destructor of a static object does.
  *
  * Claims
  *   1. The process ends, whoever holds the registry's lock then.
- *   2. No thread touches a set that the registry's end has emptied or is emptying.
- *   3. A call that begins after the end is refused without waiting.
- *   4. The child of a fork can use the registry, because fork takes its lock.
+ *   2. A call after the mark works or is refused; it never waits for ever.
+ *   3. No call finds a set that another one has left half changed.
+ *   4. The child of a fork can use the registry, and so can its parent.
  *
- * Left out: calls of static objects that are destroyed before the registry, out of a
- * signal handler that has interrupted a call: no call may be made from a handler.
- * The length of the bounded wait: here some tries, any number of which may fail.
+ * Left out: calls of exit handlers that come before the library's own, out of a signal
+ * handler that has interrupted a call: no call may be made from a handler. How long the
+ * bounded wait is: here some tries, each of which may fail while the lock is held.
  *
  * What stands for what
- *   Call        Apply, AskSet and the other users of the registry's mutex
- *   Handler     a signal that comes while Call is anywhere, and calls exit
- *   End         the destructor of the process-wide instance
- *   Fork        the handlers that pthread_atfork has been given
- *   gone        the mark that the registry has ended
- *   emptied     the sets have been
+ *   Call        registry::Ask, Enter, Leave and their process::CriticalSection
+ *   End         process::End with CanBeHad
+ *   Fork        process::BeforeFork and AfterFork
+ *   gone        process::Phase::kGone
+ *   inside      process::inside of the ending thread
+ *   half        a set is being changed
  *
  * Runs
  *   holds
  *   holds    -DIN_HANDLER
  *   holds    -DIN_CHILD
- *   refuted  -DWAITS_FOR_EVER -DIN_HANDLER                 invalid end state
- *   refuted  -DWAITS_FOR_EVER -DFORKS_UNLOCKED -DIN_CHILD  invalid end state
- *   refuted  -DFORKS_UNLOCKED -DIN_CHILD                   invalid end state
- *   refuted  -DEMPTIES_ANYWAY                              assertion violated
- *   refuted  -DLOOKS_ONCE                                  assertion violated
- *   refuted  -DLOOKS_LOCKED_ONLY -DIN_HANDLER              invalid end state
- *   refuted  -DMARKS_NOTHING                               assertion violated
+ *   holds    -DIN_CHILD -DFORKS_IN_HANDLER
+ *   holds    -DIN_PARENT
+ *   refuted  -DWAITS_FOR_EVER -DIN_HANDLER                invalid end state
+ *   refuted  -DMARKS_NOTHING -DIN_HANDLER                 invalid end state
+ *   refuted  -DLOOKS_NOT -DIN_HANDLER                     invalid end state
+ *   refuted  -DBREAKS_THE_LOCK -DIN_HANDLER               assertion violated
+ *   refuted  -DKEEPS_THE_LOCK                             invalid end state
+ *   refuted  -DFORKS_UNLOCKED -DIN_CHILD                  invalid end state
+ *   refuted  -DLOCKS_TWICE -DIN_CHILD -DFORKS_IN_HANDLER  invalid end state
+ *   refuted  -DGIVES_BACK_NOTHING -DIN_PARENT             invalid end state
+ *   refuted  -DIN_CHILD -DFORKS_IN_HANDLER -DON_ITS_WAY   invalid end state
+ *
+ * The last one is no mistake but a limit: a handler that forks while the call that it
+ * interrupted waits for another thread to give the lock back. In the child, where that
+ * thread is not, the call waits for ever when the handler returns to it.
  */
 #define TRIES 2
 #define CALLS 2
 
 bool locked = false;
+bool half = false;
 bool gone = false;
-bool emptied = false;
-bool alone = false; /* the ending thread is the only one there is */
+bool alone = false;  /* the ending thread is the only one there is */
+bool inside = false; /* the ending thread is in a section, or on its way in or out */
 
-/* A call that touches a set. The mark is looked at before the lock, so that a late
- * call does not wait for a lock that nobody gives back, and again behind it. */
-inline Call(refused) {
+inline Change() {
+  assert(!half);
+  half = true;
+  half = false
+}
+
+/* A call of the ending thread. Result: `refused`. */
+inline Call() {
+#ifdef LOOKS_NOT
   refused = false;
-#ifndef LOOKS_LOCKED_ONLY
+#else
   refused = gone;
 #endif
   if
   :: !refused ->
+     inside = true;
      atomic { !locked -> locked = true };
-#ifndef LOOKS_ONCE
-     refused = gone;
-#endif
-     if
-     :: !refused ->
-        assert(!emptied);
-        /* here the set changes */
-        assert(!emptied)
-     :: else
-     fi;
-     locked = false
+     Change();
+     locked = false;
+     inside = false
   :: else
   fi
 }
 
-proctype Busy() {
-  byte calls = 0;
-  bool refused = false;
-  {
-    do
-    :: calls < CALLS -> calls++; Call(refused)
-    :: calls == CALLS -> break
-    od
-  } unless { alone }
-}
-
-/* A call of the ending thread, which a signal handler interrupts and never returns to. */
+/* As far as a signal handler lets it come. */
 inline InterruptedCall() {
+  inside = true;
   if
   :: skip
   :: atomic { !locked -> locked = true };
      if
      :: skip
-     :: locked = false
+     :: half = true;
+        if
+        :: skip
+        :: half = false;
+           if
+           :: skip
+           :: locked = false
+           fi
+        fi
      fi
   fi
 }
 
+/* The rest of it, when the handler returns. It had the lock, or goes for it now. */
+inline RestOfCall() {
+  if
+  :: had -> skip
+  :: else -> atomic { !locked -> locked = true }
+  fi;
+  half = false;
+  locked = false;
+  inside = false;
+  had = false
+}
+
+proctype Busy() {
+  byte calls = 0;
+  {
+    do
+    :: calls < CALLS && !gone ->
+       calls++;
+       atomic { !locked -> locked = true };
+       Change();
+       locked = false
+    :: else -> break
+    od
+  } unless { alone }
+}
+
 inline End() {
+  tries = 0;
 #ifdef WAITS_FOR_EVER
   atomic { !locked -> locked = true; had = true };
 #else
   do
-  :: !had && tries < TRIES ->
+  :: !had && tries < TRIES && !(tries > 0 && inside) ->
      tries++;
      if
      :: atomic { !locked -> locked = true; had = true }
@@ -107,39 +140,68 @@ inline End() {
   :: else -> break
   od;
 #endif
-#ifndef MARKS_NOTHING
-  gone = true;
-#endif
-#ifdef EMPTIES_ANYWAY
-  had = true;
-#endif
+#ifndef KEEPS_THE_LOCK
   if
-  :: had -> emptied = true; locked = false
-  :: else /* the sets are left alone: an ending process loses nothing by it */
+  :: had -> locked = false
+  :: else
+  fi;
+#endif
+#ifdef BREAKS_THE_LOCK
+  locked = false;
+#elif !defined MARKS_NOTHING
+  gone = !had;
+#endif
+  had = false
+}
+
+/* Both processes go on with the lock as it is between the two halves. */
+inline Fork() {
+#ifndef FORKS_UNLOCKED
+#ifdef LOCKS_TWICE
+  atomic { !locked -> locked = true; took = true };
+#else
+  if
+  :: !inside -> atomic { !locked -> locked = true; took = true }
+  :: else
+  fi;
+#endif
+#endif
+#ifdef IN_CHILD
+  alone = true;
+#endif
+#ifndef GIVES_BACK_NOTHING
+  if
+  :: took -> locked = false; took = false
+  :: else
   fi
+#endif
 }
 
 active proctype Ending() {
   byte tries = 0;
   bool had = false;
+  bool took = false;
   bool refused = false;
   run Busy();
-#ifdef IN_CHILD
-#ifndef FORKS_UNLOCKED
-  atomic { !locked -> locked = true };
+#ifdef FORKS_IN_HANDLER
+  inside = true;
+#ifndef ON_ITS_WAY
+  atomic { !locked -> locked = true; had = true };
+  half = true;
 #endif
-  alone = true; /* the child goes on with a copy of the lock as it is in this moment */
-#ifndef FORKS_UNLOCKED
-  locked = false;
-#endif
-  Call(refused);
+  Fork();
+  RestOfCall();
+  Call();
+  assert(!refused);
+#elif defined IN_CHILD || defined IN_PARENT
+  Fork();
+  Call();
   assert(!refused);
 #endif
 #ifdef IN_HANDLER
   InterruptedCall();
 #endif
   End();
-  Call(refused);
-  assert(refused);
+  Call();
   alone = true
 }

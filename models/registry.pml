@@ -16,11 +16,11 @@
  * acquire), counts that come round after 2^63 changes.
  *
  * What stands for what
- *   Changer       Apply with Enter or Leave; CountAdded, CountRemoved, Remember
- *   Asker         IsValid: KnownHandles::Recall, then AskSet
+ *   Changer       registry::Enter, Leave: EnterSet, LeaveSet, CountAdded, CountRemoved
+ *   Asker         registry::Ask: KnownHandles::Recall, then AskSet, Remember
  *   in_set        the set of one family; changed with the mutex held
  *   added,removed the counts of one group (Changes)
- *   known_*       the one entry of the asking thread's memory (KnownHandles)
+ *   known_*       one entry of the asking thread's Memory (KnownHandles)
  *   live          what is true: it turns where the change can first be known, at the
  *                 step that moves the count
  *
