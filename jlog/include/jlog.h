@@ -34,8 +34,9 @@ JLOG_API void jlog_set_level(int level);
  * log's: it is gone when the function returns. `arg` is that of jlog_set_sink.
  *
  * It runs on the thread that logs, and in several threads at the same time, with no
- * lock held. It may call jlog_printf, jlog_set_sink and libjactor: lines that this
- * logs on the same thread go to standard error. A C++ function throws nothing. */
+ * lock of the log held. It may call jlog_printf, jlog_set_sink and libjactor: lines
+ * that this logs on the same thread go to standard error. A C++ function throws
+ * nothing. */
 typedef void (*jlog_sink_fn)(int level, int module, const char* line, void* arg);
 
 /* Has `sink` take the lines from now on, instead of standard error; null: standard
