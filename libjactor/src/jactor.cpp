@@ -2,11 +2,12 @@
 //
 // Each is a shell: a silent null test of its first handle, then the member of
 // the same name. No exception leaves: it becomes a log line and the call's
-// failure result.
+// failure result: -1, null, or a size of 0.
 #include "jactor.h"
 
 #include <exception>
 #include <type_traits>
+#include <utility>
 
 #include "jcxxactor.h"
 #include "jcxxactorapi.h"
@@ -16,38 +17,66 @@
 
 namespace {
 
-// Runs `call` on the instance. A std::exception becomes a log line in the name
-// of `function`, and `failure` the result; other exceptions, such as the
-// cancellation of the thread, pass.
-template <class Result, class Call>
-Result Guarded(const char* function, Result failure, Call call, int level = JACTOR_LEVEL_ERROR) {
-  try {
-    return call(*JCXXActorAPI::GetInstance());
-  } catch (const std::exception& error) {
-    JACTOR_LOG_FORMAT(level, function, JACTOR_LINE("%s"), error.what());
-    return failure;
+// What a call returns when it fails.
+template <class Result>
+Result Failure() {
+  if constexpr (std::is_same_v<Result, int>) {
+    return -1;
+  } else {
+    return Result();
   }
 }
 
+// Runs `call` on the instance. A std::exception becomes a log line in the name
+// of `function`, and the failure result; other exceptions, such as the
+// cancellation of the thread, pass.
+template <class Use>
+auto Guarded(const char* function, Use use, int level = JACTOR_LEVEL_ERROR)
+    -> decltype(use(std::declval<JCXXActorAPI&>())) {
+  try {
+    return use(*JCXXActorAPI::GetInstance());
+  } catch (const std::exception& error) {
+    JACTOR_LOG_FORMAT(level, function, JACTOR_LINE("%s"), error.what());
+    return Failure<decltype(use(std::declval<JCXXActorAPI&>()))>();
+  }
+}
+
+// Makes the call with the member of the API.
+template <auto member, class... Arguments>
+auto Call(const char* function, Arguments... arguments) {
+  return Guarded(function, [=](JCXXActorAPI& api) { return (api.*member)(arguments...); });
+}
+
+// The same on a handle, which may be null.
+template <auto member, class Handle, class... Arguments>
+auto CallOn(const char* function, Handle* handle, Arguments... arguments) {
+  using Result = decltype(Call<member>(function, handle, arguments...));
+  return handle == nullptr ? Failure<Result>() : Call<member>(function, handle, arguments...);
+}
+
 // Destroys `*p` with the member of the API that does so, and nulls it in any case.
-template <class Object>
-void Destroy(const char* function, Object** p, void (JCXXActorAPI::*destroy)(Object**)) {
+template <auto member, class Object>
+void Destroy(const char* function, Object** p) {
   if (p == nullptr || *p == nullptr) {
     return;
   }
   Object* object = *p;
-  Guarded(function, 0, [&](JCXXActorAPI& api) {
-    (api.*destroy)(&object);
-    return 0;
-  });
+  Guarded(function, [&](JCXXActorAPI& api) { (api.*member)(&object); });
   *p = nullptr;
 }
 
+// What the calls that take a sock or an actor are called, and their line about a
+// handle that is neither.
+struct Named {
+  const char* call;
+  const char* invalid;
+};
+#define JACTOR_NAMED(call) \
+  Named { #call, JACTOR_LINE("invalid pointer passed to " #call) }
+
 // Calls `use` with the sock or the actor that `handle` is, the sock set first.
-// Result: `failure`, and a log line, when it is neither.
-template <class Result, class Use>
-Result AsSockOrActor(JCXXActorAPI& api, const char* function, const char* invalid, void* handle,
-                     Result failure, Use use) {
+template <class Use>
+auto UseSockOrActor(JCXXActorAPI& api, const Named& name, void* handle, Use use) {
   auto* sock = static_cast<JCXXSock*>(handle);
   if (api.JCXXSockPtrIsValid(sock)) {
     return use(sock);
@@ -56,186 +85,127 @@ Result AsSockOrActor(JCXXActorAPI& api, const char* function, const char* invali
   if (api.JCXXActorPtrIsValid(actor)) {
     return use(actor);
   }
-  JACTOR_LOG_FORMAT(JACTOR_LEVEL_ERROR, function, invalid);
-  return failure;
+  JACTOR_LOG_FORMAT(JACTOR_LEVEL_ERROR, name.call, name.invalid);
+  return Failure<decltype(use(sock))>();
+}
+
+// Makes a call, `use(api, end)`, on a sock or an actor, which may be null.
+template <class Use>
+auto CallOnSockOrActor(const Named& name, void* handle, Use use, int level = JACTOR_LEVEL_ERROR) {
+  const auto on_instance = [=](JCXXActorAPI& api) {
+    return UseSockOrActor(api, name, handle, [&](auto* end) { return use(api, end); });
+  };
+  using Result = decltype(Guarded(name.call, on_instance));
+  return handle == nullptr ? Failure<Result>() : Guarded(name.call, on_instance, level);
+}
+
+// Sends `*p`, which is not null, and nulls it when it is gone.
+int Send(JCXXActorAPI& api, JCXXMsg** p, auto* end) {
+  JCXXMsg* msg = *p;
+  const int rc = api.j_msg_send(&msg, end);
+  if (rc == 0) {
+    *p = nullptr;
+  }
+  return rc;
+}
+
+// Signals the sock; an actor with a trace line before and after it.
+int Signal(JCXXActorAPI& api, JCXXSock* sock, unsigned char value) {
+  return api.j_sock_signal(sock, value);
+}
+int Signal(JCXXActorAPI& api, JCXXActor* actor, unsigned char value) {
+  constexpr const char* kFunction = "j_sock_signal";
+  JACTOR_TRACE_AS(kFunction, "before actor");
+  const int rc = api.j_sock_signal(actor, value);
+  JACTOR_TRACE_AS(kFunction, "after actor");
+  return rc;
 }
 
 }  // namespace
 
-JCXXMsg* j_msg_new(void) {
-  return Guarded<JCXXMsg*>(__func__, nullptr, [](JCXXActorAPI& api) { return api.j_msg_new(); });
-}
+JCXXMsg* j_msg_new(void) { return Call<&JCXXActorAPI::j_msg_new>(__func__); }
 
-void j_msg_destroy(JCXXMsg** p) { Destroy(__func__, p, &JCXXActorAPI::j_msg_destroy); }
+void j_msg_destroy(JCXXMsg** p) { Destroy<&JCXXActorAPI::j_msg_destroy>(__func__, p); }
 
 int j_msg_addstr(JCXXMsg* msg, const char* s) {
-  if (msg == nullptr) {
-    return -1;
-  }
-  return Guarded(__func__, -1, [=](JCXXActorAPI& api) { return api.j_msg_addstr(msg, s); });
+  return CallOn<&JCXXActorAPI::j_msg_addstr>(__func__, msg, s);
 }
 
 int j_msg_addmem(JCXXMsg* msg, const void* data, size_t size) {
-  if (msg == nullptr) {
-    return -1;
-  }
-  return Guarded(__func__, -1,
-                 [=](JCXXActorAPI& api) { return api.j_msg_addmem(msg, data, size); });
+  return CallOn<&JCXXActorAPI::j_msg_addmem>(__func__, msg, data, size);
 }
 
-JCXXFrame* j_msg_pop(JCXXMsg* msg) {
-  if (msg == nullptr) {
-    return nullptr;
-  }
-  return Guarded<JCXXFrame*>(__func__, nullptr,
-                             [=](JCXXActorAPI& api) { return api.j_msg_pop(msg); });
-}
+JCXXFrame* j_msg_pop(JCXXMsg* msg) { return CallOn<&JCXXActorAPI::j_msg_pop>(__func__, msg); }
 
-char* j_msg_popstr(JCXXMsg* msg) {
-  if (msg == nullptr) {
-    return nullptr;
-  }
-  return Guarded<char*>(__func__, nullptr,
-                        [=](JCXXActorAPI& api) { return api.j_msg_popstr(msg); });
-}
+char* j_msg_popstr(JCXXMsg* msg) { return CallOn<&JCXXActorAPI::j_msg_popstr>(__func__, msg); }
 
-int j_msg_signal(JCXXMsg* msg) {
-  if (msg == nullptr) {
-    return -1;
-  }
-  return Guarded(__func__, -1, [=](JCXXActorAPI& api) { return api.j_msg_signal(msg); });
-}
+int j_msg_signal(JCXXMsg* msg) { return CallOn<&JCXXActorAPI::j_msg_signal>(__func__, msg); }
 
-void j_frame_destroy(JCXXFrame** p) { Destroy(__func__, p, &JCXXActorAPI::j_frame_destroy); }
+void j_frame_destroy(JCXXFrame** p) { Destroy<&JCXXActorAPI::j_frame_destroy>(__func__, p); }
 
 unsigned char* j_frame_data(JCXXFrame* frame) {
-  if (frame == nullptr) {
-    return nullptr;
-  }
-  return Guarded<unsigned char*>(__func__, nullptr,
-                                 [=](JCXXActorAPI& api) { return api.j_frame_data(frame); });
+  return CallOn<&JCXXActorAPI::j_frame_data>(__func__, frame);
 }
 
 size_t j_frame_size(JCXXFrame* frame) {
-  if (frame == nullptr) {
-    return 0;
-  }
-  return Guarded<size_t>(__func__, 0, [=](JCXXActorAPI& api) { return api.j_frame_size(frame); });
+  return CallOn<&JCXXActorAPI::j_frame_size>(__func__, frame);
 }
 
 JCXXActor* j_actor_new(j_actor_fn fn, void* args) {
-  return Guarded<JCXXActor*>(__func__, nullptr,
-                             [=](JCXXActorAPI& api) { return api.j_actor_new(fn, args); });
+  return Call<&JCXXActorAPI::j_actor_new>(__func__, fn, args);
 }
 
-void j_actor_destroy(JCXXActor** p) { Destroy(__func__, p, &JCXXActorAPI::j_actor_destroy); }
+void j_actor_destroy(JCXXActor** p) { Destroy<&JCXXActorAPI::j_actor_destroy>(__func__, p); }
 
 JCXXSock* j_actor_sock(JCXXActor* actor) {
-  if (actor == nullptr) {
-    return nullptr;
-  }
-  return Guarded<JCXXSock*>(__func__, nullptr,
-                            [=](JCXXActorAPI& api) { return api.j_actor_sock(actor); });
+  return CallOn<&JCXXActorAPI::j_actor_sock>(__func__, actor);
 }
 
 int j_msg_send(JCXXMsg** p, void* dest) {
-  if (p == nullptr || *p == nullptr || dest == nullptr) {
-    return -1;
-  }
-  return Guarded(__func__, -1, [=](JCXXActorAPI& api) {
-    JCXXMsg* msg = *p;
-    const int rc =
-        AsSockOrActor(api, "j_msg_send", JACTOR_LINE("invalid pointer passed to j_msg_send"), dest,
-                      -1, [&](auto* end) { return api.j_msg_send(&msg, end); });
-    if (rc == 0) {
-      *p = nullptr;
-    }
-    return rc;
-  });
+  void* to = p == nullptr || *p == nullptr ? nullptr : dest;
+  return CallOnSockOrActor(JACTOR_NAMED(j_msg_send), to,
+                           [=](JCXXActorAPI& api, auto* end) { return Send(api, p, end); });
 }
 
 JCXXMsg* j_msg_recv(void* source) {
-  if (source == nullptr) {
-    return nullptr;
-  }
-  return Guarded<JCXXMsg*>(
-      __func__, nullptr,
-      [=](JCXXActorAPI& api) {
-        return AsSockOrActor<JCXXMsg*>(api, "j_msg_recv",
-                                       JACTOR_LINE("invalid pointer passed to j_msg_recv"), source,
-                                       nullptr, [&](auto* end) { return api.j_msg_recv(end); });
-      },
-      JACTOR_LEVEL_EXCEPTION);
+  return CallOnSockOrActor(
+      JACTOR_NAMED(j_msg_recv), source,
+      [](JCXXActorAPI& api, auto* end) { return api.j_msg_recv(end); }, JACTOR_LEVEL_EXCEPTION);
 }
 
 int j_sock_signal(void* self, unsigned char value) {
-  if (self == nullptr) {
-    return -1;
-  }
-  return Guarded(__func__, -1, [=](JCXXActorAPI& api) {
-    constexpr const char* kFunction = "j_sock_signal";
-    return AsSockOrActor(api, kFunction, JACTOR_LINE("invalid pointer passed to j_sock_signal"),
-                         self, -1, [&](auto* end) {
-                           if constexpr (std::is_same_v<decltype(end), JCXXActor*>) {
-                             JACTOR_TRACE_AS(kFunction, "before actor");
-                           }
-                           const int rc = api.j_sock_signal(end, value);
-                           if constexpr (std::is_same_v<decltype(end), JCXXActor*>) {
-                             JACTOR_TRACE_AS(kFunction, "after actor");
-                           }
-                           return rc;
-                         });
-  });
+  return CallOnSockOrActor(JACTOR_NAMED(j_sock_signal), self,
+                           [=](JCXXActorAPI& api, auto* end) { return Signal(api, end, value); });
 }
 
-void j_sock_destroy(JCXXSock** p) { Destroy(__func__, p, &JCXXActorAPI::j_sock_destroy); }
+void j_sock_destroy(JCXXSock** p) { Destroy<&JCXXActorAPI::j_sock_destroy>(__func__, p); }
 
 int j_sock_fd(void* self) {
-  if (self == nullptr) {
-    return -1;
-  }
-  return Guarded(__func__, -1, [=](JCXXActorAPI& api) {
-    return AsSockOrActor(api, "j_sock_fd", JACTOR_LINE("invalid pointer passed to j_sock_fd"), self,
-                         -1, [&](auto* end) { return api.j_sock_fd(end); });
-  });
+  return CallOnSockOrActor(JACTOR_NAMED(j_sock_fd), self,
+                           [](JCXXActorAPI& api, auto* end) { return api.j_sock_fd(end); });
 }
 
 size_t j_sock_buffered(void* self) {
-  if (self == nullptr) {
-    return 0;
-  }
-  return Guarded<size_t>(__func__, 0, [=](JCXXActorAPI& api) {
-    return AsSockOrActor<size_t>(api, "j_sock_buffered",
-                                 JACTOR_LINE("invalid pointer passed to j_sock_buffered"), self, 0,
-                                 [&](auto* end) { return api.j_sock_buffered(end); });
-  });
+  return CallOnSockOrActor(JACTOR_NAMED(j_sock_buffered), self,
+                           [](JCXXActorAPI& api, auto* end) { return api.j_sock_buffered(end); });
 }
 
 JCXXSock* j_pipe_new_pull(const char* endpoint) {
-  return Guarded<JCXXSock*>(__func__, nullptr,
-                            [=](JCXXActorAPI& api) { return api.j_pipe_new_pull(endpoint); });
+  return Call<&JCXXActorAPI::j_pipe_new_pull>(__func__, endpoint);
 }
 
 JCXXSock* j_pipe_new_push(const char* endpoint) {
-  return Guarded<JCXXSock*>(__func__, nullptr,
-                            [=](JCXXActorAPI& api) { return api.j_pipe_new_push(endpoint); });
+  return Call<&JCXXActorAPI::j_pipe_new_push>(__func__, endpoint);
 }
 
 int hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock, j_zloop_fn handler, void* arg) {
-  if (loop == nullptr || sock == nullptr) {
-    return -1;
-  }
-  return Guarded(__func__, -1, [=](JCXXActorAPI& api) {
-    return api.hybrid_zloop_reader(loop, sock, handler, arg);
-  });
+  return loop == nullptr || sock == nullptr
+             ? -1
+             : Call<&JCXXActorAPI::hybrid_zloop_reader>(__func__, loop, sock, handler, arg);
 }
 
 void hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock) {
-  if (loop == nullptr || sock == nullptr) {
-    return;
+  if (loop != nullptr && sock != nullptr) {
+    Call<&JCXXActorAPI::hybrid_zloop_reader_end>(__func__, loop, sock);
   }
-  Guarded(__func__, 0, [=](JCXXActorAPI& api) {
-    api.hybrid_zloop_reader_end(loop, sock);
-    return 0;
-  });
 }

@@ -73,18 +73,56 @@ void Remove(JCXXActorAPI& api, const FamilyLines& lines, Object* p, const char* 
   registry::Leave(api, p, [&] { LogPointer(function, lines.missing); });
 }
 
-// The tests of an exported call's arguments. The last arguments are the call's
-// failure result, or nothing.
-#define JACTOR_REFUSE_NULL(pointer, call, ...)     \
-  if ((pointer) == nullptr) {                      \
-    JACTOR_ERROR("NULL pointer passed to " #call); \
-    return __VA_ARGS__;                            \
+// The tests of one call's arguments, in the order in which it makes them. Each logs its
+// line when it fails.
+class Arguments {
+ public:
+  constexpr Arguments(JCXXActorAPI& api, const char* function, const char* null_line,
+                      const char* invalid_line)
+      : api_(api), function_(function), null_line_(null_line), invalid_line_(invalid_line) {}
+
+  // Whether there is something at all.
+  bool Given(const void* p) const { return p != nullptr || Refused(null_line_); }
+  bool Given(const void* p, const char* null_line) const {
+    return p != nullptr || Refused(null_line);
   }
-#define JACTOR_REFUSE_UNLESS(valid, call, ...)        \
-  if (!(valid)) {                                     \
-    JACTOR_ERROR("invalid pointer passed to " #call); \
-    return __VA_ARGS__;                               \
+
+  // Whether a pointer that is given is a live object.
+  bool Live(JCXXMsg* p) const { return api_.JCXXMsgPtrIsValid(p) || Refused(invalid_line_); }
+  bool Live(JCXXFrame* p) const { return api_.JCXXFramePtrIsValid(p) || Refused(invalid_line_); }
+  bool Live(JCXXSock* p) const { return api_.JCXXSockPtrIsValid(p) || Refused(invalid_line_); }
+  bool Live(JCXXActor* p) const { return api_.JCXXActorPtrIsValid(p) || Refused(invalid_line_); }
+
+  // A handle: both.
+  template <class Object>
+  bool Handle(Object* p) const {
+    return Given(p) && Live(p);
   }
+
+ private:
+  // Kept out of line: a call with good arguments does not come here.
+  [[gnu::noinline]] bool Refused(const char* line) const {
+    LogPointer(function_, line);
+    return false;
+  }
+
+  JCXXActorAPI& api_;
+  const char* function_;
+  const char* null_line_;
+  const char* invalid_line_;
+};
+#define JACTOR_ARGUMENTS(call)                                                          \
+  const Arguments arguments(*this, #call, JACTOR_LINE("NULL pointer passed to " #call), \
+                            JACTOR_LINE("invalid pointer passed to " #call))
+
+// Deletes `*p` and nulls it, when it is a handle.
+template <class Object>
+void Destroy(const Arguments& arguments, Object** p) {
+  if (arguments.Given(p) && arguments.Handle(*p)) {
+    delete *p;
+    *p = nullptr;
+  }
+}
 
 // Looks at `sock`'s read descriptor. Result: 0 and `fd` not negative, or what
 // the sock returns, or -1.
@@ -104,9 +142,10 @@ zmq_pollitem_t PollItem(int fd) {
 // What the loop calls: hands the event on to the caller's handler.
 int hybrid_internal_handler(zloop_t* loop, zmq_pollitem_t* item, void* arg) {
   JACTOR_TRACE("hybrid_internal_handler");
-  JACTOR_REFUSE_NULL(loop, hybrid_internal_handler, -1)
-  JACTOR_REFUSE_NULL(item, hybrid_internal_handler, -1)
-  JACTOR_REFUSE_NULL(arg, hybrid_internal_handler, -1)
+  if (loop == nullptr || item == nullptr || arg == nullptr) {
+    JACTOR_ERROR("NULL pointer passed to hybrid_internal_handler");
+    return -1;
+  }
   const auto* record = static_cast<const hybrid_poller_info*>(arg);
   const int irv = record->handler(loop, record->sock, record->arg);
   JACTOR_TRACE("irv=%d", irv);
@@ -165,161 +204,135 @@ void JCXXActorAPI::JCXXMsgPtrRemove(JCXXMsg* p) { Remove(*this, kMsgs, p, __func
 JCXXMsg* JCXXActorAPI::j_msg_new() { return new JCXXMsg(); }
 
 void JCXXActorAPI::j_msg_destroy(JCXXMsg** p) {
-  JACTOR_REFUSE_NULL(p, j_msg_destroy)
-  JACTOR_REFUSE_NULL(*p, j_msg_destroy)
-  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(*p), j_msg_destroy)
-  delete *p;
-  *p = nullptr;
+  JACTOR_ARGUMENTS(j_msg_destroy);
+  Destroy(arguments, p);
 }
 
 int JCXXActorAPI::j_msg_addstr(JCXXMsg* m, const char* s) {
-  JACTOR_REFUSE_NULL(m, j_msg_addstr, -1)
-  JACTOR_REFUSE_NULL(s, j_msg_addstr, -1)
-  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_addstr, -1)
-  return m->AddStr(s);
+  JACTOR_ARGUMENTS(j_msg_addstr);
+  return arguments.Given(m) && arguments.Given(s) && arguments.Live(m) ? m->AddStr(s) : -1;
 }
 
 int JCXXActorAPI::j_msg_addmem(JCXXMsg* m, const void* data, std::size_t size) {
-  JACTOR_REFUSE_NULL(m, j_msg_addmem, -1)
-  JACTOR_REFUSE_NULL(data, j_msg_addmem, -1)
-  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_addmem, -1)
-  return m->AddMem(data, size);
+  JACTOR_ARGUMENTS(j_msg_addmem);
+  const bool good = arguments.Given(m) && arguments.Given(data) && arguments.Live(m);
+  return good ? m->AddMem(data, size) : -1;
 }
 
 JCXXFrame* JCXXActorAPI::j_msg_pop(JCXXMsg* m) {
-  JACTOR_REFUSE_NULL(m, j_msg_pop, nullptr)
-  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_pop, nullptr)
-  return m->Pop();
+  JACTOR_ARGUMENTS(j_msg_pop);
+  return arguments.Handle(m) ? m->Pop() : nullptr;
 }
 
 char* JCXXActorAPI::j_msg_popstr(JCXXMsg* m) {
-  JACTOR_REFUSE_NULL(m, j_msg_popstr, nullptr)
-  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_popstr, nullptr)
-  return m->PopStr();
+  JACTOR_ARGUMENTS(j_msg_popstr);
+  return arguments.Handle(m) ? m->PopStr() : nullptr;
 }
 
 int JCXXActorAPI::j_msg_signal(JCXXMsg* m) {
-  JACTOR_REFUSE_NULL(m, j_msg_signal, -1)
-  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(m), j_msg_signal, -1)
-  return m->IsSignalMsg() ? m->GetSignalValue() : -1;
+  JACTOR_ARGUMENTS(j_msg_signal);
+  return arguments.Handle(m) && m->IsSignalMsg() ? m->GetSignalValue() : -1;
 }
 
 void JCXXActorAPI::j_frame_destroy(JCXXFrame** p) {
-  JACTOR_REFUSE_NULL(p, j_frame_destroy)
-  JACTOR_REFUSE_NULL(*p, j_frame_destroy)
-  JACTOR_REFUSE_UNLESS(JCXXFramePtrIsValid(*p), j_frame_destroy)
-  delete *p;
-  *p = nullptr;
+  JACTOR_ARGUMENTS(j_frame_destroy);
+  Destroy(arguments, p);
 }
 
 unsigned char* JCXXActorAPI::j_frame_data(JCXXFrame* f) {
-  JACTOR_REFUSE_NULL(f, j_frame_data, nullptr)
-  JACTOR_REFUSE_UNLESS(JCXXFramePtrIsValid(f), j_frame_data, nullptr)
-  return f->GetData();
+  JACTOR_ARGUMENTS(j_frame_data);
+  return arguments.Handle(f) ? f->GetData() : nullptr;
 }
 
 std::size_t JCXXActorAPI::j_frame_size(JCXXFrame* f) {
-  JACTOR_REFUSE_NULL(f, j_frame_size, 0)
-  JACTOR_REFUSE_UNLESS(JCXXFramePtrIsValid(f), j_frame_size, 0)
-  return f->GetSize();
+  JACTOR_ARGUMENTS(j_frame_size);
+  return arguments.Handle(f) ? f->GetSize() : 0;
 }
 
 JCXXActor* JCXXActorAPI::j_actor_new(void (*fn)(j_sock_t*, void*), void* args) {
-  JACTOR_REFUSE_NULL(fn, j_actor_new, nullptr)
-  return new JCXXActor(fn, args);
+  JACTOR_ARGUMENTS(j_actor_new);
+  return arguments.Given(reinterpret_cast<const void*>(fn)) ? new JCXXActor(fn, args) : nullptr;
 }
 
 void JCXXActorAPI::j_actor_destroy(JCXXActor** p) {
-  JACTOR_REFUSE_NULL(p, j_actor_destroy)
-  JACTOR_REFUSE_NULL(*p, j_actor_destroy 2)
-  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(*p), j_actor_destroy)
-  delete *p;
-  *p = nullptr;
+  JACTOR_ARGUMENTS(j_actor_destroy);
+  if (arguments.Given(p) &&
+      arguments.Given(*p, JACTOR_LINE("NULL pointer passed to j_actor_destroy 2"))) {
+    Destroy(arguments, p);
+  }
 }
 
 JCXXSock* JCXXActorAPI::j_actor_sock(JCXXActor* a) {
-  JACTOR_REFUSE_NULL(a, j_actor_sock, nullptr)
-  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_actor_sock, nullptr)
-  return a->GetSock();
+  JACTOR_ARGUMENTS(j_actor_sock);
+  return arguments.Handle(a) ? a->GetSock() : nullptr;
 }
 
 void JCXXActorAPI::j_sock_destroy(JCXXSock** p) {
-  JACTOR_REFUSE_NULL(p, j_sock_destroy)
-  JACTOR_REFUSE_NULL(*p, j_sock_destroy)
-  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(*p), j_sock_destroy)
-  delete *p;
-  *p = nullptr;
+  JACTOR_ARGUMENTS(j_sock_destroy);
+  Destroy(arguments, p);
 }
 
 int JCXXActorAPI::j_msg_send(JCXXMsg** pm, JCXXSock* s) {
-  JACTOR_REFUSE_NULL(pm, j_msg_send, -1)
-  JACTOR_REFUSE_NULL(*pm, j_msg_send, -1)
-  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(*pm), j_msg_send, -1)
-  JACTOR_REFUSE_NULL(s, j_msg_send, -1)
-  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_msg_send, -1)
-  return s->Send(pm);
+  JACTOR_ARGUMENTS(j_msg_send);
+  const bool good = arguments.Given(pm) && arguments.Handle(*pm) && arguments.Handle(s);
+  return good ? s->Send(pm) : -1;
 }
 
 int JCXXActorAPI::j_msg_send(JCXXMsg** pm, JCXXActor* a) {
-  JACTOR_REFUSE_NULL(pm, j_msg_send, -1)
-  JACTOR_REFUSE_NULL(*pm, j_msg_send, -1)
-  JACTOR_REFUSE_UNLESS(JCXXMsgPtrIsValid(*pm), j_msg_send, -1)
-  JACTOR_REFUSE_NULL(a, j_msg_send, -1)
-  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_msg_send, -1)
-  return j_msg_send(pm, a->GetSock());
+  JACTOR_ARGUMENTS(j_msg_send);
+  const bool good = arguments.Given(pm) && arguments.Handle(*pm) && arguments.Handle(a);
+  return good ? j_msg_send(pm, a->GetSock()) : -1;
 }
 
 JCXXMsg* JCXXActorAPI::j_msg_recv(JCXXSock* s) {
-  JACTOR_REFUSE_NULL(s, j_msg_recv, nullptr)
-  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_msg_recv, nullptr)
-  return s->Recv();
+  JACTOR_ARGUMENTS(j_msg_recv);
+  return arguments.Handle(s) ? s->Recv() : nullptr;
 }
 
 JCXXMsg* JCXXActorAPI::j_msg_recv(JCXXActor* a) {
-  JACTOR_REFUSE_NULL(a, j_msg_recv, nullptr)
-  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_msg_recv, nullptr)
-  return j_msg_recv(a->GetSock());
+  JACTOR_ARGUMENTS(j_msg_recv);
+  return arguments.Handle(a) ? j_msg_recv(a->GetSock()) : nullptr;
 }
 
 int JCXXActorAPI::j_sock_signal(JCXXSock* s, unsigned char value) {
-  JACTOR_REFUSE_NULL(s, j_sock_signal, -1)
-  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_sock_signal, -1)
+  JACTOR_ARGUMENTS(j_sock_signal);
+  if (!arguments.Handle(s)) {
+    return -1;
+  }
   const int rc = JCXXMsg::WriteSignalMessage(s, value);
   JACTOR_TRACE("j_sock_signal sock, rc=%d", rc);
   return rc;
 }
 
 int JCXXActorAPI::j_sock_signal(JCXXActor* a, unsigned char value) {
-  JACTOR_REFUSE_NULL(a, j_sock_signal, -1)
-  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_sock_signal, -1)
+  JACTOR_ARGUMENTS(j_sock_signal);
+  if (!arguments.Handle(a)) {
+    return -1;
+  }
   const int rc = j_sock_signal(a->GetSock(), value);
   JACTOR_TRACE("j_sock_signal actor, rc=%d", rc);
   return rc;
 }
 
 int JCXXActorAPI::j_sock_fd(JCXXSock* s) {
-  JACTOR_REFUSE_NULL(s, j_sock_fd, -1)
-  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_sock_fd, -1)
+  JACTOR_ARGUMENTS(j_sock_fd);
   int fd = -1;
-  return ReadDescriptor(s, fd) == 0 ? fd : -1;
+  return arguments.Handle(s) && ReadDescriptor(s, fd) == 0 ? fd : -1;
 }
 
 int JCXXActorAPI::j_sock_fd(JCXXActor* a) {
-  JACTOR_REFUSE_NULL(a, j_sock_fd, -1)
-  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_sock_fd, -1)
-  return j_sock_fd(a->GetSock());
+  JACTOR_ARGUMENTS(j_sock_fd);
+  return arguments.Handle(a) ? j_sock_fd(a->GetSock()) : -1;
 }
 
 std::size_t JCXXActorAPI::j_sock_buffered(JCXXSock* s) {
-  JACTOR_REFUSE_NULL(s, j_sock_buffered, 0)
-  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(s), j_sock_buffered, 0)
-  return s->BufferedToRead();
+  JACTOR_ARGUMENTS(j_sock_buffered);
+  return arguments.Handle(s) ? s->BufferedToRead() : 0;
 }
 
 std::size_t JCXXActorAPI::j_sock_buffered(JCXXActor* a) {
-  JACTOR_REFUSE_NULL(a, j_sock_buffered, 0)
-  JACTOR_REFUSE_UNLESS(JCXXActorPtrIsValid(a), j_sock_buffered, 0)
-  return j_sock_buffered(a->GetSock());
+  JACTOR_ARGUMENTS(j_sock_buffered);
+  return arguments.Handle(a) ? j_sock_buffered(a->GetSock()) : 0;
 }
 
 JCXXSock* JCXXActorAPI::j_pipe_new_pull(char const* name) { return JCXXSock::NewPull(name); }
@@ -329,10 +342,11 @@ JCXXSock* JCXXActorAPI::j_pipe_new_push(char const* name) { return JCXXSock::New
 int JCXXActorAPI::hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock,
                                       int (*handler)(zloop_t*, j_sock_t*, void*), void* arg) {
   JACTOR_TRACE("hybrid_zloop_reader");
-  JACTOR_REFUSE_NULL(loop, hybrid_zloop_reader, -1)
-  JACTOR_REFUSE_NULL(sock, hybrid_zloop_reader, -1)
-  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(sock), hybrid_zloop_reader, -1)
-  JACTOR_REFUSE_NULL(handler, hybrid_zloop_reader, -1)
+  JACTOR_ARGUMENTS(hybrid_zloop_reader);
+  if (!arguments.Given(loop) || !arguments.Handle(sock) ||
+      !arguments.Given(reinterpret_cast<const void*>(handler))) {
+    return -1;
+  }
   int fd = -1;
   if (const int rc = ReadDescriptor(sock, fd); rc != 0) {
     return rc;
@@ -355,11 +369,9 @@ int JCXXActorAPI::hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock,
 
 void JCXXActorAPI::hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock) {
   JACTOR_TRACE("hybrid_zloop_reader_end");
-  JACTOR_REFUSE_NULL(loop, hybrid_zloop_reader_end)
-  JACTOR_REFUSE_NULL(sock, hybrid_zloop_reader_end)
-  JACTOR_REFUSE_UNLESS(JCXXSockPtrIsValid(sock), hybrid_zloop_reader_end)
+  JACTOR_ARGUMENTS(hybrid_zloop_reader_end);
   int fd = -1;
-  if (ReadDescriptor(sock, fd) != 0) {
+  if (!arguments.Given(loop) || !arguments.Handle(sock) || ReadDescriptor(sock, fd) != 0) {
     return;
   }
   zmq_pollitem_t item = PollItem(fd);

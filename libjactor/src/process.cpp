@@ -63,6 +63,8 @@ void End() { phase = CanBeHad(*registry_mutex.load()) ? Phase::kEnding : Phase::
 
 }  // namespace
 
+void ThrowLockFailure(int error) { throw std::system_error(error, std::generic_category()); }
+
 void RefuseToStartAtTheEnd() {
   if (phase.load(std::memory_order_relaxed) != Phase::kRunning) {
     throw std::system_error(std::make_error_code(std::errc::operation_canceled),

@@ -11,6 +11,8 @@
 #ifndef JACTOR_PROCESS_H
 #define JACTOR_PROCESS_H
 
+#include <pthread.h>
+
 #include <atomic>
 #include <mutex>
 
@@ -49,13 +51,20 @@ class Lending {
   ~Lending() { lent = nullptr; }
 };
 
+[[noreturn]] void ThrowLockFailure(int error);
+
 // Holds one of the library's locks. Sections do not nest, but where the lock is lent.
 // Throws std::system_error when the lock fails.
 class CriticalSection {
  public:
   explicit CriticalSection(std::mutex& mutex) : mutex_(lent == &mutex ? nullptr : &mutex) {
-    if (mutex_ != nullptr) {
-      Enter();
+    if (mutex_ == nullptr) {
+      return;
+    }
+    inside.store(true, std::memory_order_relaxed);
+    if (const int error = ::pthread_mutex_lock(mutex.native_handle()); error != 0) [[unlikely]] {
+      inside.store(false, std::memory_order_relaxed);
+      ThrowLockFailure(error);
     }
   }
   CriticalSection(CriticalSection const&) = delete;
@@ -68,16 +77,6 @@ class CriticalSection {
   }
 
  private:
-  void Enter() {
-    inside.store(true, std::memory_order_relaxed);
-    try {
-      mutex_->lock();
-    } catch (...) {
-      inside.store(false, std::memory_order_relaxed);
-      throw;
-    }
-  }
-
   std::mutex* mutex_;
 };
 
