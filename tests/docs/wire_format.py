@@ -50,4 +50,5 @@ def main():
     return 1 if failures or count == 0 else 0
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())
