@@ -33,7 +33,7 @@ static int receive_within(void* source, long limit, JCXXMsg** msg) {
       return 0;
     }
     if (events > 0) {
-      break; /* bytes, or the end of the stream: the receive tells which */
+      break; /* bytes, or the end of the stream: the receive says which */
     }
     if (errno != EINTR) {
       return -1;

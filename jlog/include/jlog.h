@@ -7,8 +7,8 @@
  * JLOG_LEVEL or jlog_set_level says. Any thread may call at any time; lines of
  * different threads never mix.
  *
- * The environment variable JLOG_PREFIX names what stands before each line, in the
- * order in which it names them: time (in UTC), pid, tid, level. Commas or blanks
+ * The environment variable JLOG_PREFIX names what precedes each line, in the order
+ * given: time (in UTC), pid, tid, level. Commas or blanks
  * separate the words.
  */
 #ifndef JLOG_H

@@ -26,7 +26,7 @@
  *    actor is used by one thread at a time, and must not be destroyed while
  *    another thread is in a call with it.
  * 6. Blocking. Sends block while the pipe is full, receives until a whole
- *    message has come. There are no time-outs; see j_sock_fd for waiting with
+ *    message has arrived. There are no time-outs; see j_sock_fd for waiting with
  *    a limit.
  * 7. SIGPIPE. The library installs no handler: sending to a peer that has gone
  *    raises SIGPIPE, and fails with -1 only in a thread that blocks the signal
@@ -82,7 +82,7 @@ typedef int (*j_zloop_fn)(zloop_t* loop, j_sock_t* sock, void* arg);
  * Ownership: the caller's, until it is sent or destroyed. */
 JACTOR_API JCXXMsg* j_msg_new(void);
 
-/* Destroys the message `*p` and its frames, and sets `*p` to null, also when
+/* Destroys the message `*p` and its frames, and sets `*p` to null, even when
  * `*p` was not a live message (then nothing is freed and an error is logged).
  * A null `p` or `*p` does nothing. */
 JACTOR_API void j_msg_destroy(JCXXMsg** p);
@@ -96,7 +96,7 @@ JACTOR_API void j_msg_destroy(JCXXMsg** p);
 JACTOR_API int j_msg_addstr(JCXXMsg* msg, const char* s);
 
 /* Appends a frame holding `size` bytes from `data`. `data` must not be null,
- * also when `size` is 0.
+ * even when `size` is 0.
  * Result:    0; -1 when `msg` or `data` is bad, `size` is above
  *            JACTOR_MAX_SIZE, `msg` is a signal, or memory has run out. The
  *            message is unchanged then.
@@ -116,7 +116,7 @@ JACTOR_API JCXXFrame* j_msg_pop(JCXXMsg* msg);
  * Ownership: the string is the caller's: free(). The frame is destroyed. */
 JACTOR_API char* j_msg_popstr(JCXXMsg* msg);
 
-/* Tells the value of a signal.
+/* Returns the value of a signal.
  * Result:    0 to 255 for a signal message; -1 for a data message or a message
  *            that is not live. */
 JACTOR_API int j_msg_signal(JCXXMsg* msg);
@@ -125,18 +125,18 @@ JACTOR_API int j_msg_signal(JCXXMsg* msg);
  * Frames: only j_msg_pop makes one.
  */
 
-/* Destroys the frame `*p` and sets `*p` to null, also when `*p` was not a live
+/* Destroys the frame `*p` and sets `*p` to null, even when `*p` was not a live
  * frame (then nothing is freed and an error is logged). A null `p` or `*p` does
  * nothing. */
 JACTOR_API void j_frame_destroy(JCXXFrame** p);
 
-/* Tells where the frame's bytes are.
+/* Returns a pointer to the frame's bytes.
  * Result:    the first byte; null for a frame of 0 bytes or one not live.
  * Ownership: the frame's; good until the frame is destroyed. The bytes may be
  *            changed in place. */
 JACTOR_API unsigned char* j_frame_data(JCXXFrame* frame);
 
-/* Tells the frame's length in bytes; 0 when the frame is not live. */
+/* Returns the frame's length in bytes; 0 when the frame is not live. */
 JACTOR_API size_t j_frame_size(JCXXFrame* frame);
 
 /*
@@ -168,14 +168,14 @@ JACTOR_API size_t j_frame_size(JCXXFrame* frame);
  * that it sends before the signal are thrown away.
  *
  * Result:    the actor; null when `fn` is null, the pipes, the thread or memory
- *            cannot be had, the wait failed, or the process is ending: the log
+ *            are not available, the wait failed, or the process is ending: the log
  *            has one line with the reason, and nothing is left behind.
  * Ownership: the actor is the caller's: j_actor_destroy. `args` stays the
  *            caller's and must outlive the actor function. */
 JACTOR_API JCXXActor* j_actor_new(j_actor_fn fn, void* args);
 
 /* Asks the actor to stop, waits until its function has returned, destroys it
- * and sets `*p` to null, also when `*p` was not a live actor (then an error is
+ * and sets `*p` to null, even when `*p` was not a live actor (then an error is
  * logged). A null `p` or `*p` does nothing.
  *
  * The request is the end of the stream: the caller's end is closed, and a
@@ -203,7 +203,7 @@ JACTOR_API JCXXSock* j_actor_sock(JCXXActor* actor);
  *
  * Result:    0 and `*p` null; non-zero when a handle is bad, the message is too
  *            large, or the write failed. After a failed write a part of the
- *            message may be on the stream, which is of no further use then.
+ *            message may be on the stream, which is unusable then.
  * Ownership: the message is gone on success and stays the caller's otherwise. */
 JACTOR_API int j_msg_send(JCXXMsg** p, void* dest);
 
@@ -222,7 +222,7 @@ JACTOR_API JCXXMsg* j_msg_recv(void* source);
 JACTOR_API int j_sock_signal(void* self, unsigned char value);
 
 /* Destroys a sock made by j_pipe_new_pull or j_pipe_new_push and sets `*p` to
- * null, also when `*p` was not a live sock (then an error is logged). A null `p`
+ * null, even when `*p` was not a live sock (then an error is logged). A null `p`
  * or `*p` does nothing. Never for the ends of an actor's pipe pair.
  *
  * What a pull sock has read ahead (j_sock_buffered) is lost, with an error line
@@ -232,17 +232,17 @@ JACTOR_API void j_sock_destroy(JCXXSock** p);
 
 /*
  * Waiting with a time limit: poll() j_sock_fd only while j_sock_buffered is 0.
- * Buffered bytes may be a part of a message only, so that a receive can still
+ * Buffered bytes may be only part of a message, so that a receive can still
  * block until the sender has finished.
  */
 
-/* Tells the read descriptor of a sock or an actor, for poll() and its like.
+/* Returns the read descriptor of a sock or an actor, for poll() and the like.
  * Result:    the descriptor; -1 when there is none or the handle is bad.
  * Ownership: the sock's. Reading it, writing it or closing it directly breaks
  *            the stream. */
 JACTOR_API int j_sock_fd(void* self);
 
-/* Tells how many bytes the sock (or actor) has taken from its descriptor and
+/* Returns how many bytes the sock (or actor) has taken from its descriptor and
  * not yet handed out. poll() does not see these bytes.
  * Result:    the count; 0 also when the handle is bad. */
 JACTOR_API size_t j_sock_buffered(void* self);
@@ -270,7 +270,7 @@ JACTOR_API size_t j_sock_buffered(void* self);
  *            as above, or the directory or the FIFO cannot be made or opened:
  *            the log has one line with the reason. A FIFO that belongs to
  *            another user cannot be opened without privileges. When two first
- *            openings meet, one may fail; calling again succeeds. Nothing is
+ *            openings meet, one may fail; a second call succeeds. Nothing is
  *            opened once the process is ending.
  * Ownership: the sock is the caller's: j_sock_destroy.
  * Threads:   the process's umask is 0 for the moment in which a FIFO is made. */
@@ -285,8 +285,8 @@ JACTOR_API JCXXSock* j_pipe_new_push(const char* endpoint);
  * time `sock`'s descriptor is readable.
  *
  * A receive may take more than one message off the descriptor: a handler must
- * receive again while j_sock_buffered is not 0, or what waits there is not
- * seen before more bytes arrive.
+ * receive again while j_sock_buffered is not 0, or what waits there stays
+ * unseen until more bytes arrive.
  *
  * Result:    0; non-zero when an argument is null, `sock` is not a live sock or
  *            has no read descriptor, or the loop refuses.

@@ -47,7 +47,7 @@ struct JACTOR_API JCXXActor {
   JCXXActor();
 
   // Starts `fn(sock, args)` on a new thread and waits for its first signal.
-  // Throws: std::bad_alloc when the pipes or memory cannot be had or the wait
+  // Throws: std::bad_alloc when there are no pipes or no memory, or the wait
   //         failed, std::system_error when the thread cannot be started or the
   //         process is ending. Nothing is left behind then: the caller's end is
   //         closed and the thread joined.

@@ -56,7 +56,7 @@ struct JACTOR_API JCXXActorAPI {
   void JCXXMsgPtrAdd(JCXXMsg* p);
   void JCXXMsgPtrRemove(JCXXMsg* p);
 
-  // The exported calls of the same names, as jactor.h tells them. Exceptions pass
+  // The exported calls of the same names, as jactor.h describes them. Exceptions pass
   // out of these members.
   JCXXMsg* j_msg_new();
   void j_msg_destroy(JCXXMsg** p);

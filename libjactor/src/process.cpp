@@ -44,7 +44,7 @@ void AfterFork() {
   umask_mutex.unlock();
 }
 
-// Whether the lock can be had. Its holders keep it for less than a microsecond, and
+// Whether the lock can be taken. Its holders keep it for less than a microsecond, and
 // lose their processor for far less than a second; but a thread that is inside itself,
 // under its signal handler, waits for itself.
 bool CanBeHad(std::mutex& mutex) {

@@ -111,7 +111,7 @@ struct Memory {
   // This thread's; null before the first use, and when there was no memory for it.
   [[gnu::tls_model("initial-exec")]] static constinit thread_local Memory* own;
 
-  // Makes this thread's memory if it has none and it can be had.
+  // Makes this thread's memory if it has none and there is room.
   static Memory* Have() { return own != nullptr ? own : Make(); }
 
  private:

@@ -2,7 +2,7 @@
 //
 // A header has 1, 2, 3 or 5 bytes. Bit 7 of the lead byte tells a signal from the
 // others, bit 6 a message header from a data frame; bits 5-4 hold the form in which
-// the size follows. Of a signal, bit 6 says that its value stands in a byte of its
+// the size follows. Of a signal, bit 6 says that its value has a byte of its
 // own. The writer takes the shortest form; a reader takes any.
 #ifndef JACTOR_WIRE_H
 #define JACTOR_WIRE_H

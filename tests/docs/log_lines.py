@@ -12,7 +12,7 @@ FROM_THE_SYSTEM = ("std::bad_alloc", "Resource temporarily unavailable", "filesy
 def loggers_without_a_name():
     """A line carries its file's name: what moves to a new file must not log."""
     known = re.compile(r"libjactor/src/(jcxx\w+\.cpp|jactor\.cpp|log\.h)")
-    return [f"{path}: logs, but is no file that users know from the log" for path in glob.glob("libjactor/src/*")
+    return [f"{path}: logs, but users do not know this file from the log" for path in glob.glob("libjactor/src/*")
             if not known.fullmatch(path) and '"log.h"' in open(path, encoding="utf-8").read()]
 
 

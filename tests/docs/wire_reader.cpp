@@ -1,5 +1,5 @@
 // wire_reader.cpp - receives messages from standard input, a pipe, until a
-// receive returns nothing; tells what came, a line a message, and how many bytes
+// receive returns nothing; prints what came, a line a message, and how many bytes
 // stay behind. Each message is sent on to standard error.
 #include <unistd.h>
 
