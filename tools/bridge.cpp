@@ -3,14 +3,12 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <thread>
 
-#include "commands.h"
 #include "report.h"
 
 namespace jpipe {
@@ -267,26 +265,6 @@ void RunLoop(zloop_t* loop, const Options& options, Patience& patience) {
   // has looked at the stop request.
   while (zloop_start(loop) == 0 && patience.Wait(-1, 0, false, 0) == Outcome::kTick) {
   }
-}
-
-int MakeCertificate(const Options& options) {
-  const std::string& file = options.operands[0];
-  const std::string secret = file + "_secret";
-  for (const std::string& name : {file, secret}) {
-    if (::access(name.c_str(), F_OK) == 0) {
-      throw Failure(kFailed, name + " is there already: remove it first, or choose another name");
-    }
-  }
-  if (!zsys_has_curve()) {
-    throw Failure(kFailed, "this ZeroMQ was built without CURVE: install one that has it");
-  }
-  zsys_handler_set(nullptr);
-  const Cert certificate(zcert_new());
-  if (certificate == nullptr || zcert_save(certificate.get(), file.c_str()) != 0) {
-    throw Failure(kFailed, "cannot write " + file + " and " + secret +
-                               ": see that the directory is there and may be written");
-  }
-  return kDone;
 }
 
 }  // namespace jpipe
