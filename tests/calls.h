@@ -91,6 +91,8 @@ inline const Call kCalls[] = {
     JACTOR_CALL(j_sock_fd, 'e', JCXXActor, p),
     JACTOR_CALL(j_sock_buffered, 'e', JCXXSock, p),
     JACTOR_CALL(j_sock_buffered, 'e', JCXXActor, p),
+    JACTOR_CALL(j_sock_wait, 'e', JCXXSock, p, 0),
+    JACTOR_CALL(j_sock_wait, 'e', JCXXActor, p, 0),
 };
 
 }  // namespace calls

@@ -14,7 +14,9 @@
  *    such a pointer. (A handle whose address has since been given to a new
  *    object of the same class is taken for the new object.)
  * 2. Results. int: 0 for success, non-zero (usually -1) for failure, unless the
- *    call says otherwise; pointers: null on failure; sizes: 0 on failure.
+ *    call says otherwise; pointers: null on failure; sizes: 0 on failure. A call
+ *    that fails sets errno to the reason: EINVAL for a bad handle or argument,
+ *    otherwise as the call says. A call that succeeds leaves errno as it was.
  * 3. Errors never leave as C++ exceptions. A failure without a result of its
  *    own (memory, threads, descriptors, the file system) gives the call's
  *    failure result and one line in the log with the reason.
@@ -26,8 +28,8 @@
  *    actor is used by one thread at a time, and must not be destroyed while
  *    another thread is in a call with it.
  * 6. Blocking. Sends block while the pipe is full, receives until a whole
- *    message has arrived. There are no time-outs; see j_sock_fd for waiting with
- *    a limit.
+ *    message has arrived. They have no time-outs: j_sock_wait waits for a
+ *    message with a limit.
  * 7. SIGPIPE. The library installs no handler: sending to a peer that has gone
  *    raises SIGPIPE, and fails with -1 only in a thread that blocks the signal
  *    or a process that ignores it.
@@ -39,7 +41,7 @@
 
 /* The version, written here and nowhere else. */
 #define JACTOR_VERSION_MAJOR 9
-#define JACTOR_VERSION_MINOR 0
+#define JACTOR_VERSION_MINOR 1
 #define JACTOR_VERSION_PATCH 0
 
 /* The most payload bytes of one frame, and of one message of several frames. */
@@ -170,6 +172,8 @@ JACTOR_API size_t j_frame_size(JCXXFrame* frame);
  * Result:    the actor; null when `fn` is null, the pipes, the thread or memory
  *            are not available, the wait failed, or the process is ending: the log
  *            has one line with the reason, and nothing is left behind.
+ * Errors:    EINVAL, ENOMEM, ECANCELED when the process is ending, and what
+ *            the pipes (EMFILE) or the thread (EAGAIN) gave.
  * Ownership: the actor is the caller's: j_actor_destroy. `args` stays the
  *            caller's and must outlive the actor function. */
 JACTOR_API JCXXActor* j_actor_new(j_actor_fn fn, void* args);
@@ -201,9 +205,10 @@ JACTOR_API JCXXSock* j_actor_sock(JCXXActor* actor);
  * Blocks while the pipe is full. A message carries at most JACTOR_MAX_SIZE
  * bytes, and at most 511 non-empty frames (one write takes 1,024 entries).
  *
- * Result:    0 and `*p` null; non-zero when a handle is bad, the message is too
- *            large, or the write failed. After a failed write a part of the
- *            message may be on the stream, which is unusable then.
+ * Result:    0 and `*p` null; non-zero with errno EINVAL when a handle is bad,
+ *            EMSGSIZE when the message is too large, ENOMEM, EPIPE, EINTR or
+ *            EAGAIN when nothing could be written, and EIO when a part of the
+ *            message is on the stream, which is unusable then.
  * Ownership: the message is gone on success and stays the caller's otherwise. */
 JACTOR_API int j_msg_send(JCXXMsg** p, void* dest);
 
@@ -212,13 +217,15 @@ JACTOR_API int j_msg_send(JCXXMsg** p, void* dest);
  * Blocks until it is complete.
  *
  * Result:    the message, possibly a signal (j_msg_signal) or without frames;
- *            null at the end of the stream, when `source` is bad, the read
- *            failed, the bytes are not a message, or memory has run out.
+ *            null with errno 0 at the end of the stream; EBADMSG when the bytes
+ *            are not a message, or end inside one; EINVAL when `source` is bad;
+ *            ENOMEM; or what the failed read gave.
  * Ownership: the message is the caller's: j_msg_destroy. */
 JACTOR_API JCXXMsg* j_msg_recv(void* source);
 
 /* Sends a signal: one value of 0 to 255.
- * Result:    0; non-zero when `self` is bad or the write failed. */
+ * Result:    0; non-zero with errno EINVAL when `self` is bad, or why the write
+ *            failed. */
 JACTOR_API int j_sock_signal(void* self, unsigned char value);
 
 /* Destroys a sock made by j_pipe_new_pull or j_pipe_new_push and sets `*p` to
@@ -231,9 +238,9 @@ JACTOR_API int j_sock_signal(void* self, unsigned char value);
 JACTOR_API void j_sock_destroy(JCXXSock** p);
 
 /*
- * Waiting with a time limit: poll() j_sock_fd only while j_sock_buffered is 0.
- * Buffered bytes may be only part of a message, so that a receive can still
- * block until the sender has finished.
+ * Waiting: with a time limit, or in a loop of the program's own. A loop watches
+ * j_sock_fd, and receives while j_sock_wait(sock, 0) is 1: before its first wait,
+ * and each time the descriptor is readable.
  */
 
 /* Returns the read descriptor of a sock or an actor, for poll() and the like.
@@ -246,6 +253,23 @@ JACTOR_API int j_sock_fd(void* self);
  * not yet handed out. poll() does not see these bytes.
  * Result:    the count; 0 also when the handle is bad. */
 JACTOR_API size_t j_sock_buffered(void* self);
+
+/* Waits until a receive on a sock or an actor will not wait.
+ *
+ * Waits at most `milliseconds` by the monotonic clock, never less; a negative
+ * number is no limit, 0 only looks. Half a message does not count, and nothing
+ * of it is lost when the time is up: it stays in the sock, and j_sock_buffered
+ * counts it. The sock then holds up to one whole message, at most 8 MiB.
+ *
+ *     while (j_sock_wait(sock, 0) == 1)         // in a loop's handler
+ *         if ((msg = j_msg_recv(sock)) == NULL) // the end: errno says why
+ *             break;
+ *
+ * Result: 1 when a whole message or signal is there, or the end of the stream,
+ *         or bytes that are not a message (j_msg_recv says so then); 0 when the
+ *         time is up; -1 with errno EINVAL for a bad handle, EBADF for a sock
+ *         without a descriptor, ENOMEM, or EINTR when a signal handler ran. */
+JACTOR_API int j_sock_wait(void* self, int milliseconds);
 
 /*
  * Named endpoints: "ipc://sensors/temp" or "inproc://jobs", with an optional
@@ -272,6 +296,10 @@ JACTOR_API size_t j_sock_buffered(void* self);
  *            another user cannot be opened without privileges. When two first
  *            openings meet, one may fail; a second call succeeds. Nothing is
  *            opened once the process is ending.
+ * Errors:    EINVAL for a name that is not one, EPROTONOSUPPORT for another
+ *            transport, EEXIST when another first opening was faster, ECANCELED
+ *            when the process is ending, otherwise what the file system gave
+ *            (EACCES, EPERM, ENAMETOOLONG, ENOSPC, EMFILE ...).
  * Ownership: the sock is the caller's: j_sock_destroy.
  * Threads:   the process's umask is 0 for the moment in which a FIFO is made. */
 JACTOR_API JCXXSock* j_pipe_new_pull(const char* endpoint);

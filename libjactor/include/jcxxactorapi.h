@@ -83,6 +83,8 @@ struct JACTOR_API JCXXActorAPI {
   int j_sock_fd(JCXXActor* a);
   std::size_t j_sock_buffered(JCXXSock* s);
   std::size_t j_sock_buffered(JCXXActor* a);
+  int j_sock_wait(JCXXSock* s, int milliseconds);
+  int j_sock_wait(JCXXActor* a, int milliseconds);
 
   JCXXSock* j_pipe_new_pull(char const* name);
   JCXXSock* j_pipe_new_push(char const* name);

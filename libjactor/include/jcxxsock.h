@@ -87,6 +87,15 @@ struct JACTOR_API JCXXSock {
   // Throws: std::bad_alloc, when the buffer cannot be made.
   ssize_t ReadBlockingReadaheadBuffered(void* buf, std::size_t s);
 
+  // Waits until Recv will not wait, at most `milliseconds`; negative: without a limit; 0:
+  // looks only. What has come of a message stays in the read-ahead buffer, which grows
+  // to the size of one message, at most 8 MiB.
+  // Result: 1 when a whole message or signal has come, the end of the stream, bytes that
+  //         are not a message, or a read would fail; 0 when the time is up; -1 without a
+  //         read descriptor, or when a signal handler has run.
+  // Throws: std::bad_alloc, nothing lost.
+  int WaitForMessage(int milliseconds);
+
   // Bytes taken from the descriptor and not yet handed to a reader.
   std::size_t BufferedToRead();
 

@@ -5,8 +5,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <new>
 #include <utility>
+
+#include "reason.h"
 
 // Closes `fd` unless it is negative, and makes it -1.
 inline void CloseDescriptor(int& fd) {
@@ -43,6 +46,7 @@ struct Pipe {
   Pipe() {
     int ends[2];
     if (::pipe(ends) != 0) {
+      reason::Fail(errno);
       throw std::bad_alloc();
     }
     read_end = Descriptor(ends[0]);

@@ -2,10 +2,13 @@
 //
 // Each is a shell: a silent null test of its first handle, then the member of
 // the same name. No exception leaves: it becomes a log line and the call's
-// failure result: -1, null, or a size of 0.
+// failure result: -1, null, or a size of 0. errno then says why (reason.h).
 #include "jactor.h"
 
+#include <cerrno>
 #include <exception>
+#include <new>
+#include <system_error>
 #include <type_traits>
 #include <utility>
 
@@ -14,8 +17,26 @@
 #include "jcxxmsg.h"
 #include "jcxxsock.h"
 #include "log.h"
+#include "reason.h"
+#include "registry.h"
 
 namespace {
+
+// What a call works with: memory alone, or system calls, which may change errno also
+// when they end well.
+enum class Work { kMemory, kSystem };
+
+// The reason of an exception, which a call with a scope may have told before it was
+// thrown.
+int ReasonOf(const std::exception& error, Work work) {
+  if (const auto* system = dynamic_cast<const std::system_error*>(&error)) {
+    return system->code().value();
+  }
+  if (work == Work::kSystem && reason::why > 0) {
+    return reason::why;
+  }
+  return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? ENOMEM : EIO;
+}
 
 // What a call returns when it fails.
 template <class Result>
@@ -27,41 +48,51 @@ Result Failure() {
   }
 }
 
-// Runs `call` on the instance. A std::exception becomes a log line in the name
+// The same for a null handle, about which nothing is logged.
+template <class Result>
+Result NullHandle() {
+  errno = EINVAL;
+  return Failure<Result>();
+}
+
+// Runs `use` on the instance. A std::exception becomes a log line in the name
 // of `function`, and the failure result; other exceptions, such as the
 // cancellation of the thread, pass.
-template <class Use>
+template <Work work, class Use>
 auto Guarded(const char* function, Use use, int level = JACTOR_LEVEL_ERROR)
     -> decltype(use(std::declval<JCXXActorAPI&>())) {
+  [[maybe_unused]] const std::conditional_t<work == Work::kSystem, reason::Scope, Work> scope{};
   try {
-    return use(*JCXXActorAPI::GetInstance());
+    return use(registry::Api());
   } catch (const std::exception& error) {
     JACTOR_LOG_FORMAT(level, function, JACTOR_LINE("%s"), error.what());
+    reason::Fail(ReasonOf(error, work));
     return Failure<decltype(use(std::declval<JCXXActorAPI&>()))>();
   }
 }
 
 // Makes the call with the member of the API.
-template <auto member, class... Arguments>
+template <auto member, Work work, class... Arguments>
 auto Call(const char* function, Arguments... arguments) {
-  return Guarded(function, [=](JCXXActorAPI& api) { return (api.*member)(arguments...); });
+  return Guarded<work>(function, [=](JCXXActorAPI& api) { return (api.*member)(arguments...); });
 }
 
-// The same on a handle, which may be null.
+// The same on a message or a frame, which may be null.
 template <auto member, class Handle, class... Arguments>
 auto CallOn(const char* function, Handle* handle, Arguments... arguments) {
-  using Result = decltype(Call<member>(function, handle, arguments...));
-  return handle == nullptr ? Failure<Result>() : Call<member>(function, handle, arguments...);
+  using Result = decltype(Call<member, Work::kMemory>(function, handle, arguments...));
+  return handle == nullptr ? NullHandle<Result>()
+                           : Call<member, Work::kMemory>(function, handle, arguments...);
 }
 
 // Destroys `*p` with the member of the API that does so, and nulls it in any case.
-template <auto member, class Object>
+template <auto member, Work work, class Object>
 void Destroy(const char* function, Object** p) {
   if (p == nullptr || *p == nullptr) {
     return;
   }
   Object* object = *p;
-  Guarded(function, [&](JCXXActorAPI& api) { (api.*member)(&object); });
+  Guarded<work>(function, [&](JCXXActorAPI& api) { (api.*member)(&object); });
   *p = nullptr;
 }
 
@@ -86,6 +117,7 @@ auto UseSockOrActor(JCXXActorAPI& api, const Named& name, void* handle, Use use)
     return use(actor);
   }
   JACTOR_LOG_FORMAT(JACTOR_LEVEL_ERROR, name.call, name.invalid);
+  reason::Fail(EINVAL);
   return Failure<decltype(use(sock))>();
 }
 
@@ -95,8 +127,9 @@ auto CallOnSockOrActor(const Named& name, void* handle, Use use, int level = JAC
   const auto on_instance = [=](JCXXActorAPI& api) {
     return UseSockOrActor(api, name, handle, [&](auto* end) { return use(api, end); });
   };
-  using Result = decltype(Guarded(name.call, on_instance));
-  return handle == nullptr ? Failure<Result>() : Guarded(name.call, on_instance, level);
+  using Result = decltype(Guarded<Work::kSystem>(name.call, on_instance));
+  return handle == nullptr ? NullHandle<Result>()
+                           : Guarded<Work::kSystem>(name.call, on_instance, level);
 }
 
 // Sends `*p`, which is not null, and nulls it when it is gone.
@@ -123,9 +156,11 @@ int Signal(JCXXActorAPI& api, JCXXActor* actor, unsigned char value) {
 
 }  // namespace
 
-JCXXMsg* j_msg_new(void) { return Call<&JCXXActorAPI::j_msg_new>(__func__); }
+JCXXMsg* j_msg_new(void) { return Call<&JCXXActorAPI::j_msg_new, Work::kMemory>(__func__); }
 
-void j_msg_destroy(JCXXMsg** p) { Destroy<&JCXXActorAPI::j_msg_destroy>(__func__, p); }
+void j_msg_destroy(JCXXMsg** p) {
+  Destroy<&JCXXActorAPI::j_msg_destroy, Work::kMemory>(__func__, p);
+}
 
 int j_msg_addstr(JCXXMsg* msg, const char* s) {
   return CallOn<&JCXXActorAPI::j_msg_addstr>(__func__, msg, s);
@@ -141,7 +176,9 @@ char* j_msg_popstr(JCXXMsg* msg) { return CallOn<&JCXXActorAPI::j_msg_popstr>(__
 
 int j_msg_signal(JCXXMsg* msg) { return CallOn<&JCXXActorAPI::j_msg_signal>(__func__, msg); }
 
-void j_frame_destroy(JCXXFrame** p) { Destroy<&JCXXActorAPI::j_frame_destroy>(__func__, p); }
+void j_frame_destroy(JCXXFrame** p) {
+  Destroy<&JCXXActorAPI::j_frame_destroy, Work::kMemory>(__func__, p);
+}
 
 unsigned char* j_frame_data(JCXXFrame* frame) {
   return CallOn<&JCXXActorAPI::j_frame_data>(__func__, frame);
@@ -152,10 +189,12 @@ size_t j_frame_size(JCXXFrame* frame) {
 }
 
 JCXXActor* j_actor_new(j_actor_fn fn, void* args) {
-  return Call<&JCXXActorAPI::j_actor_new>(__func__, fn, args);
+  return Call<&JCXXActorAPI::j_actor_new, Work::kSystem>(__func__, fn, args);
 }
 
-void j_actor_destroy(JCXXActor** p) { Destroy<&JCXXActorAPI::j_actor_destroy>(__func__, p); }
+void j_actor_destroy(JCXXActor** p) {
+  Destroy<&JCXXActorAPI::j_actor_destroy, Work::kSystem>(__func__, p);
+}
 
 JCXXSock* j_actor_sock(JCXXActor* actor) {
   return CallOn<&JCXXActorAPI::j_actor_sock>(__func__, actor);
@@ -178,7 +217,9 @@ int j_sock_signal(void* self, unsigned char value) {
                            [=](JCXXActorAPI& api, auto* end) { return Signal(api, end, value); });
 }
 
-void j_sock_destroy(JCXXSock** p) { Destroy<&JCXXActorAPI::j_sock_destroy>(__func__, p); }
+void j_sock_destroy(JCXXSock** p) {
+  Destroy<&JCXXActorAPI::j_sock_destroy, Work::kSystem>(__func__, p);
+}
 
 int j_sock_fd(void* self) {
   return CallOnSockOrActor(JACTOR_NAMED(j_sock_fd), self,
@@ -190,22 +231,31 @@ size_t j_sock_buffered(void* self) {
                            [](JCXXActorAPI& api, auto* end) { return api.j_sock_buffered(end); });
 }
 
+int j_sock_wait(void* self, int milliseconds) {
+  return CallOnSockOrActor(JACTOR_NAMED(j_sock_wait), self, [=](JCXXActorAPI& api, auto* end) {
+    return api.j_sock_wait(end, milliseconds);
+  });
+}
+
 JCXXSock* j_pipe_new_pull(const char* endpoint) {
-  return Call<&JCXXActorAPI::j_pipe_new_pull>(__func__, endpoint);
+  return Call<&JCXXActorAPI::j_pipe_new_pull, Work::kSystem>(__func__, endpoint);
 }
 
 JCXXSock* j_pipe_new_push(const char* endpoint) {
-  return Call<&JCXXActorAPI::j_pipe_new_push>(__func__, endpoint);
+  return Call<&JCXXActorAPI::j_pipe_new_push, Work::kSystem>(__func__, endpoint);
 }
 
 int hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock, j_zloop_fn handler, void* arg) {
-  return loop == nullptr || sock == nullptr
-             ? -1
-             : Call<&JCXXActorAPI::hybrid_zloop_reader>(__func__, loop, sock, handler, arg);
+  if (loop == nullptr || sock == nullptr) {
+    return NullHandle<int>();
+  }
+  return Call<&JCXXActorAPI::hybrid_zloop_reader, Work::kSystem>(__func__, loop, sock, handler,
+                                                                 arg);
 }
 
 void hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock) {
-  if (loop != nullptr && sock != nullptr) {
-    Call<&JCXXActorAPI::hybrid_zloop_reader_end>(__func__, loop, sock);
+  if (loop == nullptr || sock == nullptr) {
+    return NullHandle<void>();
   }
+  Call<&JCXXActorAPI::hybrid_zloop_reader_end, Work::kSystem>(__func__, loop, sock);
 }

@@ -15,13 +15,14 @@
 #include "jcxxsock.h"
 #include "log.h"
 #include "process.h"
+#include "registry.h"
 
 namespace {
 
 // Deletes an end of the pair, for `function`; null is nothing to do. Whoever borrowed
 // it must not have destroyed it.
 void DeleteEnd(JCXXSock* end, const char* function) {
-  if (end != nullptr && !JCXXActorAPI::GetInstance()->JCXXSockPtrIsValid(end)) {
+  if (end != nullptr && !registry::Api().JCXXSockPtrIsValid(end)) {
     JACTOR_ERROR_AS(function, "the actor's sock has been destroyed by somebody else");
     return;
   }
@@ -64,6 +65,7 @@ JActorThreadWrapper::~JActorThreadWrapper() {
     }
     thread = nullptr;
   }
+  registry::Signalling(sock);  // no longer waited for
   DeleteEnd(sock, "~JActorThreadWrapper");
   sock = nullptr;
 }
@@ -76,6 +78,9 @@ void JActorThreadWrapper::the_wrapper_function() {
   JACTOR_TRACE("before client function");
   fn(sock, args);
   JACTOR_TRACE("after client function");
+  if (registry::IsSilent(sock)) {
+    JACTOR_ERROR("actor function returned before its first signal");
+  }
 }
 
 namespace {
@@ -91,25 +96,26 @@ void StopAndRelease(JCXXActor* actor) {
   actor->sock = nullptr;
   delete actor->wrapper;
   actor->wrapper = nullptr;
-  JCXXActorAPI::GetInstance()->JCXXActorPtrRemove(actor);
+  registry::Api().JCXXActorPtrRemove(actor);
 }
 
 }  // namespace
 
 JCXXActor::JCXXActor() : sock(nullptr), wrapper(nullptr) {
   JACTOR_TRACE("JCXXActor constructor");
-  JCXXActorAPI::GetInstance()->JCXXActorPtrAdd(this);
+  registry::Api().JCXXActorPtrAdd(this);
 }
 
 JCXXActor::JCXXActor(void (*fn)(j_sock_t*, void*), void* args) : sock(nullptr), wrapper(nullptr) {
   process::RefuseToStartAtTheEnd();
-  JCXXActorAPI::GetInstance()->JCXXActorPtrAdd(this);
+  registry::Api().JCXXActorPtrAdd(this);
   std::unique_ptr<JCXXActor, void (*)(JCXXActor*)> on_failure(this, StopAndRelease);
   const auto pair = SockFromPipes::MakeSockPairFromPipes();
   sock = std::get<0>(pair);
   std::unique_ptr<JCXXSock> actors_end(std::get<1>(pair));
   wrapper = new JActorThreadWrapper(fn, args, actors_end.get(), this);
   actors_end.release();
+  registry::BecomeSilent(wrapper->sock);
   wrapper->start();
   if (JCXXMsg::WaitForSignal(sock) != 0) {
     throw std::bad_alloc();
@@ -119,13 +125,13 @@ JCXXActor::JCXXActor(void (*fn)(j_sock_t*, void*), void* args) : sock(nullptr), 
 
 JCXXActor::JCXXActor(JCXXActor const& /*other*/) : sock(nullptr), wrapper(nullptr) {
   JACTOR_TRACE("JCXXActor copy constructor");
-  JCXXActorAPI::GetInstance()->JCXXActorPtrAdd(this);
+  registry::Api().JCXXActorPtrAdd(this);
 }
 
 JCXXActor& JCXXActor::operator=(JCXXActor const& other) {
   JACTOR_TRACE("JCXXActor copy assignment operator");
   if (this != &other) {
-    JCXXActorAPI::GetInstance()->JCXXActorPtrAdd(this);
+    registry::Api().JCXXActorPtrAdd(this);
   }
   return *this;
 }

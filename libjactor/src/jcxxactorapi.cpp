@@ -7,6 +7,7 @@
 
 #include <czmq.h>
 
+#include <cerrno>
 #include <limits>
 #include <memory>
 
@@ -15,6 +16,7 @@
 #include "jcxxmsg.h"
 #include "jcxxsock.h"
 #include "log.h"
+#include "reason.h"
 #include "registry.h"
 
 namespace {
@@ -103,6 +105,7 @@ class Arguments {
   // Kept out of line: a call with good arguments does not come here.
   [[gnu::noinline]] bool Refused(const char* line) const {
     LogPointer(function_, line);
+    reason::Fail(EINVAL);
     return false;
   }
 
@@ -128,8 +131,11 @@ void Destroy(const Arguments& arguments, Object** p) {
 // the sock returns, or -1.
 int ReadDescriptor(JCXXSock* sock, int& fd) {
   fd = -1;
-  const int rc = sock->GetReadFD(fd);
-  return rc == 0 && fd < 0 ? -1 : rc;
+  if (const int rc = sock->GetReadFD(fd); rc != 0 || fd < 0) {
+    reason::Fail(EBADF);
+    return rc != 0 ? rc : -1;
+  }
+  return 0;
 }
 
 zmq_pollitem_t PollItem(int fd) {
@@ -154,10 +160,7 @@ int hybrid_internal_handler(zloop_t* loop, zmq_pollitem_t* item, void* arg) {
 
 }  // namespace
 
-JCXXActorAPI* JCXXActorAPI::GetInstance() {
-  JCXXActorAPI* made = registry::the_instance.load(std::memory_order_acquire);
-  return made != nullptr ? made : registry::MakeInstance();
-}
+JCXXActorAPI* JCXXActorAPI::GetInstance() { return &registry::Api(); }
 
 // The registrations are few and always searched from the first to the last: they need
 // no buckets, and inserting a prepared entry therefore allocates nothing.
@@ -335,6 +338,16 @@ std::size_t JCXXActorAPI::j_sock_buffered(JCXXActor* a) {
   return arguments.Handle(a) ? j_sock_buffered(a->GetSock()) : 0;
 }
 
+int JCXXActorAPI::j_sock_wait(JCXXSock* s, int milliseconds) {
+  JACTOR_ARGUMENTS(j_sock_wait);
+  return arguments.Handle(s) ? s->WaitForMessage(milliseconds) : -1;
+}
+
+int JCXXActorAPI::j_sock_wait(JCXXActor* a, int milliseconds) {
+  JACTOR_ARGUMENTS(j_sock_wait);
+  return arguments.Handle(a) ? j_sock_wait(a->GetSock(), milliseconds) : -1;
+}
+
 JCXXSock* JCXXActorAPI::j_pipe_new_pull(char const* name) { return JCXXSock::NewPull(name); }
 
 JCXXSock* JCXXActorAPI::j_pipe_new_push(char const* name) { return JCXXSock::NewPush(name); }
@@ -357,7 +370,7 @@ int JCXXActorAPI::hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock,
   std::unordered_set<hybrid_poller_info*> entry{record.get()};
   zmq_pollitem_t item = PollItem(fd);
   if (zloop_poller(loop, &item, hybrid_internal_handler, record.get()) != 0) {
-    return -1;
+    return reason::Fail(ENOMEM);  // it has no other reason
   }
   hybrid_poller_info* registered = record.release();
   if (!process::Gone()) {
@@ -383,7 +396,8 @@ void JCXXActorAPI::hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock) {
   for (auto next = pollers.begin(); next != pollers.end();) {
     hybrid_poller_info* record = *next;
     int watched = -1;
-    // A sock that was destroyed in spite of its registration is not asked.
+    // A sock that was destroyed in spite of its registration is not asked. One that has
+    // no descriptor now does not fail the call.
     if (socks.count(record->sock) != 0 && ReadDescriptor(record->sock, watched) == 0 &&
         watched == fd) {
       next = pollers.erase(next);
@@ -392,4 +406,5 @@ void JCXXActorAPI::hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock) {
       ++next;
     }
   }
+  reason::Clear();
 }

@@ -8,6 +8,8 @@
 #include "jcxxactorapi.h"
 #include "jcxxsock.h"
 #include "log.h"
+#include "reason.h"
+#include "registry.h"
 #include "wire.h"
 
 namespace {
@@ -20,9 +22,14 @@ std::size_t EncodeFrame(JCXXFrame& frame, unsigned char* header) {
 
 bool HasPayload(JCXXFrame& frame) { return frame.IsDataFrame() && !frame.data.empty(); }
 
+// Reads what must follow of a frame that has begun: an end before it is damage.
 bool ReadExactly(JCXXSock* psock, unsigned char* buf, std::size_t len) {
   std::size_t got = 0;
-  return psock->ReadBlocking(buf, len, got) == 0 && got == len;
+  if (psock->ReadBlocking(buf, len, got) == 0 && got == len) {
+    return true;
+  }
+  reason::EndIsDamage();
+  return false;
 }
 
 // Reads what the lead byte says must follow of the header. Result: whether it came.
@@ -50,6 +57,7 @@ int WriteSignal(JCXXSock* psock, unsigned char value) {
   unsigned char header[wire::kMaxHeader];
   const std::size_t length = wire::Encode({wire::Kind::kSignal, value}, header);
   std::size_t written = 0;
+  registry::Signalling(psock);
   const int rc = psock->WriteBlocking(header, length, written);
   if (rc != 0) {
     if (length == 1) {
@@ -65,7 +73,7 @@ int WriteSignal(JCXXSock* psock, unsigned char value) {
     } else {
       JACTOR_ERROR_AS(kFunction, "WriteBlocking failed 4");
     }
-    return -1;
+    return reason::Fail(EIO);
   }
   return 0;
 }
@@ -73,37 +81,38 @@ int WriteSignal(JCXXSock* psock, unsigned char value) {
 }  // namespace
 
 JCXXFrame::JCXXFrame() : type(DATA_FRAME), msg_size(0), header{}, header_len(0) {
-  JCXXActorAPI::GetInstance()->JCXXFramePtrAdd(this);
+  registry::Api().JCXXFramePtrAdd(this);
 }
 
 JCXXFrame::JCXXFrame(unsigned char value)
     : type(SIGNAL_FRAME), msg_size(0), data(1, value), header{}, header_len(0) {
-  JCXXActorAPI::GetInstance()->JCXXFramePtrAdd(this);
+  registry::Api().JCXXFramePtrAdd(this);
 }
 
 JCXXFrame::JCXXFrame(unsigned int size)
     : type(MSG_HEADER_FRAME), msg_size(size), header{}, header_len(0) {
   if (size > kMaxSize) {
+    reason::Fail(EMSGSIZE);
     throw std::bad_alloc();
   }
-  JCXXActorAPI::GetInstance()->JCXXFramePtrAdd(this);
+  registry::Api().JCXXFramePtrAdd(this);
 }
 
 JCXXFrame::JCXXFrame(JCXXFrame const& /*other*/)
     : type(DATA_FRAME), msg_size(0), header{}, header_len(0) {
   JACTOR_TRACE("JCXXFrame copy constructor");
-  JCXXActorAPI::GetInstance()->JCXXFramePtrAdd(this);
+  registry::Api().JCXXFramePtrAdd(this);
 }
 
 JCXXFrame& JCXXFrame::operator=(JCXXFrame const& other) {
   JACTOR_TRACE("JCXXFrame copy assignment operator");
   if (this != &other) {
-    JCXXActorAPI::GetInstance()->JCXXFramePtrAdd(this);
+    registry::Api().JCXXFramePtrAdd(this);
   }
   return *this;
 }
 
-JCXXFrame::~JCXXFrame() { JCXXActorAPI::GetInstance()->JCXXFramePtrRemove(this); }
+JCXXFrame::~JCXXFrame() { registry::Api().JCXXFramePtrRemove(this); }
 
 std::size_t JCXXFrame::GetSize() { return IsMsgHeaderFrame() ? msg_size : data.size(); }
 
@@ -129,7 +138,7 @@ int JCXXFrame::BuildHeaderInFive() {
   }
   if (data.size() != 1) {
     JACTOR_ERROR("not size 1");
-    return -1;
+    return reason::Fail(EINVAL);
   }
   header_len = wire::Encode({wire::Kind::kSignal, data[0]}, header);
   return 0;
@@ -174,7 +183,7 @@ int JCXXFrame::WriteFrameToSock(JCXXSock* psock) {
   if (IsSignalFrame()) {
     if (data.size() != 1) {
       JACTOR_ERROR("not size 1");
-      return -1;
+      return reason::Fail(EINVAL);
     }
     return WriteSignal(psock, data[0]);
   }
@@ -201,7 +210,7 @@ int JCXXFrame::WriteFrameToSock(JCXXSock* psock) {
   }
   if (written != expected) {
     JACTOR_ERROR("size mismatch");
-    return -1;
+    return reason::Fail(EIO);
   }
   return 0;
 }
@@ -238,6 +247,7 @@ JCXXFrame* JCXXFrame::ReadFrameFromSock(JCXXSock* psock) {
     return new JCXXFrame(static_cast<unsigned char>(header.number));
   }
   if (header.number > kMaxSize) {
+    reason::Fail(EBADMSG);
     return nullptr;
   }
   return kind == wire::Kind::kMsgHeader ? new JCXXFrame(header.number)

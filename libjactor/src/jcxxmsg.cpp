@@ -19,6 +19,8 @@
 #include "jcxxframe.h"
 #include "jcxxsock.h"
 #include "log.h"
+#include "reason.h"
+#include "registry.h"
 
 namespace {
 
@@ -77,7 +79,7 @@ int WriteGathered(JCXXSock* psock, GatherList& list) {
   }
   if (written != list.total()) {
     JACTOR_ERROR_AS(kWriteMessage, "size mismatch");
-    return -1;
+    return reason::Fail(EIO);
   }
   return 0;
 }
@@ -105,24 +107,30 @@ int WriteData(JCXXSock* psock, JCXXMsg& msg) {
   return WriteGathered(psock, list);
 }
 
+// The line about a frame that cannot stand in `msg`, which announced `expected` bytes;
+// null when it can.
+const char* DamageBy(JCXXFrame& frame, JCXXMsg& msg, std::size_t expected) {
+  if (!frame.IsDataFrame()) {
+    return JACTOR_LINE("got a non-data frame");
+  }
+  if (msg.GetSize() + frame.GetSize() > expected) {
+    return JACTOR_LINE("too much data");
+  }
+  return msg.frame_list.size() == JCXXMsg::kMaxFrames ? JACTOR_LINE("too many frames") : nullptr;
+}
+
 // Reads the data frames of a message that announced `expected` bytes.
 JCXXMsg* ReadDataFrames(JCXXSock* psock, std::unique_ptr<JCXXMsg> msg, std::size_t expected) {
   while (msg->GetSize() < expected) {
     JACTOR_TRACE_AS(kReadMessage, "reading a data frame");
     std::unique_ptr<JCXXFrame> frame(JCXXFrame::ReadFrameFromSock(psock));
     if (frame == nullptr) {
+      reason::EndIsDamage();
       return nullptr;
     }
-    if (!frame->IsDataFrame()) {
-      JACTOR_ERROR_AS(kReadMessage, "got a non-data frame");
-      return nullptr;
-    }
-    if (msg->GetSize() + frame->GetSize() > expected) {
-      JACTOR_ERROR_AS(kReadMessage, "too much data");
-      return nullptr;
-    }
-    if (msg->frame_list.size() == JCXXMsg::kMaxFrames) {
-      JACTOR_ERROR_AS(kReadMessage, "too many frames");
+    if (const char* damage = DamageBy(*frame, *msg, expected); damage != nullptr) {
+      JACTOR_LOG_FORMAT(JACTOR_LEVEL_ERROR, kReadMessage, damage);
+      reason::Fail(EBADMSG);
       return nullptr;
     }
     msg->AppendDataFrame(frame.get());
@@ -135,11 +143,11 @@ JCXXMsg* ReadDataFrames(JCXXSock* psock, std::unique_ptr<JCXXMsg> msg, std::size
 }  // namespace
 
 JCXXMsg::JCXXMsg() : type(DATA_MSG), msg_size(0), signal_value(0) {
-  JCXXActorAPI::GetInstance()->JCXXMsgPtrAdd(this);
+  registry::Api().JCXXMsgPtrAdd(this);
 }
 
 JCXXMsg::JCXXMsg(unsigned char value) : type(SIGNAL_MSG), msg_size(0), signal_value(value) {
-  JCXXActorAPI::GetInstance()->JCXXMsgPtrAdd(this);
+  registry::Api().JCXXMsgPtrAdd(this);
 }
 
 JCXXMsg::JCXXMsg(JCXXFrame* frame) : type(DATA_MSG), msg_size(0), signal_value(0) {
@@ -150,7 +158,7 @@ JCXXMsg::JCXXMsg(JCXXFrame* frame) : type(DATA_MSG), msg_size(0), signal_value(0
     type = SIGNAL_MSG;
     signal_value = frame->data.empty() ? 0 : frame->data[0];
   }
-  JCXXActorAPI::GetInstance()->JCXXMsgPtrAdd(this);
+  registry::Api().JCXXMsgPtrAdd(this);
   if (frame != nullptr && frame->IsDataFrame()) {
     JACTOR_TRACE("c msg_size=%d", msg_size);
   } else if (frame != nullptr && frame->IsMsgHeaderFrame()) {
@@ -160,20 +168,20 @@ JCXXMsg::JCXXMsg(JCXXFrame* frame) : type(DATA_MSG), msg_size(0), signal_value(0
 
 JCXXMsg::JCXXMsg(JCXXMsg const& /*other*/) : type(DATA_MSG), msg_size(0), signal_value(0) {
   JACTOR_TRACE("JCXXMsg copy constructor");
-  JCXXActorAPI::GetInstance()->JCXXMsgPtrAdd(this);
+  registry::Api().JCXXMsgPtrAdd(this);
 }
 
 JCXXMsg& JCXXMsg::operator=(JCXXMsg const& other) {
   JACTOR_TRACE("JCXXMsg copy assignment operator");
   if (this != &other) {
-    JCXXActorAPI::GetInstance()->JCXXMsgPtrAdd(this);
+    registry::Api().JCXXMsgPtrAdd(this);
   }
   return *this;
 }
 
 JCXXMsg::~JCXXMsg() {
   DeallocateList();
-  JCXXActorAPI::GetInstance()->JCXXMsgPtrRemove(this);
+  registry::Api().JCXXMsgPtrRemove(this);
 }
 
 unsigned int JCXXMsg::GetSize() { return msg_size; }
@@ -188,7 +196,7 @@ std::list<JCXXFrame*>& JCXXMsg::GetFrameList() { return frame_list; }
 
 int JCXXMsg::AppendDataFrame(JCXXFrame* frame) {
   if (frame == nullptr || !frame->IsDataFrame() || !IsDataMsg()) {
-    return -1;
+    return reason::Fail(EINVAL);
   }
   frame_list.push_back(frame);
   msg_size += static_cast<std::uint32_t>(frame->GetSize());
@@ -197,7 +205,7 @@ int JCXXMsg::AppendDataFrame(JCXXFrame* frame) {
 
 int JCXXMsg::AddMem(const void* mem, std::size_t size) {
   if (size > JCXXFrame::kMaxSize) {
-    return -1;
+    return reason::Fail(EMSGSIZE);
   }
   auto frame = std::make_unique<JCXXFrame>();
   if (mem != nullptr) {

@@ -27,6 +27,8 @@
 #include "jcxxmsg.h"
 #include "log.h"
 #include "process.h"
+#include "reason.h"
+#include "registry.h"
 
 namespace {
 
@@ -49,29 +51,30 @@ bool RepeatWhenReady(int fd, short event) {
 // what the operation returns.
 int DescriptorOf(JCXXSock& sock, int (JCXXSock::*get)(int&), int& fd) {
   fd = -1;
-  if (const int rc = (sock.*get)(fd); rc != 0) {
-    return rc;
+  if (const int rc = (sock.*get)(fd); rc != 0 || fd < 0) {
+    reason::Fail(EBADF);
+    return rc != 0 ? rc : -1;
   }
-  return fd < 0 ? -1 : 0;
+  return 0;
 }
 
 }  // namespace
 
 JCXXSock::JCXXSock()
     : read_buffer(nullptr), read_buffer_pos(nullptr), read_buffer_size(0), read_buffer_avail(0) {
-  JCXXActorAPI::GetInstance()->JCXXSockPtrAdd(this);
+  registry::Api().JCXXSockPtrAdd(this);
 }
 
 JCXXSock::JCXXSock(JCXXSock const& /*other*/)
     : read_buffer(nullptr), read_buffer_pos(nullptr), read_buffer_size(0), read_buffer_avail(0) {
   JACTOR_TRACE("JCXXSock copy constructor");
-  JCXXActorAPI::GetInstance()->JCXXSockPtrAdd(this);
+  registry::Api().JCXXSockPtrAdd(this);
 }
 
 JCXXSock& JCXXSock::operator=(JCXXSock const& other) {
   JACTOR_TRACE("JCXXSock copy assignment operator");
   if (this != &other) {
-    JCXXActorAPI::GetInstance()->JCXXSockPtrAdd(this);
+    registry::Api().JCXXSockPtrAdd(this);
   }
   return *this;
 }
@@ -79,7 +82,7 @@ JCXXSock& JCXXSock::operator=(JCXXSock const& other) {
 JCXXSock::~JCXXSock() {
   delete[] read_buffer;
   read_buffer = nullptr;
-  JCXXActorAPI::GetInstance()->JCXXSockPtrRemove(this);
+  registry::Api().JCXXSockPtrRemove(this);
 }
 
 int JCXXSock::GetReadFD(int& /*fd*/) { return -1; }
@@ -120,6 +123,7 @@ int SkipSent(const iovec* iov, std::size_t sent, std::vector<iovec>& rest) {
 // Writes what the first write of `iov` left over. Result: 0 when all `total`
 // bytes are out, otherwise -1.
 int WriteRemainder(int fd, const iovec* iov, int iovcnt, std::size_t sent, std::size_t total) {
+  reason::Fail(EIO);  // unless all of it gets out after all
   std::vector<iovec> rest(iov, iov + iovcnt);
   while (sent < total) {
     const int first = SkipSent(iov, sent, rest);
@@ -142,6 +146,7 @@ int WriteRemainder(int fd, const iovec* iov, int iovcnt, std::size_t sent, std::
       return -1;
     }
   }
+  reason::Clear();
   JACTOR_TRACE_AS(kWriteBlockingIOV, "remainder all sent");
   return 0;
 }
@@ -151,7 +156,7 @@ int WriteRemainder(int fd, const iovec* iov, int iovcnt, std::size_t sent, std::
 int JCXXSock::WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& written) {
   written = 0;
   if (buf == nullptr) {
-    return -1;
+    return reason::Fail(EINVAL);
   }
   int fd = -1;
   if (const int rc = DescriptorOf(*this, &JCXXSock::GetWriteFD, fd); rc != 0) {
@@ -163,7 +168,7 @@ int JCXXSock::WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& wr
     if (step > 0) {
       done += static_cast<std::size_t>(step);
     } else if (step == 0 || !RepeatWhenReady(fd, POLLOUT)) {
-      return -1;
+      return reason::Fail(step == 0 || done > 0 ? EIO : errno);
     }
   }
   written = len;
@@ -174,7 +179,7 @@ int JCXXSock::WriteBlockingIOV(const iovec* iov, int iovcnt, std::size_t& writte
   JACTOR_TRACE("WriteBlockingIOV");
   written = 0;
   if (iov == nullptr || iovcnt < 0) {
-    return -1;
+    return reason::Fail(EINVAL);
   }
   int fd = -1;
   if (const int rc = DescriptorOf(*this, &JCXXSock::GetWriteFD, fd); rc != 0) {
@@ -198,14 +203,17 @@ int JCXXSock::WriteBlockingIOV(const iovec* iov, int iovcnt, std::size_t& writte
     if (!MustRepeat(errno)) {
       JACTOR_ERROR("other error, errno=%d", errno);
     }
-    return -1;
+    return reason::Fail(errno == EINVAL ? EMSGSIZE : errno);  // too many entries
   }
   const auto sent = static_cast<std::size_t>(waswritten);
   if (sent == total_size) {
     JACTOR_TRACE("all in one");
   } else {
     JACTOR_ERROR("partial write, waswritten=%zd", waswritten);
-    if (sent == 0 || WriteRemainder(fd, iov, iovcnt, sent, total_size) != 0) {
+    if (sent == 0) {
+      return reason::Fail(EIO);
+    }
+    if (WriteRemainder(fd, iov, iovcnt, sent, total_size) != 0) {
       return -1;
     }
   }
@@ -351,7 +359,7 @@ ssize_t JCXXSock::ReadBlockingReadaheadBuffered(void* buf, std::size_t s) {
 int JCXXSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got) {
   got = 0;
   if (buf == nullptr) {
-    return -1;
+    return reason::Fail(EINVAL);
   }
   int fd = -1;
   if (const int rc = DescriptorOf(*this, &JCXXSock::GetReadFD, fd); rc != 0) {
@@ -363,7 +371,7 @@ int JCXXSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got
     if (step > 0) {
       done += static_cast<std::size_t>(step);
     } else if (step == 0 || !RepeatWhenReady(fd, POLLIN)) {
-      return -1;
+      return reason::Fail(step == 0 ? 0 : errno);
     }
   }
   got = len;
@@ -387,7 +395,7 @@ int JCXXSock::WriteNonBlocking(unsigned char* /*buf*/, std::size_t /*len*/,
 
 int JCXXSock::Send(JCXXMsg** msg) {
   if (msg == nullptr || *msg == nullptr) {
-    return -1;
+    return reason::Fail(EINVAL);
   }
   if (const int rc = (*msg)->WriteMessage(this); rc != 0) {
     return rc;
@@ -535,9 +543,15 @@ bool IsThere(fs::file_type type) {
   return type != fs::file_type::none && type != fs::file_type::not_found;
 }
 
+// Says why a step failed: by the file system, or since somebody else was faster.
+bool Failed(std::error_code error) {
+  reason::Fail(error ? error.value() : EEXIST);
+  return false;
+}
+
 bool Removed(const std::string& path) {
-  std::error_code ignored;
-  return fs::remove(path, ignored);
+  std::error_code error;
+  return fs::remove(path, error) || Failed(error);
 }
 
 // Takes the direction prefix off the name. It is accepted whatever the caller
@@ -577,6 +591,7 @@ bool TransportSupported(const std::string& transport) {
   } else {
     JACTOR_ERROR_AS(kOpenEndpoint, "unrecognized transport not supported");
   }
+  reason::Fail(EPROTONOSUPPORT);
   return false;
 }
 
@@ -590,17 +605,20 @@ bool ParseEndpoint(const char* endpoint, bool pull, std::string& transport, std:
   }
   if (names.size() > 1) {
     JACTOR_ERROR_AS(kOpenEndpoint, "multiple endpoint names not supported");
+    reason::Fail(EINVAL);
     return false;
   }
   std::string name = names.front();
   if (name.size() <= 4) {
     JACTOR_ERROR_AS(kOpenEndpoint, "endpoint name too short");
+    reason::Fail(EINVAL);
     return false;
   }
   StripPrefix(name, pull);
   SockFromNamedEndpoint::SplitLikeURI(name, transport, path);
   if (transport.empty()) {
     JACTOR_ERROR_AS(kOpenEndpoint, "bad transport");
+    reason::Fail(EINVAL);
     return false;
   }
   JACTOR_TRACE_AS(kOpenEndpoint, "transport=[%s]", transport.c_str());
@@ -634,9 +652,9 @@ bool EnsureRunDirectory() {
   }
   JACTOR_TRACE_AS(kOpenEndpoint, "tmpdir doesn't exist.");
   std::error_code ignored;
-  if (!fs::create_directory(tmpdir, ignored)) {
+  if (std::error_code error; !fs::create_directory(tmpdir, error)) {
     JACTOR_ERROR_AS(kOpenEndpoint, "unable to create tmpdir");
-    return false;
+    return Failed(error);
   }
   fs::permissions(tmpdir, fs::perms::all | fs::perms::set_gid, fs::perm_options::replace, ignored);
   return true;
@@ -648,7 +666,11 @@ bool CreateFifo(const std::string& fifopath) {
   const process::CriticalSection section(process::umask_mutex);
   const mode_t old_umask = ::umask(0);
   const int rc = ::mkfifo(fifopath.c_str(), kFifoMode);
+  const int error = errno;
   ::umask(old_umask);
+  if (rc != 0) {
+    reason::Fail(error);
+  }
   return rc == 0;
 }
 
@@ -683,6 +705,7 @@ bool IsFifo(int fd) {
 Descriptor OpenFifo(const std::string& fifopath) {
   Descriptor opened(::open(fifopath.c_str(), O_RDWR | O_NOFOLLOW | O_NOATIME | O_CLOEXEC));
   if (!opened || !IsFifo(opened.get())) {
+    reason::Fail(opened ? EEXIST : errno);
     JACTOR_ERROR_AS(kOpenEndpoint, "unable to open fifo");
     return Descriptor();
   }
@@ -693,6 +716,7 @@ Descriptor OpenFifo(const std::string& fifopath) {
 
 JCXXSock* SockFromNamedEndpoint::NewSockFromNamedEndpoint(char const* name, bool pull) {
   if (name == nullptr) {
+    reason::Fail(EINVAL);
     return nullptr;
   }
   process::RefuseToStartAtTheEnd();

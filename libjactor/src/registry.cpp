@@ -73,4 +73,31 @@ JCXXActorAPI* MakeInstance() {
   return the_instance.load(std::memory_order_acquire);
 }
 
+void BecomeSilent(const JCXXSock* actors_end) {
+  if (!process::Gone()) {
+    Instance& instance = *the_instance.load();
+    const process::CriticalSection section(instance.mutex);
+    instance.silent.insert(actors_end);
+    silent_socks = instance.silent.size();
+  }
+}
+
+bool IsSilent(const JCXXSock* actors_end) {
+  if (process::Gone() || silent_socks == 0) {
+    return false;
+  }
+  Instance& instance = *the_instance.load();
+  const process::CriticalSection section(instance.mutex);
+  return instance.silent.count(actors_end) != 0;
+}
+
+void EndSilence(const JCXXSock* actors_end) {
+  if (!process::Gone()) {
+    Instance& instance = *the_instance.load();
+    const process::CriticalSection section(instance.mutex);
+    instance.silent.erase(actors_end);
+    silent_socks = instance.silent.size();
+  }
+}
+
 }  // namespace registry

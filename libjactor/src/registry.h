@@ -175,6 +175,9 @@ struct Instance final : JCXXActorAPI {
   Beside<JCXXActor> beside_actors;
   Beside<JCXXFrame> beside_frames;
   Beside<JCXXMsg> beside_msgs;
+
+  // The ends of actors whose function has not sent its first signal, under the mutex.
+  std::unordered_set<const JCXXSock*> silent;
 };
 
 // Null until the first use.
@@ -182,7 +185,25 @@ inline constinit std::atomic<Instance*> the_instance{nullptr};
 
 // Makes the instance once, whichever threads ask. Throws std::bad_alloc; the next call
 // tries again.
-JCXXActorAPI* MakeInstance();
+[[gnu::noinline, gnu::cold]] JCXXActorAPI* MakeInstance();
+
+// The instance, made if need be.
+inline JCXXActorAPI& Api() {
+  JCXXActorAPI* made = the_instance.load(std::memory_order_acquire);
+  return made != nullptr ? *made : *MakeInstance();
+}
+
+// An actor's end is silent until its function sends the first signal over it. A signal
+// on any other sock costs one load.
+inline constinit std::atomic<std::size_t> silent_socks{0};
+void BecomeSilent(const JCXXSock* actors_end);
+bool IsSilent(const JCXXSock* actors_end);
+void EndSilence(const JCXXSock* actors_end);
+inline void Signalling(const JCXXSock* sock) {
+  if (silent_socks.load(std::memory_order_relaxed) != 0) {
+    EndSilence(sock);
+  }
+}
 
 // Where the parts of a family are.
 template <class Object>
@@ -225,7 +246,7 @@ template <class Object>
 
 // Whether `p` is in its set.
 template <class Object>
-bool Ask(JCXXActorAPI& api, Object* p) {
+[[gnu::always_inline]] inline bool Ask(JCXXActorAPI& api, Object* p) {
   const Beside<Object>* beside = BesideIn<Object>(api);
   if (beside != nullptr && Memory::own != nullptr) {
     if (const auto known = (Memory::own->*Family<Object>::kKnown).Recall(beside->changes, p)) {

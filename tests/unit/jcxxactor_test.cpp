@@ -67,6 +67,22 @@ TEST_F(ActorTest, ASockThatTheBorrowerDestroyedIsALine) {
             "the actor's sock has been destroyed by somebody else");
 }
 
+// The creator waits for ever then, so nobody does here but another thread: a signal that
+// comes by another road ends the wait.
+TEST_F(ActorTest, AFunctionThatReturnsBeforeItsSignalIsALine) {
+  static std::atomic<j_sock_t*> actors_end;
+  actors_end = nullptr;
+  std::jthread creator([] {
+    JCXXActor* actor = j_actor_new([](j_sock_t* sock, void*) { actors_end = sock; }, nullptr);
+    j_actor_destroy(&actor);
+  });
+  while (Log() != "actor function returned before its first signal") {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(LogLines().back().function, "the_wrapper_function");
+  EXPECT_EQ(j_sock_signal(actors_end, 0), 0);
+}
+
 TEST_F(ActorTest, NoFunctionIsALineAndNoThread) {
   const Script threads(Call::kPthreadCreate);
   EXPECT_EQ(j_actor_new(nullptr, nullptr), nullptr);
