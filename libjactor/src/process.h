@@ -57,7 +57,8 @@ class Lending {
 // Throws std::system_error when the lock fails.
 class CriticalSection {
  public:
-  explicit CriticalSection(std::mutex& mutex) : mutex_(lent == &mutex ? nullptr : &mutex) {
+  [[gnu::always_inline]] explicit CriticalSection(std::mutex& mutex)
+      : mutex_(lent == &mutex ? nullptr : &mutex) {
     if (mutex_ == nullptr) {
       return;
     }
