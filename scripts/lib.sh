@@ -10,6 +10,7 @@
 #   root, jobs             the top of the source tree, and how many CPUs there are
 #   die TEXT...            print an error and exit 1
 #   need_packages NAME...  install the Debian packages that are missing
+#   need_run_directory     make sure that endpoints can be made
 #   stage NAME COMMAND...  run one named stage, remember its result and time
 #   summary                print what the stages gave; fails when one failed
 
@@ -67,6 +68,22 @@ need_packages() {
     ! { apt_get update && apt_get install --no-install-recommends "${missing[@]}"; } >/dev/null; then
     die "these packages are missing and could not be installed: ${missing[*]}"
   fi
+}
+
+# Makes sure that this user can make endpoints: makes the directory of their FIFOs as the
+# library does, where it is missing. One that is there stays as the administrator has set
+# it up. Ends the script, and says what to ask the administrator for, when it cannot.
+run_directory=/var/run/jactor
+need_run_directory() {
+  [ -d "$run_directory" ] || make_run_directory 2>/dev/null ||
+    die "no $run_directory, and no right to make it; ask an administrator for: install -d -m 2777 $run_directory"
+  [[ -w $run_directory && -x $run_directory ]] ||
+    die "$run_directory is not writable for $(id -un); ask an administrator for: chmod 2777 $run_directory"
+}
+
+# A user who may write beside it needs no sudo.
+make_run_directory() {
+  install -d -m 2777 "$run_directory" || as_root install -d -m 2777 "$run_directory"
 }
 
 # The results so far. A script that goes on for another one inherits them.
