@@ -62,7 +62,7 @@ class GatherList {
   std::size_t total_ = 0;
 };
 
-int WriteSignal(JCXXSock* psock, unsigned char value) {
+int WriteSignalFrame(JCXXSock* psock, unsigned char value) {
   JACTOR_TRACE_AS(kWriteMessage, "write a signal message");
   const int rc = JCXXFrame(value).WriteFrameToSock(psock);
   JACTOR_TRACE_AS(kWriteMessage, "WriteMessage rc=%d", rc);
@@ -267,7 +267,7 @@ int JCXXMsg::WriteMessage(JCXXSock* psock) {
     JACTOR_ERROR("NULL pointer");
     return -1;
   }
-  return IsSignalMsg() ? WriteSignal(psock, signal_value) : WriteData(psock, *this);
+  return IsSignalMsg() ? WriteSignalFrame(psock, signal_value) : WriteData(psock, *this);
 }
 
 JCXXMsg* JCXXMsg::ReadMessage(JCXXSock* psock) {

@@ -8,6 +8,7 @@ exec 9<>"$(fifo e)"
 printf 'abc' >&9
 sleep 100 & # inherits the FIFO
 sleeper=$!
+until_true grep -qx sleep "/proc/$sleeper/comm" # no longer the shell's copy
 
 "$JPIPE" list >"$scratch/list"
 is 'exit code' 0 $?
