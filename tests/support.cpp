@@ -162,30 +162,33 @@ UniqueEndpoint::UniqueEndpoint() {
 }
 
 Census TakeCensus() {
+  const AtWork own;
   Census census;
   for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;  // the descriptor of this very listing
     const std::string target = fs::read_symlink(entry.path(), gone);
-    if (!target.ends_with("/fd") && !target.empty()) {
-      census.insert("descriptor " + entry.path().filename().string() + " of " + target);
+    struct stat file = {};
+    if (!target.ends_with("/fd") && ::stat(entry.path().c_str(), &file) == 0) {
+      census["descriptor " + entry.path().filename().string() + " of file " +
+             std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino)] = target;
     }
   }
   for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/task")) {
-    census.insert("thread " + entry.path().filename().string());
+    census["thread " + entry.path().filename().string()] = "";
   }
   JCXXActorAPI* api = JCXXActorAPI::GetInstance();
   const std::lock_guard<std::mutex> lock(api->mutex);
-  census.insert("registered objects: " +
-                std::to_string(api->socks.size() + api->actors.size() + api->frames.size() +
-                               api->msgs.size() + api->pollers.size()));
+  census["registered objects: " +
+         std::to_string(api->socks.size() + api->actors.size() + api->frames.size() +
+                        api->msgs.size() + api->pollers.size())] = "";
   return census;
 }
 
 std::string LeftSince(const Census& before) {
   for (int wait = 1000;; --wait) {
     std::string left;
-    for (const std::string& item : TakeCensus()) {
-      left += before.count(item) == 0 ? item + "; " : "";
+    for (const auto& [item, where] : TakeCensus()) {
+      left += before.count(item) == 0 ? item + " " + where + "; " : "";
     }
     if (left.empty() || wait == 0) {
       return left;

@@ -15,9 +15,9 @@
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -130,8 +130,9 @@ struct UniqueEndpoint {
 // Leaks
 
 // The open descriptors, the threads and the number of registered objects of this
-// process, in words.
-using Census = std::set<std::string>;
+// process, in words, and where each descriptor leads. A file that was open before may
+// be renamed by another program.
+using Census = std::map<std::string, std::string>;
 Census TakeCensus();
 
 // What is there now and was not in `before`, or an empty string. Waits a moment
