@@ -1,4 +1,5 @@
-# jpipe.bash - completion of jpipe's commands, options and endpoints for bash
+# jpipe.bash - completion for bash. The commands, options and operands come from
+# jpipe's own help.
 
 # Names with other characters than these are left out: bash would expand them, and any
 # local user can make an endpoint.
@@ -6,60 +7,77 @@ _jpipe_endpoints() {
   jpipe list 2>/dev/null | awk 'NR > 1 && $1 ~ /^[[:alnum:]:\/._-]+$/ { print $1 }'
 }
 
-# The options that the command $1 takes.
+# The options in the help $1, a line each: "--format text|quoted -f", "--help -h".
 _jpipe_options() {
-  local bridge='--progress --timeout --bind --connect --hwm --linger --curve-cert
-    --curve-server --curve-clients'
-  case $1 in
-    pull) echo --format --count --timeout --progress --frames ;;
-    push) echo --count --timeout --progress --frames --file --no-wait ;;
-    signal) echo --timeout --no-wait ;;
-    drain) echo --format ;;
-    export) echo --count "$bridge" ;;
-    import) echo "$bridge" ;;
-  esac
-  echo --verbose --help
+  sed -nE 's/^ +(-.)?,? *(--[a-z-]+)( [^ ]+)?.*/\2\3 \1/p' <<<"$1"
 }
 
-# What may stand after the words "$1 ... $2": "words LIST", "file", "directory" or nothing.
-_jpipe_next() {
-  local command=$1 previous=$2 current=$3
-  case $previous in
-    -f | --format) echo words text quoted hex json raw ;;
-    --file | --curve-cert | --curve-server) echo file ;;
-    --curve-clients) echo directory ;;
-    -n | --count | -t | --timeout | --hwm | --linger | --frames) ;;
-    *)
-      case $current:$command in
-        -*) echo words "$(_jpipe_options "$command")" ;;
-        *:decode | *:keygen) echo file ;;
-        *:list) ;;
-        *) echo words "$(_jpipe_endpoints)" ;;
-      esac
-      ;;
-  esac
+# What the option $2 in the help $1 wants behind it; nothing for a flag.
+_jpipe_value() {
+  _jpipe_options "$1" | awk -v option="$2" '
+    ($1 == option || $NF == option) && NF > 1 && $2 !~ /^-/ { print $2 }'
+}
+
+# What stands at the end of the words "$2"...: the name that the help $1 has for it, or
+# "option".
+_jpipe_wanted() {
+  local help=$1 operands operand=0 value='' only_operands=no
+  read -ra operands < <(sed -nE 's/^Usage: .*\[OPTION\.\.\.\] ?//p' <<<"$help")
+  shift
+  while [ $# -gt 1 ]; do
+    if [ -n "$value" ]; then
+      value=''
+    elif [ "$1" = -- ]; then
+      only_operands=yes
+    elif [[ $only_operands = no && $1 = -?* ]]; then
+      value=$(_jpipe_value "$help" "$1")
+    else
+      operand=$((operand + 1))
+    fi
+    shift
+  done
+  if [ -n "$value" ]; then
+    echo "$value"
+  elif [[ $only_operands = no && $1 = -* ]]; then
+    echo option
+  else
+    echo "${operands[operand]-}"
+  fi
 }
 
 _jpipe() {
-  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} next
-  # bash takes the colon of ipc:// for a word of its own; bash-completion mends that.
-  if declare -F _get_comp_words_by_ref >/dev/null; then
-    _get_comp_words_by_ref -n : -c current -p previous
-  fi
-  next='words pull push signal list drain decode export import keygen --help --version'
-  if [ "$COMP_CWORD" -gt 1 ]; then
-    next=$(_jpipe_next "${COMP_WORDS[1]}" "$previous" "$current")
-  fi
+  local word words=() current typed=${COMP_WORDS[COMP_CWORD]} help wanted offered=''
+  # bash takes a colon and an equals sign for words of their own.
+  for word in "${COMP_WORDS[@]:0:COMP_CWORD+1}"; do
+    if [[ $word = :* || ${words[*]: -1} = *: ]]; then
+      words[-1]+=$word
+    elif [ "$word" != = ]; then
+      words+=("$word")
+    fi
+  done
+  [ "$typed" != = ] || words+=('')
+  current=${words[-1]}
   COMPREPLY=()
-  case $next in
-    words*) mapfile -t COMPREPLY < <(compgen -W "${next#words}" -- "$current") ;;
-    file) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
-    directory) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
+  if [ ${#words[@]} -eq 2 ]; then
+    wanted='command'
+  else
+    help=$(jpipe "${words[1]}" --help 2>/dev/null)
+    wanted=$(_jpipe_wanted "$help" "${words[@]:2}")
+  fi
+  case $wanted in
+    command) offered="$(jpipe --help | sed -nE 's/^  ([a-z]+) .*/\1/p') --help --version" ;;
+    option) offered=$(_jpipe_options "$help" | cut -d ' ' -f 1) ;;
+    ENDPOINT) offered=$(_jpipe_endpoints) ;;
+    *\|*) offered=${wanted//|/ } ;;
+    FILE | \[FILE]) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+    DIR) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
   esac
-  if [ "$next" = file ] || [ "$next" = directory ]; then
-    compopt -o filenames
-  elif declare -F __ltrim_colon_completions >/dev/null; then
-    __ltrim_colon_completions "$current"
+  if [ -n "$offered" ]; then
+    mapfile -t COMPREPLY < <(compgen -W "$offered" -- "$current")
+  fi
+  # bash replaces only what stands behind the last colon.
+  if [ "$typed" != "$current" ]; then
+    COMPREPLY=("${COMPREPLY[@]#"${current%"${current##*:}"}"}")
   fi
 }
 

@@ -1,8 +1,6 @@
 // jpipe.cpp - the endpoints from the shell: the table of commands, and main.
 #include <jactor.h>
 
-#include <climits>
-#include <cstring>
 #include <exception>
 #include <string>
 
@@ -15,18 +13,36 @@ namespace jpipe {
 namespace {
 
 constexpr Command kCommands[] = {
-    {"pull", "ENDPOINT", 1, 1, "fntpF", "show the messages that arrive", Pull},
-    {"push", "ENDPOINT [FRAME...]", 1, INT_MAX, "ntpFiw", "send a message, or a message a line",
-     Push},
-    {"signal", "ENDPOINT VALUE", 2, 2, "tw", "send a signal, 0 to 255", Signal},
-    {"list", "", 0, 0, "", "show the endpoints and who has them open", List},
-    {"drain", "ENDPOINT", 1, 1, "f", "throw away what lies in an endpoint", Drain},
-    {"decode", "[FILE]", 0, 1, "", "explain captured bytes, offset by offset", Decode},
-    {"export", "ENDPOINT tcp://HOST:PORT", 2, 2, "ntpbcHlksa", "endpoint to ZeroMQ", Export},
-    {"import", "tcp://*:PORT ENDPOINT", 2, 2, "tpbcHlksa", "ZeroMQ to endpoint", Import},
-    {"keygen", "FILE", 1, 1, "", "make a certificate for export and import", MakeCertificate},
+    {"pull", "ENDPOINT", "show the messages that arrive",
+     "jpipe pull --format json ipc://sensors/temp", Pull},
+    {"push", "ENDPOINT [FRAME...]", "send a message, or a message for each line of input",
+     "jpipe push ipc://sensors/temp kitchen 21.5", Push},
+    {"signal", "ENDPOINT VALUE", "send a signal, 0 to 255", "jpipe signal ipc://jobs 3", Signal},
+    {"list", "", "show the endpoints and who has them open", "jpipe list", List},
+    {"drain", "ENDPOINT", "throw away what lies in an endpoint", "jpipe drain -f hex ipc://jobs",
+     Drain},
+    {"decode", "[FILE]", "explain captured bytes, offset by offset", "jpipe decode capture.bin",
+     Decode},
+    {"export", "ENDPOINT tcp://HOST:PORT", "carry an endpoint to another machine",
+     "jpipe export ipc://jobs tcp://receiver:5555", Export},
+    {"import", "tcp://*:PORT ENDPOINT", "write what export sends to an endpoint",
+     "jpipe import 'tcp://*:5555' ipc://jobs", Import},
+    {"keygen", "FILE", "make a certificate for export and import", "jpipe keygen sender",
+     MakeCertificate},
 };
-constexpr std::size_t kCommandCount = sizeof kCommands / sizeof kCommands[0];
+
+std::string HelpText() {
+  std::string text =
+      "Usage: jpipe COMMAND [OPTION...] [OPERAND...]\n"
+      "Looks into libjactor endpoints, feeds them, and joins them over the network.\n\n";
+  for (const Command& command : kCommands) {
+    text += Text("  %-8s%-26s%s\n", command.name, command.operands, command.summary);
+  }
+  return text +
+         "\njpipe COMMAND --help shows the command's options; jpipe --version the version;"
+         "\njpipe(1) has the rest.\n\n"
+         "Exit status: 0 done, 1 failure, 2 usage, 124 timed out.\n";
+}
 
 const Command& FindCommand(const std::string& name) {
   for (const Command& command : kCommands) {
@@ -34,7 +50,7 @@ const Command& FindCommand(const std::string& name) {
       return command;
     }
   }
-  throw Failure(kUsage, "\"" + name + "\" is no command: jpipe --help shows them all");
+  throw Failure(kUsage, "\"" + name + "\" is not a command: jpipe --help shows them all");
 }
 
 int Run(int argc, char** argv) {
@@ -44,15 +60,15 @@ int Run(int argc, char** argv) {
   StopRequests::Install();
   const std::string first = argv[1];
   if (first == "--help" || first == "-h") {
-    return Print(HelpText(kCommands, kCommandCount));
+    return Print(HelpText());
   }
   if (first == "--version" || first == "-V") {
     return Print(
         Text("jpipe %d.%d.%d\n", JACTOR_VERSION_MAJOR, JACTOR_VERSION_MINOR, JACTOR_VERSION_PATCH));
   }
   const Command& command = FindCommand(first);
-  const std::optional<Options> options = ReadOptions(command, argc - 1, argv + 1);
-  return options ? command.run(*options) : Print(HelpText(kCommands, kCommandCount));
+  const std::optional<Options> options = ReadOptions(command, argc - 2, argv + 2);
+  return options ? command.run(*options) : Print(CommandHelp(command));
 }
 
 }  // namespace

@@ -1,69 +1,15 @@
-// options.cpp - the command line's options, and the help text.
+// options.cpp - the options of all commands, read with CLI11.
 #include "options.h"
 
-#include <getopt.h>
-
+#include <CLI/CLI.hpp>
 #include <charconv>
 #include <climits>
-#include <cstring>
+#include <sstream>
 
 #include "report.h"
 
 namespace jpipe {
 namespace {
-
-// The letters are for the table of commands only: every option has its long name,
-// and -f, -n, -t, -h, -v for typing.
-constexpr option kLongOptions[] = {{"format", required_argument, nullptr, 'f'},
-                                   {"count", required_argument, nullptr, 'n'},
-                                   {"timeout", required_argument, nullptr, 't'},
-                                   {"progress", no_argument, nullptr, 'p'},
-                                   {"frames", required_argument, nullptr, 'F'},
-                                   {"file", required_argument, nullptr, 'i'},
-                                   {"no-wait", no_argument, nullptr, 'w'},
-                                   {"bind", no_argument, nullptr, 'b'},
-                                   {"connect", no_argument, nullptr, 'c'},
-                                   {"hwm", required_argument, nullptr, 'H'},
-                                   {"linger", required_argument, nullptr, 'l'},
-                                   {"curve-cert", required_argument, nullptr, 'k'},
-                                   {"curve-server", required_argument, nullptr, 's'},
-                                   {"curve-clients", required_argument, nullptr, 'a'},
-                                   {"verbose", no_argument, nullptr, 'v'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {nullptr, 0, nullptr, 0}};
-constexpr const char* kShortOptions = ":f:n:t:vh";
-
-constexpr const char* kOptionsHelp =
-    R"(
-Options (each command takes those that make sense for it; see jpipe(1)):
-  -f, --format FORMAT    text, quoted, hex, json or raw (pull, drain)
-  -n, --count N          end after N messages
-  -t, --timeout SECONDS  give up after SECONDS (fractions allowed), exit 124
-      --progress         show messages, bytes and rate when on a terminal
-      --frames SEP       push: cut each line into frames at SEP;
-                         pull: put SEP between frames in text (default: a tab)
-      --file FILE        push: send the bytes of FILE (- for standard input)
-      --no-wait          push, signal: leave even if that loses what was sent
-      --bind, --connect  which side of the ZeroMQ connection to be
-      --hwm N            messages that ZeroMQ may hold (default 1000)
-      --linger SECONDS   how long to wait at the end for what is on its way
-      --curve-cert FILE     own certificate, which turns on encryption
-      --curve-server FILE   connecting: the other side's public certificate
-      --curve-clients DIR   binding: the certificates that may connect ("*": any)
-  -v, --verbose          show the library's log lines as well
-  -h, --help             show this text;  jpipe --version shows the version
-
-Exit status: 0 done, 1 failure, 2 usage, 124 timed out.
-)";
-
-std::string NameOf(int letter) {
-  for (const option* known = kLongOptions; known->name != nullptr; ++known) {
-    if (known->val == letter) {
-      return std::string("--") + known->name;
-    }
-  }
-  return std::string("-") + static_cast<char>(letter);
-}
 
 double Seconds(const char* what, const std::string& text) {
   constexpr double kMost = 1e9;
@@ -92,70 +38,165 @@ std::string Given(const char* what, const std::string& text) {
   return text;
 }
 
-void SetLink(Options& options, Link link) {
-  if (options.link != Link::kDefault && options.link != link) {
-    throw Failure(kUsage, "--bind and --connect exclude each other: give one");
-  }
-  options.link = link;
+// One option. The completion knows the values FILE and DIR, and words between bars.
+struct Spec {
+  const char* commands;  // that take it; all when empty
+  const char* name;
+  const char* value;  // nothing for a flag
+  const char* help;
+  void (*set)(Options& options, const std::string& value);
+};
+
+constexpr Spec kSpecs[] = {
+    {"pull drain", "-f,--format", "text|quoted|hex|json|raw", "how messages are shown",
+     [](Options& o, const std::string& v) { o.format = ReadFormat(v); }},
+    {"pull push export", "-n,--count", "N", "end after N messages",
+     [](Options& o, const std::string& v) { o.count = Number("--count", v, 1, UINT64_MAX); }},
+    {"pull push signal export import", "-t,--timeout", "SECONDS",
+     "give up after SECONDS (fractions allowed), exit 124",
+     [](Options& o, const std::string& v) { o.timeout = Seconds("--timeout", v); }},
+    {"pull", "--frames", "SEP", "put SEP between frames in text (default: a tab)",
+     [](Options& o, const std::string& v) { o.frames = Given("--frames", v); }},
+    {"push", "--frames", "SEP", "cut each line into frames at SEP",
+     [](Options& o, const std::string& v) { o.frames = Given("--frames", v); }},
+    {"push", "--file", "FILE", "send the bytes of FILE (- for standard input) as one message",
+     [](Options& o, const std::string& v) { o.file = Given("--file", v); }},
+    {"push signal", "--no-wait", nullptr, "leave even if that loses what was sent",
+     [](Options& o, const std::string&) { o.no_wait = true; }},
+    {"pull push export import", "--progress", nullptr,
+     "show messages, bytes and rate when on a terminal",
+     [](Options& o, const std::string&) { o.progress = true; }},
+    {"export import", "--bind", nullptr, "wait for the other side to connect",
+     [](Options& o, const std::string&) { o.link = Link::kBind; }},
+    {"export import", "--connect", nullptr, "connect to the other side",
+     [](Options& o, const std::string&) { o.link = Link::kConnect; }},
+    {"export import", "--hwm", "N", "messages that ZeroMQ may hold (default 1000)",
+     [](Options& o, const std::string& v) {
+       o.high_water = static_cast<int>(Number("--hwm", v, 1, INT_MAX));
+     }},
+    {"export import", "--linger", "SECONDS", "how long to wait at the end for what is on its way",
+     [](Options& o, const std::string& v) { o.linger = Seconds("--linger", v); }},
+    {"export import", "--curve-cert", "FILE", "own certificate, which turns on encryption",
+     [](Options& o, const std::string& v) { o.certificate = Given("--curve-cert", v); }},
+    {"export import", "--curve-server", "FILE", "connecting: the other side's public certificate",
+     [](Options& o, const std::string& v) { o.server = Given("--curve-server", v); }},
+    {"export import", "--curve-clients", "DIR",
+     "binding: the certificates that may connect (\"*\": any)",
+     [](Options& o, const std::string& v) { o.clients = Given("--curve-clients", v); }},
+    {"", "-v,--verbose", nullptr, "show the library's log lines as well",
+     [](Options&, const std::string&) { ShowLibraryErrors(); }},
+};
+
+// Pairs that exclude each other, and options that need another one.
+constexpr std::pair<const char*, const char*> kExcluding[] = {
+    {"--file", "--frames"},
+    {"--file", "--count"},
+    {"--bind", "--connect"},
+    {"--curve-clients", "--curve-server"}};
+constexpr std::pair<const char*, const char*> kNeeding[] = {{"--curve-server", "--curve-cert"},
+                                                            {"--curve-clients", "--curve-cert"}};
+
+bool Takes(const std::string& command, const Spec& spec) {
+  const std::string takers = std::string(" ") + spec.commands + " ";
+  return *spec.commands == '\0' || takers.find(" " + command + " ") != std::string::npos;
 }
 
-void Set(Options& options, int letter, const std::string& value) {
-  switch (letter) {
-    case 'f':
-      options.format = ReadFormat(value);
-      break;
-    case 'n':
-      options.count = Number("--count", value, 1, UINT64_MAX);
-      break;
-    case 't':
-      options.timeout = Seconds("--timeout", value);
-      break;
-    case 'p':
-      options.progress = true;
-      break;
-    case 'F':
-      options.frames = Given("--frames", value);
-      break;
-    case 'i':
-      options.file = Given("--file", value);
-      break;
-    case 'w':
-      options.no_wait = true;
-      break;
-    case 'b':
-      SetLink(options, Link::kBind);
-      break;
-    case 'c':
-      SetLink(options, Link::kConnect);
-      break;
-    case 'H':
-      options.high_water = static_cast<int>(Number("--hwm", value, 1, INT_MAX));
-      break;
-    case 'l':
-      options.linger = Seconds("--linger", value);
-      break;
-    case 'k':
-      options.certificate = Given("--curve-cert", value);
-      break;
-    case 's':
-      options.server = Given("--curve-server", value);
-      break;
-    case 'a':
-      options.clients = Given("--curve-clients", value);
-      break;
-    default:
-      ShowLibraryErrors();
-      break;
+// Shows the usage in jpipe's own form, and of an option only its value.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  explicit HelpFormatter(const Command& command) : usage_(Usage(command)) { column_width(34); }
+  std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override {
+    return "Usage: " + usage_ + "\n";
   }
-}
+  std::string make_option_opts(const CLI::Option* option) const override {
+    const std::string& value = option->get_option_text();
+    return value.empty() ? value : " " + value;
+  }
 
-std::string Usage(const Command& command) {
-  const std::string usage = std::string("jpipe ") + command.name;
-  return *command.operands != '\0' ? usage + " " + command.operands : usage;
+ private:
+  std::string usage_;
+};
+
+// What the command takes. Operands are left over for TakeOperands: CLI11 would read
+// "[a,b]" and "{}" among them as lists.
+std::unique_ptr<CLI::App> Declare(const Command& command, Options& options) {
+  auto app = std::make_unique<CLI::App>(Text("jpipe %s: %s", command.name, command.summary));
+  app->formatter(std::make_shared<HelpFormatter>(command));
+  app->footer(std::string("Example: ") + command.example);
+  app->allow_extras();
+  app->set_help_flag("-h,--help", "show this text");
+  for (const Spec& spec : kSpecs) {
+    if (!Takes(command.name, spec)) {
+      continue;
+    }
+    const auto set = [&options, &spec](const std::string& value) { spec.set(options, value); };
+    if (spec.value == nullptr) {
+      app->add_flag_callback(
+             spec.name, [set] { set(""); }, spec.help)
+          ->disable_flag_override();
+    } else {
+      app->add_option_function<std::string>(spec.name, set, spec.help)
+          ->option_text(spec.value)
+          ->take_last();
+    }
+  }
+  for (const auto& [one, other] : kExcluding) {
+    if (CLI::Option* option = app->get_option_no_throw(one)) {
+      option->excludes(app->get_option(other));
+    }
+  }
+  for (const auto& [one, other] : kNeeding) {
+    if (CLI::Option* option = app->get_option_no_throw(one)) {
+      option->needs(app->get_option(other));
+    }
+  }
+  return app;
 }
 
 [[noreturn]] void Refuse(const Command& command, const std::string& what) {
-  throw Failure(kUsage, what + "; usage: " + Usage(command) + " (jpipe --help tells more)");
+  throw Failure(kUsage, what + "; usage: " + Usage(command) + " (jpipe " + command.name +
+                            " --help tells more)");
+}
+
+// CLI11 would take the next word for the value.
+void RefuseEmptyValues(const Command& command, int argc, char** argv) {
+  for (int k = 0; k < argc && std::string(argv[k]) != "--"; ++k) {
+    const std::string word = argv[k];
+    if (word.size() > 2 && word.compare(0, 2, "--") == 0 && word.find('=') == word.size() - 1) {
+      Refuse(command, "\"" + word + "\" needs a value that is not empty");
+    }
+  }
+}
+
+// The words that are no options, as many as the command wants.
+std::vector<std::string> TakeOperands(const Command& command,
+                                      const std::vector<std::string>& words) {
+  std::vector<std::string> operands;
+  bool only_operands = false;
+  for (const std::string& word : words) {
+    if (!only_operands && word == "--") {
+      only_operands = true;
+    } else if (!only_operands && word.size() > 1 && word[0] == '-' && !std::isdigit(word[1])) {
+      Refuse(command, std::string(command.name) + " takes no " + word);
+    } else {
+      operands.push_back(word);
+    }
+  }
+  std::istringstream names(command.operands);
+  std::size_t fewest = 0;
+  std::size_t most = 0;
+  for (std::string name; names >> name; ++most) {
+    if (name[0] != '[' && operands.size() == fewest++) {
+      Refuse(command, name + " is missing");
+    }
+    if (name.find("...") != std::string::npos) {
+      return operands;
+    }
+  }
+  if (operands.size() > most) {
+    Refuse(command, "\"" + operands[most] + "\" is one word too many");
+  }
+  return operands;
 }
 
 }  // namespace
@@ -174,47 +215,35 @@ std::uint64_t Number(const char* what, const std::string& text, std::uint64_t le
 }
 
 std::optional<Options> ReadOptions(const Command& command, int argc, char** argv) {
+  RefuseEmptyValues(command, argc, argv);
   Options options;
-  options.command = command.name;
-  int letter = 0;
-  while ((letter = ::getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
-    if (letter == 'h') {
-      return std::nullopt;
-    }
-    if (letter == ':') {
-      Refuse(command, NameOf(optopt) + " needs a value");
-    }
-    if (letter == '?') {
-      // optopt is a known letter when a value stands where none belongs.
-      const std::string word = argv[optind - 1];
-      Refuse(command,
-             word.compare(0, 2, "--") == 0
-                 ? word + (optopt != 0 ? ": the option takes no value" : ": no such option")
-                 : Text("-%c: no such option", optopt));
-    }
-    if (letter != 'v' && std::strchr(command.options, letter) == nullptr) {
-      Refuse(command, std::string(command.name) + " takes no " + NameOf(letter));
-    }
-    Set(options, letter, optarg != nullptr ? optarg : "");
+  const std::unique_ptr<CLI::App> app = Declare(command, options);
+  try {
+    app->parse(std::vector<std::string>(std::make_reverse_iterator(argv + argc),
+                                        std::make_reverse_iterator(argv)));
+  } catch (const CLI::CallForHelp&) {
+    return std::nullopt;
+  } catch (const CLI::ArgumentMismatch& error) {
+    // "--count: 1 required TEXT missing", or a sentence about a flag with a value.
+    const std::string what = error.what();
+    const std::size_t colon = what.find(':');
+    Refuse(command, colon != std::string::npos ? what.substr(0, colon) + " needs a value"
+                                               : "an option that takes no value has one");
+  } catch (const CLI::ParseError& error) {
+    Refuse(command, error.what());
   }
-  options.operands.assign(argv + optind, argv + argc);
-  if (options.operands.size() < command.fewest) {
-    Refuse(command, "something is missing");
-  }
-  if (options.operands.size() > command.most) {
-    Refuse(command, "\"" + options.operands[command.most] + "\" is one word too many");
-  }
+  options.operands = TakeOperands(command, app->remaining());
   return options;
 }
 
-std::string HelpText(const Command* commands, std::size_t count) {
-  std::string text =
-      "Usage: jpipe COMMAND [OPTION...] [OPERAND...]\n"
-      "Looks into libjactor endpoints, feeds them, and joins them over the network.\n\n";
-  for (std::size_t k = 0; k < count; ++k) {
-    text += Text("  %-38s %s\n", Usage(commands[k]).c_str(), commands[k].summary);
-  }
-  return text + kOptionsHelp;
+std::string CommandHelp(const Command& command) {
+  Options options;
+  return Declare(command, options)->help();
+}
+
+std::string Usage(const Command& command) {
+  const std::string usage = std::string("jpipe ") + command.name + " [OPTION...]";
+  return *command.operands != '\0' ? usage + " " + command.operands : usage;
 }
 
 }  // namespace jpipe

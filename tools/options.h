@@ -14,7 +14,6 @@ namespace jpipe {
 enum class Link { kDefault, kBind, kConnect };
 
 struct Options {
-  std::string command;
   std::vector<std::string> operands;
 
   std::optional<Format> format;
@@ -33,14 +32,12 @@ struct Options {
   std::optional<std::string> clients;
 };
 
-// One command: its operands, and the letters of the options that it takes.
+// One command. Which options it takes stands with the options.
 struct Command {
   const char* name;
-  const char* operands;
-  std::size_t fewest;
-  std::size_t most;
-  const char* options;
+  const char* operands;  // as its usage shows them: "ENDPOINT [FRAME...]"
   const char* summary;
+  const char* example;
   int (*run)(const Options&);
 };
 
@@ -49,12 +46,16 @@ struct Command {
 std::uint64_t Number(const char* what, const std::string& text, std::uint64_t least,
                      std::uint64_t most);
 
-// Reads the command line, whose first word is the command's name. Result: nothing
-// when --help was asked for. Fails with kUsage.
+// Reads the words behind the command's name. Result: nothing when --help was asked for.
+// Fails with kUsage.
 std::optional<Options> ReadOptions(const Command& command, int argc, char** argv);
 
-// What --help shows.
-std::string HelpText(const Command* commands, std::size_t count);
+// What `jpipe COMMAND --help` shows. The completion reads it too: the usage line, and
+// the value behind each option.
+std::string CommandHelp(const Command& command);
+
+// "jpipe COMMAND [OPTION...] OPERAND..."
+std::string Usage(const Command& command);
 
 }  // namespace jpipe
 

@@ -20,13 +20,26 @@ cd "$scratch" || exit 1
 offers 'pull push' jpipe pu
 offers '--format --frames' jpipe pull --f
 offers 'json' jpipe pull --format j
+offers 'json' jpipe pull --format = j
 offers '--curve-cert --curve-server --curve-clients' jpipe import --cu
-offers '' jpipe pull --count ''
 offers "ipc://${name}_e" jpipe drain "ipc://$name"
+offers "//${name}_e" jpipe drain ipc : "//$name"
+offers "ipc://${name}_e" jpipe import --linger 2 'tcp://*:1' "ipc://$name"
+offers "ipc://${name}_e" jpipe pull --progress "ipc://$name"
+touch folder-file && mkdir folder
+offers 'folder' jpipe import --curve-clients fo
+offers 'folder-file' jpipe decode folder-
+# Nothing where a value stands, or where nothing more may.
+offers '' jpipe pull --count ''
+offers '' jpipe pull -t ''
+offers '' jpipe push --frames "ipc://$name"
+offers '' jpipe signal "ipc://$name/e" ''
+offers '' jpipe push "ipc://$name/e" ''
+offers '' jpipe push "ipc://$name/e" -- --f
+offers '' jpipe pull "ipc://$name/e" ''
+offers '' jpipe export "ipc://$name/e" ''
+offers '' jpipe list ''
+offers '' jpipe nonsense ''
+rm -r folder folder-file
 is 'nothing was run' '' "$(ls)"
-for option in $(for command in pull push signal drain export import; do
-  _jpipe_options $command
-done | tr ' ' '\n' | sort -u); do
-  has "the help knows $option" "*$option*" "$("$JPIPE" --help)"
-done
 finish

@@ -20,9 +20,13 @@ from() { # TEXT COMMAND... - with the text, as printf understands it, on standar
 exec 9<>"$(fifo e)" # somebody who keeps the FIFO open: push leaves at once
 sends 'words' '"ab" "" "c d"' "$JPIPE" push "$e" ab '' 'c d'
 sends 'a word like an option' '"--x"' "$JPIPE" push "$e" -- --x
+sends 'words like lists' '"[1,2]" "{}" "[]"' "$JPIPE" push "$e" '[1,2]' '{}' '[]'
+sends 'a number below 0' '"-1"' "$JPIPE" push "$e" -1
 sends 'one empty word' '""' "$JPIPE" push "$e" ''
 sends 'lines' $'"a"\n""\n"b\\x00c"\n"last"' from 'a\n\nb\0c\nlast' "$JPIPE" push "$e"
 sends 'lines with frames' $'"a" "b"\n"" "c"\n"d"' from 'a::b\n::c\nd\n' "$JPIPE" push "$e" --frames ::
+sends 'a separator like a list' '"a" "b"' from 'a{}b\n' "$JPIPE" push "$e" --frames '{}'
+sends 'the last of an option given twice' '"a" "b:c"' from 'a-b:c\n' "$JPIPE" push "$e" --frames : --frames -
 sends 'a number of lines' $'"1"\n"2"' from '1\n2\n3\n' "$JPIPE" push "$e" --count 2
 sends 'a file' '"x\ny\x00"' from 'x\ny\0' "$JPIPE" push "$e" --file -
 sends 'signals' 'signal 64' "$JPIPE" signal "$e" 64

@@ -10,6 +10,10 @@ for words in --help -h 'pull --help' 'export -h' --version; do
   is "standard error of $words" '' "$(cat "$scratch/err")"
   has "standard output of $words" '*jpipe*' "$output"
 done
+for command in pull push signal list drain decode export import keygen; do
+  has "the help of $command" "jpipe $command: *Usage: jpipe $command \[OPTION...\]*-h,--help *Example: jpipe $command*" \
+    "$("$JPIPE" $command --help)"
+done
 has 'the version' 'jpipe [0-9]*.[0-9]*.[0-9]*' "$("$JPIPE" --version)"
 
 # CODE, then the command line; E stands for an endpoint that nobody has opened.
@@ -27,6 +31,9 @@ done <<'LINES'
 2 pull -x E
 2 pull --file x E
 2 pull --count E
+2 pull E --count
+2 pull --count= E
+2 push --frames= E E
 2 pull --count 0 E
 2 pull --count -1 E
 2 pull --count 1x E

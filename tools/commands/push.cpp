@@ -110,9 +110,6 @@ int Push(const Options& options) {
   if (words && (options.file || options.frames || options.count)) {
     throw Failure(kUsage, "FRAME words make one message: leave out --file, --frames and --count");
   }
-  if (options.file && (options.frames || options.count)) {
-    throw Failure(kUsage, "--file sends one message of one frame: leave out --frames and --count");
-  }
   InputReader input(options.file.value_or("-"));
   Pusher pusher(options);
   input.WaitWith(pusher.patience());
