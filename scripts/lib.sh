@@ -8,6 +8,7 @@
 #
 # and then has:
 #   root, jobs             the top of the source tree, and how many CPUs there are
+#   build_packages         what a build with jpipe and the tests needs
 #   die TEXT...            print an error and exit 1
 #   need_packages NAME...  install the Debian packages that are missing
 #   need_run_directory     make sure that endpoints can be made
@@ -17,6 +18,7 @@
 # shellcheck disable=SC2034 # for the scripts that source this file
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 jobs=$(nproc)
+build_packages=(g++ cmake ninja-build libczmq-dev libcli11-dev nlohmann-json3-dev libgtest-dev)
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$jobs}
 export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$jobs}
 

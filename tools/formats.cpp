@@ -1,6 +1,7 @@
 // formats.cpp - text, quoted, hex, JSON and raw.
 #include "formats.h"
 
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "report.h"
@@ -55,36 +56,13 @@ std::size_t Utf8Length(std::string_view bytes) {
   return bad ? 0 : length;
 }
 
-bool IsUtf8(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const std::size_t length = Utf8Length(bytes);
-    if (length == 0) {
-      return false;
-    }
-    bytes.remove_prefix(length);
-  }
-  return true;
-}
-
+// A string, or {"hex":...} for bytes that are not UTF-8.
 std::string Json(std::string_view frame) {
-  if (!IsUtf8(frame)) {
-    return std::string("{\"hex\":\"").append(Hex(frame)).append("\"}");
+  try {
+    return nlohmann::json(frame).dump();
+  } catch (const nlohmann::json::type_error&) {
+    return nlohmann::json{{"hex", Hex(frame)}}.dump();
   }
-  std::string shown = "\"";
-  for (const char c : frame) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      shown += '\\';
-      shown += c;
-    } else if (c == '\n' || c == '\r' || c == '\t') {
-      shown += Escape(byte);
-    } else if (IsControl(byte)) {
-      shown += Text("\\u%04x", byte);
-    } else {
-      shown += c;
-    }
-  }
-  return shown + '"';
 }
 
 std::string ShownSignal(Format format, int value) {
