@@ -141,14 +141,16 @@ Script::~Script() {
   }
 }
 
-RunDirectory::RunDirectory() : folder_(testing::TempDir() + "jactor-XXXXXX") {
+RunDirectory::RunDirectory() : folder_(testing::TempDir() + "jactor-XXXXXX"), owner_(::getpid()) {
   EXPECT_NE(::mkdtemp(folder_.data()), nullptr);
   run_folder = &folder_;
 }
 
 RunDirectory::~RunDirectory() {
   run_folder = nullptr;
-  fs::remove_all(folder_);
+  if (::getpid() == owner_) {
+    fs::remove_all(folder_);
+  }
 }
 
 std::string RunDirectory::path(const std::string& name) const {

@@ -9,6 +9,7 @@
 #define JACTOR_TESTS_SUPPORT_H
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <climits>
@@ -119,6 +120,7 @@ class RunDirectory {
 
  private:
   std::string folder_;
+  pid_t owner_;  // a child that exits leaves it to its parent
 };
 
 // An endpoint name that nobody else uses, in a run directory for all of them.

@@ -7,13 +7,11 @@
 // 1. Ownership. Message, Frame, Sock and Actor own one object each and can only be
 //    moved; their destructors release it. A moved-from or sent Message is empty:
 //    every use of it is defined, and fails. SockRef owns nothing and is copied.
-// 2. Failures are a jactor::error, whose text says what failed; the reason that
-//    only the library knows is one line in the log. Where nothing to return is
+// 2. Failures are a jactor::error, a std::system_error: its text says what failed,
+//    its code is the errno of the call in jactor.h. Where nothing to return is
 //    normal, such as the end of a stream, the result is a std::optional.
 // 3. Threads. One object is used by one thread at a time, as in jactor.h.
-// 4. Event loops. Include <czmq.h> before this header to get watch(). Programs
-//    that do not include it need none of CZMQ. (That part has an include guard of
-//    its own: where <jactor.hpp> came first, including it again adds it.)
+// 4. Event loops. <jactor_zloop.hpp> watches socks in a CZMQ loop.
 #ifndef JACTOR_HPP
 #define JACTOR_HPP
 
@@ -35,9 +33,9 @@
 #include <iterator>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <type_traits>
 #include <utility>
 
@@ -45,9 +43,12 @@
 
 namespace jactor {
 
-class error : public std::runtime_error {
+// Why a call failed: code() compares with std::errc, as in
+// `failure.code() == std::errc::broken_pipe`.
+class error : public std::system_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit error(const std::string& what, int reason = errno)
+      : std::system_error(reason, std::generic_category(), what) {}
 };
 
 // What std::span is in C++20, as far as it is needed here: where some bytes are
@@ -90,6 +91,14 @@ struct Destroyer {
 template <class Object, auto Destroy>
 using Owner = std::unique_ptr<Object, Destroyer<Destroy>>;
 
+// A frame's text: whatever a std::string_view is made from, but null.
+struct Text : std::string_view {
+  template <class Source,
+            class = std::enable_if_t<std::is_convertible_v<const Source&, std::string_view> &&
+                                     !std::is_null_pointer_v<Source>>>
+  Text(const Source& source) : std::string_view(source) {}
+};
+
 }  // namespace detail
 
 // A block of bytes taken out of a message. The views are good until the frame is
@@ -131,7 +140,7 @@ class Message {
   }
 
   // A data message of these frames. Throws as add().
-  explicit Message(std::initializer_list<std::string_view> frames) : Message() {
+  explicit Message(std::initializer_list<detail::Text> frames) : Message() {
     for (const std::string_view frame : frames) {
       add(frame);
     }
@@ -261,35 +270,54 @@ inline int milliseconds_until(Clock::time_point deadline) {
   return left < INT_MAX ? static_cast<int>(left) : INT_MAX;
 }
 
-// Waits until one of the descriptors has something. Result: false at the deadline.
-inline bool poll_until(pollfd* fds, nfds_t count, Clock::time_point deadline) {
+// Waits until one of the descriptors has something, the deadline has come, or a
+// signal handler ran.
+inline void poll_once(pollfd* fds, nfds_t count, Clock::time_point deadline) {
+  if (::poll(fds, count, milliseconds_until(deadline)) < 0 && errno != EINTR) {
+    throw error("jactor: poll failed");
+  }
+}
+
+// As j_sock_wait, over signal handlers. Result: whether a receive will not wait.
+inline bool wait_once(void* self, int milliseconds) {
+  const int ready = j_sock_wait(self, milliseconds);
+  if (ready < 0 && errno != EINTR) {
+    throw error("jactor: cannot wait for a message");
+  }
+  return ready > 0;
+}
+
+enum class Wait { kReady, kTimedOut, kEnded };
+
+// Waits until a receive will not wait, or the deadline has come.
+inline Wait wait_until(void* self, Clock::time_point deadline) {
   for (;;) {
-    const int timeout = milliseconds_until(deadline);
-    const int ready = ::poll(fds, count, timeout);
-    if (ready > 0) {
-      return true;
+    const int left = milliseconds_until(deadline);
+    if (wait_once(self, left)) {
+      return Wait::kReady;
     }
-    if (ready == 0 && timeout < INT_MAX) {
-      return false;
-    }
-    if (ready < 0 && errno != EINTR) {
-      throw error("jactor: poll failed");
+    if (left == 0) {
+      return Wait::kTimedOut;
     }
   }
 }
 
-enum class Wait { kReadable, kTimedOut, kEnded };
-
-// Waits until `fd` is readable. `done_fd`, unless it is -1, becomes readable when
-// nothing will be written any more.
-inline Wait wait_readable(int fd, int done_fd, Clock::time_point deadline) {
-  pollfd fds[] = {{fd, POLLIN, 0}, {done_fd, POLLIN, 0}};
-  if (!poll_until(fds, 2, deadline)) {
-    return Wait::kTimedOut;
+// The same when nothing will be written any more once `done_fd` is readable.
+inline Wait wait_until_done(void* self, int done_fd, Clock::time_point deadline) {
+  for (pollfd fds[] = {{j_sock_fd(self), POLLIN, 0}, {done_fd, POLLIN, 0}};;) {
+    // Asked first: what was written before the end is seen after it.
+    const bool done = fds[1].revents != 0;
+    if (wait_once(self, 0)) {
+      return Wait::kReady;
+    }
+    if (done && j_sock_buffered(self) > 0) {
+      throw error("jactor: the actor ended inside a message", EBADMSG);
+    }
+    if (done || Clock::now() >= deadline) {
+      return done ? Wait::kEnded : Wait::kTimedOut;
+    }
+    poll_once(fds, 2, deadline);
   }
-  // The two are looked at one after the other: the last bytes may have come in between.
-  const bool readable = fds[0].revents != 0 || poll_until(fds, 1, Clock::time_point::min());
-  return readable ? Wait::kReadable : Wait::kEnded;
 }
 
 // Runs `call`. Result: the exception it threw, or null. The cancellation of the
@@ -314,14 +342,24 @@ class Stream {
   // Sends the message. Blocks while the pipe is full.
   //
   // The message is empty afterwards if it was sent, and untouched if send throws
-  // error: when it was empty, is too large, or the write failed. After a failed
-  // write a part of it may be on the stream, which is of no further use then.
+  // error: when it was empty, is too large, or the write failed. After EIO a part of
+  // it is on the stream, which is of no further use then.
   void send(Message&& message) const {
+    if (const std::error_code failure = try_send(std::move(message))) {
+      throw error(message ? "jactor: cannot send the message" : "jactor: no message to send",
+                  failure.value());
+    }
+  }
+
+  // The same without exceptions. Result: why the message was not sent, such as
+  // std::errc::broken_pipe; none if it was.
+  [[nodiscard]] std::error_code try_send(Message&& message) const {
     JCXXMsg* msg = message.get();
     if (j_msg_send(&msg, self().get()) != 0) {
-      throw error(message ? "jactor: cannot send the message" : "jactor: no message to send");
+      return {errno, std::generic_category()};
     }
     static_cast<void>(message.release());
+    return {};
   }
 
   // Sends a signal. Throws error when the write failed.
@@ -333,37 +371,39 @@ class Stream {
 
   // Receives the next message or signal. Blocks until it is complete.
   //
-  // Result: nothing at the end of the stream. A failed read and bytes that are no
-  // message end the stream too: the C interface does not tell these apart (the log
-  // does). On an actor the stream ends when its function has ended and all that it
-  // sent is received. A pull sock on an endpoint never sees an end: it waits.
+  // Result: nothing at the end of the stream, and only there. On an actor that is
+  // when its function has ended and all that it sent is received. A pull sock on an
+  // endpoint never sees an end: it waits. Throws error otherwise: EBADMSG when the
+  // bytes are not a message, or end inside one.
   std::optional<Message> receive() const {
     return self().done_fd() < 0 ? take() : receive_until(Clock::time_point::max()).message;
   }
 
-  // The same with a time limit, which may be 0. What came before it is returned
-  // even when the limit has passed.
-  //
-  // The limit ends the wait for the first byte of a message. It cannot end the
-  // wait for the others: a sender that stops in the middle of a message, or
-  // another reader of the same endpoint that takes the bytes away first, keeps
-  // these calls until more comes. The clock is the monotonic one, the resolution
-  // a millisecond, rounded up. Throw error on a sock that cannot be waited for.
+  // The same with a time limit, which may be 0 and which covers the whole message:
+  // what has come of one stays in the sock. A message that is there is returned even
+  // when the limit has passed. The clock is the monotonic one, the resolution a
+  // millisecond, rounded up. A signal handler does not end the wait; with
+  // j_sock_wait(sock.get(), milliseconds) it does.
   template <class Rep, class Period>
   Received receive_for(const std::chrono::duration<Rep, Period>& limit) const {
     return receive_until(deadline_after(limit));
   }
   Received receive_until(std::chrono::steady_clock::time_point deadline) const {
-    const Wait wait =
-        buffered() > 0 ? Wait::kReadable : wait_readable(fd(), self().done_fd(), deadline);
-    if (wait != Wait::kReadable) {
+    const int done_fd = self().done_fd();
+    const Wait wait = done_fd < 0 ? wait_until(self().get(), deadline)
+                                  : wait_until_done(self().get(), done_fd, deadline);
+    if (wait != Wait::kReady) {
       return {std::nullopt, wait == Wait::kTimedOut};
     }
     return {take(), false};
   }
 
-  // The descriptor to poll() while buffered() is 0. Never read, write or close it.
-  // Throws error when there is none.
+  // Whether a receive will not wait: for the handlers of an event loop that watches
+  // fd(). Throws error on a sock that cannot be waited for.
+  bool has_message() const { return wait_once(self().get(), 0); }
+
+  // The descriptor for an event loop: ask has_message() before the loop waits for it. Never
+  // read, write or close it. Throws error when there is none.
   int fd() const {
     const int descriptor = j_sock_fd(self().get());
     if (descriptor < 0) {
@@ -388,6 +428,9 @@ class Stream {
 
   std::optional<Message> take() const {
     JCXXMsg* msg = j_msg_recv(self().get());
+    if (msg == nullptr && errno != 0) {
+      throw error("jactor: cannot receive");
+    }
     return msg == nullptr ? std::nullopt : std::optional(Message(msg));
   }
 };
@@ -403,7 +446,7 @@ class SockRef : public detail::Stream<SockRef> {
   explicit SockRef(JCXXSock* sock) noexcept : sock_(sock) {}
 
   // As for every sock; on the one that an actor's function is given, the first
-  // signal tells the creator that the actor is ready.
+  // signal tells the creator that the actor is running.
   void signal(unsigned char value) const {
     Stream::signal(value);
     if (started_ != nullptr) {
@@ -440,7 +483,8 @@ class Sock : public detail::Stream<Sock> {
 
  private:
   Sock(const std::string& endpoint, JCXXSock* (*open)(const char*))
-      : sock_(endpoint.find('\0') == std::string::npos ? open(endpoint.c_str()) : nullptr) {
+      : sock_(endpoint.find('\0') == std::string::npos ? open(endpoint.c_str())
+                                                       : (errno = EINVAL, nullptr)) {
     if (sock_ == nullptr) {
       throw error("jactor: cannot open the endpoint " + endpoint);
     }
@@ -607,167 +651,4 @@ class Actor : public detail::Stream<Actor> {
 
 }  // namespace jactor
 
-#endif  // JACTOR_HPP
-
-#if defined(__CZMQ_H_INCLUDED__) && !defined(JACTOR_HPP_WATCH)
-#define JACTOR_HPP_WATCH
-
-namespace jactor {
-
-// What the end of the stream ends: the watch alone, or the loop with it.
-enum class AtEnd { kEndWatch, kEndLoop };
-
-namespace detail {
-
-// The registration. The loop's callback shares it, so that a handler may destroy
-// its own Watch.
-class WatchState : public std::enable_shared_from_this<WatchState> {
- public:
-  WatchState(zloop_t* loop, SockRef sock, AtEnd at_end)
-      : loop_(loop), sock_(sock), at_end_(at_end) {}
-  WatchState(const WatchState&) = delete;
-  WatchState& operator=(const WatchState&) = delete;
-  virtual ~WatchState() = default;
-
-  void begin() {
-    zmq_pollitem_t item = {nullptr, sock_.fd(), ZMQ_POLLIN, 0};
-    if (hybrid_zloop_reader(loop_, sock_.get(), on_readable, this) != 0) {
-      throw error("jactor: the loop does not take the sock");
-    }
-    active_ = true;
-    // An intolerant loop drops a poller at its second event with an error flag,
-    // and a hang-up that comes with data is one.
-    zloop_poller_set_tolerant(loop_, &item);
-  }
-
-  void end() noexcept {
-    if (std::exchange(active_, false)) {
-      hybrid_zloop_reader_end(loop_, sock_.get());
-    }
-  }
-
-  bool active() const noexcept { return active_; }
-  std::exception_ptr take_error() noexcept { return std::exchange(error_, nullptr); }
-
- private:
-  virtual bool handle(Message&& message) = 0;
-
-  // Called by the loop. No exception may cross its C code.
-  static int on_readable(zloop_t*, j_sock_t*, void* arg) {
-    const auto state = static_cast<WatchState*>(arg)->shared_from_this();
-    bool go_on = false;
-    state->error_ = capture([&] { go_on = state->drain(); });
-    return go_on ? 0 : -1;
-  }
-
-  // Handles messages until the read-ahead buffer is empty: poll() does not see
-  // what waits there. Result: whether the loop goes on.
-  bool drain() {
-    do {
-      std::optional<Message> message = sock_.receive();
-      if (!message) {
-        end();
-        return at_end_ == AtEnd::kEndWatch;
-      }
-      if (!handle(std::move(*message))) {
-        return false;
-      }
-    } while (active_ && sock_.buffered() > 0);
-    return true;
-  }
-
-  zloop_t* loop_;
-  SockRef sock_;
-  AtEnd at_end_;
-  bool active_ = false;
-  std::exception_ptr error_;
-};
-
-template <class Handler>
-class WatchOf final : public WatchState {
- public:
-  using Result = std::invoke_result_t<Handler&, Message>;
-  static_assert(std::is_void_v<Result> || std::is_same_v<Result, int>,
-                "a handler returns nothing, or 0 to go on and -1 to end the loop");
-
-  template <class Argument>
-  WatchOf(zloop_t* loop, SockRef sock, AtEnd at_end, Argument&& handler)
-      : WatchState(loop, sock, at_end), handler_(std::forward<Argument>(handler)) {}
-
- private:
-  bool handle(Message&& message) override {
-    if constexpr (std::is_void_v<Result>) {
-      std::invoke(handler_, std::move(message));
-      return true;
-    } else {
-      return std::invoke(handler_, std::move(message)) == 0;
-    }
-  }
-
-  Handler handler_;
-};
-
-}  // namespace detail
-
-// A registration with an event loop, made by watch(). Its destructor ends it; the
-// loop and the sock must live until then.
-class [[nodiscard]] Watch {
- public:
-  explicit Watch(std::shared_ptr<detail::WatchState> state) : state_(std::move(state)) {
-    state_->begin();
-  }
-  Watch(Watch&&) noexcept = default;
-  Watch& operator=(Watch&& other) noexcept {
-    const Watch old(std::move(*this));
-    state_ = std::move(other.state_);
-    return *this;
-  }
-  ~Watch() { end(); }
-
-  // Ends the registration; the handler is not called again.
-  void end() noexcept {
-    if (state_ != nullptr) {
-      state_->end();
-    }
-  }
-
-  // Whether the handler may be called again: false after end(), and once the end
-  // of the stream was seen.
-  bool active() const noexcept { return state_ != nullptr && state_->active(); }
-
-  // Throws, once, what the handler threw. Call it when the loop has ended.
-  void rethrow() {
-    if (state_ != nullptr) {
-      if (const std::exception_ptr error = state_->take_error(); error != nullptr) {
-        std::rethrow_exception(error);
-      }
-    }
-  }
-
- private:
-  std::shared_ptr<detail::WatchState> state_;
-};
-
-// Has the loop call `handler(Message)` on its thread for every message and signal
-// that comes on the sock. One watch for each sock and loop.
-//
-// All messages that have been read ahead are handled before the loop goes on; when
-// the last of them is incomplete, that waits for its sender. A handler that
-// returns -1 ends the loop, and so does one that throws: Watch::rethrow() throws
-// that again. What was read ahead and not handled then waits in the sock. A handler
-// may end or destroy its own watch, and then destroy the sock.
-//
-// At the end of the stream the registration ends, and the loop as well with
-// AtEnd::kEndLoop. (The end of an actor's function is not seen on its creator's
-// end, and a pull sock on an endpoint sees no end at all.)
-//
-// Throws error when the sock or the loop is not fit for it.
-template <class Handler>
-Watch watch(zloop_t* loop, SockRef sock, Handler&& handler, AtEnd at_end = AtEnd::kEndWatch) {
-  return Watch(std::make_shared<detail::WatchOf<std::decay_t<Handler>>>(
-      loop, sock, at_end, std::forward<Handler>(handler)));
-}
-
-}  // namespace jactor
-
-#endif  // JACTOR_HPP_WATCH
+#endif

@@ -1,16 +1,13 @@
 // wrapper_test.cpp - jactor.hpp: its owners, the exceptions of actors, receives
 // with a time limit, and event loops.
-// clang-format off
-#include "jactor.hpp"  // and again below, which adds the part for event loops
-// clang-format on
-#include <czmq.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <vector>
 
-#include "jactor.hpp"
+#include "jactor_zloop.hpp"
 #include "support.h"
 
 using namespace std::chrono_literals;
@@ -47,12 +44,49 @@ void Echo(SockRef sock) {
 
 using Loop = detail::Owner<zloop_t, zloop_destroy>;
 
+// Runs the loop until a handler ends it, at the latest at the second tick of a timer: it
+// has looked at every sock by then.
+int RunLoop(const Loop& loop) {
+  int ticks = 0;
+  const auto tick = [](zloop_t*, int, void* arg) {
+    return ++*static_cast<int*>(arg) == 2 ? -1 : 0;
+  };
+  const int timer = zloop_timer(loop.get(), 1, 0, tick, &ticks);
+  const int rc = zloop_start(loop.get());
+  zloop_timer_end(loop.get(), timer);
+  return rc;
+}
+
 // Both ends of an endpoint of the test's own.
 struct Endpoint {
   support::UniqueEndpoint endpoint;
   std::optional<Sock> pull{Sock::pull("@" + endpoint.name)};
   Sock push{Sock::push(">" + endpoint.name)};
+
+  // Puts bytes onto the stream that are perhaps not a message.
+  void Write(std::string_view bytes) const {
+    ASSERT_EQ(::write(push.fd(), bytes.data(), bytes.size()), ssize_t(bytes.size()));
+  }
 };
+
+// A message of one frame, "half", cut where a sender may have stopped.
+constexpr std::string_view kFirstPart("\4ha", 3);
+constexpr std::string_view kSecondPart("lf", 2);
+
+// A message with a signal inside.
+constexpr std::string_view kDamage("\x45\x81", 2);
+
+// The reason for which `call` throws; 0 when it does not.
+template <class Call>
+int ReasonOf(Call call) {
+  try {
+    call();
+  } catch (const std::system_error& failure) {
+    EXPECT_EQ(failure.code().category(), std::generic_category());
+    return failure.code().value();
+  }
+  return 0;
+}
 
 TEST_F(Wrapper, FramesTravelUnchangedAndAreIteratedInOrder) {
   Actor echo(Echo);
@@ -94,11 +128,36 @@ TEST_F(Wrapper, SendEmptiesItsMessageOnlyOnSuccess) {
   EXPECT_EQ(echo.receive()->pop_string(), half);
 }
 
-TEST_F(Wrapper, EndpointsThatCannotBeOpenedAreErrors) {
-  for (const std::string& endpoint : {std::string("tcp://host:1"), std::string("ipc://a\0b", 9)}) {
-    EXPECT_THROW(Sock::pull(endpoint), error) << endpoint;
-    EXPECT_THROW(Sock::push(endpoint), error) << endpoint;
+TEST_F(Wrapper, AnErrorCarriesTheReason) {
+  const Endpoint jobs;
+  const std::string half(JACTOR_MAX_SIZE / 2, 'x');
+  Message large{half, half, "!"};
+  Message nothing{nullptr};
+  Actor gone([](SockRef) {});
+  gone.join();
+  Actor deaf([](SockRef sock) { sock.ready(); });
+  const struct {
+    int reason;
+    std::function<void()> call;
+  } kRows[] = {
+      {EPROTONOSUPPORT, [] { Sock::pull("tcp://host:1"); }},
+      {EINVAL, [] { Sock::push(std::string("ipc://a\0b", 9)); }},
+      {ENAMETOOLONG, [] { Sock::push("ipc://" + std::string(300, 'x')); }},
+      {EMSGSIZE, [&] { jobs.push.send(std::move(large)); }},
+      {EMSGSIZE, [&] { large.add(half + half + "!"); }},
+      {EINVAL, [&] { jobs.push.send(std::move(nothing)); }},
+      {EINVAL, [&] { nothing.add("more"); }},
+      {EINVAL, [&] { gone.signal(1); }},
+      {EINVAL, [&] { gone.receive(); }},
+      {EINVAL, [&] { gone.receive_for(0s); }},
+      {EBADMSG, [&] { jobs.Write(kDamage), jobs.pull->receive(); }},
+  };
+  for (const auto& row : kRows) {
+    EXPECT_EQ(ReasonOf(row.call), row.reason) << &row - kRows;
   }
+  EXPECT_EQ(jobs.push.try_send(std::move(large)), std::errc::message_size);
+  EXPECT_TRUE(large);
+  EXPECT_FALSE(deaf.try_send(Message{"hello"}));
 }
 
 TEST_F(Wrapper, AnActorIsStartedWhateverItsCallableDoes) {
@@ -122,7 +181,7 @@ TEST_F(Wrapper, AnActorAndItsCallableCanBeMoved) {
   actor.signal(1);
   EXPECT_EQ(actor.receive()->signal(), 1);
   EXPECT_THROW(moved.signal(1), error);
-  EXPECT_FALSE(moved.receive());
+  EXPECT_THROW(moved.receive(), error);
 }
 
 TEST_F(Wrapper, AnExceptionReachesTheCreator) {
@@ -153,8 +212,28 @@ TEST_F(Wrapper, SendingToACreatorThatHasGoneIsAnErrorInTheActor) {
       sock.signal(0);
     }
   });
-  EXPECT_THROW(actor.join(), error);
+  EXPECT_EQ(ReasonOf([&] { actor.join(); }), EPIPE);
   ::signal(SIGPIPE, ignored);
+}
+
+// In whatever order they and the library's own objects were made, an actor among a
+// program's static objects is asked to stop and joined.
+TEST(WrapperDeathTest, StaticObjectsEndCleanly) {
+  static std::unique_ptr<Actor> before;
+  EXPECT_EXIT(
+      {
+        before = std::make_unique<Actor>([name = std::string(100, 'x')](SockRef sock) {
+          Echo(sock);
+          EXPECT_EQ(name.size(), 100U);
+          ::write(STDERR_FILENO, "joined;", 7);
+        });
+        static Actor after(Echo);
+        static Message message{"kept"};
+        static Sock sock = Sock::push(support::UniqueEndpoint().name);
+        after.send(Message{"hello"});
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "^joined;$");
 }
 
 TEST_F(Wrapper, ATimeLimitTellsTimeOutFromEnd) {
@@ -182,6 +261,25 @@ TEST_F(Wrapper, ATimeLimitTellsTimeOutFromEnd) {
 
   const Received end = Actor([](SockRef) {}).receive_for(1h);
   EXPECT_FALSE(end.message || end.timed_out);
+}
+
+TEST_F(Wrapper, ATimeLimitCoversTheWholeMessage) {
+  const Endpoint jobs;
+  jobs.Write(kFirstPart);
+  EXPECT_TRUE(jobs.pull->receive_for(1ms).timed_out);
+  jobs.Write(kSecondPart);
+  EXPECT_EQ(jobs.pull->receive_for(0s).message->pop_string(), "half");
+
+  Actor stops_inside([](SockRef sock) {
+    sock.ready();
+    sock.receive();
+    int fd = -1;
+    sock.get()->GetWriteFD(fd);
+    EXPECT_EQ(::write(fd, kFirstPart.data(), kFirstPart.size()), ssize_t(kFirstPart.size()));
+  });
+  EXPECT_TRUE(stops_inside.receive_for(1ms).timed_out);
+  stops_inside.signal(1);
+  EXPECT_EQ(ReasonOf([&] { stops_inside.receive(); }), EBADMSG);
 }
 
 TEST_F(Wrapper, ATimeLimitSurvivesSignals) {
@@ -225,6 +323,71 @@ TEST_F(Wrapper, ALoopSeesAnEndThatComesWithData) {
   ::alarm(0);
 }
 
+// What the sock holds when the watch begins is not seen by poll().
+TEST_F(Wrapper, AWatchHandlesWhatWasReadAheadBeforeIt) {
+  const std::string large(10000, 'x');
+  for (const int received : {0, 1, 2, 3}) {
+    const Endpoint jobs;
+    for (int i = 0; i < 3; ++i) {
+      jobs.push.send(Message{large});
+    }
+    for (int i = 0; i < received; ++i) {
+      jobs.pull->receive();
+    }
+    const Loop loop(zloop_new());
+    int handled = received;
+    const Watch watching = watch(loop.get(), *jobs.pull, [&](Message) { ++handled; });
+    EXPECT_EQ(handled, received) << "not inside the call";
+    EXPECT_EQ(RunLoop(loop), -1);
+    EXPECT_EQ(handled, 3) << received;
+  }
+}
+
+TEST_F(Wrapper, HalfAMessageDoesNotStopTheLoop) {
+  const Endpoint jobs;
+  const Loop loop(zloop_new());
+  std::string handled;
+  const Watch watching =
+      watch(loop.get(), *jobs.pull, [&](Message message) { handled += *message.pop_string(); });
+  jobs.Write(kFirstPart);
+  EXPECT_EQ(RunLoop(loop), -1);
+  EXPECT_EQ(handled, "");
+  jobs.Write(kSecondPart);
+  EXPECT_EQ(RunLoop(loop), -1);
+  EXPECT_EQ(handled, "half");
+}
+
+TEST_F(Wrapper, DamageEndsTheWatchWithAnError) {
+  const Endpoint jobs;
+  const Loop loop(zloop_new());
+  Watch watching = watch(loop.get(), *jobs.pull, [](Message) {});
+  jobs.Write(kDamage);
+  EXPECT_EQ(zloop_start(loop.get()), -1);
+  EXPECT_FALSE(watching.active());
+  EXPECT_EQ(ReasonOf([&] { watching.rethrow(); }), EBADMSG);
+}
+
+TEST_F(Wrapper, ASockHasOneWatchAtATime) {
+  const Endpoint jobs;
+  const Loop first(zloop_new());
+  const Loop second(zloop_new());
+  int handled = 0;
+  Watch watching = watch(first.get(), *jobs.pull, [&](Message) { ++handled; });
+  for (const Loop* loop : {&first, &second}) {
+    EXPECT_EQ(ReasonOf([&] { auto more = watch(loop->get(), *jobs.pull, [](Message) {}); }), EBUSY);
+  }
+  Watch& same = watching;
+  watching = std::move(same);
+  jobs.push.signal(1);
+  EXPECT_EQ(RunLoop(first), -1);
+  EXPECT_EQ(handled, 1);
+  watching.end();
+  watching = watch(second.get(), *jobs.pull, [&](Message) { handled += 10; });
+  jobs.push.signal(1);
+  EXPECT_EQ(RunLoop(second), -1);
+  EXPECT_EQ(handled, 11);
+}
+
 TEST_F(Wrapper, AHandlersExceptionEndsTheLoopAndLosesNothing) {
   const Endpoint jobs;
   for (const char* text : {"1", "2", "bad", "4"}) {
@@ -239,10 +402,11 @@ TEST_F(Wrapper, AHandlersExceptionEndsTheLoopAndLosesNothing) {
     }
   });
   EXPECT_EQ(zloop_start(loop.get()), -1);
+  EXPECT_TRUE(watching.active());
+  EXPECT_EQ(RunLoop(loop), -1) << "what is left is handled by the next run";
+  EXPECT_EQ(handled, "12bad4");
   EXPECT_THROW(watching.rethrow(), std::invalid_argument);
   EXPECT_NO_THROW(watching.rethrow());
-  EXPECT_TRUE(watching.active());
-  EXPECT_EQ(jobs.pull->receive_for(0s).message->pop_string(), "4");
 }
 
 TEST_F(Wrapper, AHandlerMayDestroyItsWatchAndThenItsSock) {
@@ -260,9 +424,7 @@ TEST_F(Wrapper, AHandlerMayDestroyItsWatchAndThenItsSock) {
     });
     jobs.push.signal(1);
     jobs.push.signal(2);
-    zloop_timer(
-        loop.get(), 10, 1, [](zloop_t*, int, void*) { return -1; }, nullptr);
-    EXPECT_EQ(zloop_start(loop.get()), -1);
+    EXPECT_EQ(RunLoop(loop), -1);
     EXPECT_EQ(handled, 1);
   }
 }
