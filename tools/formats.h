@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "sock.h"
+#include "content.h"
 
 namespace jpipe {
 

@@ -14,15 +14,10 @@ namespace jpipe {
 
 InputReader::InputReader(const std::string& name)
     : name_(name == "-" ? "standard input" : name),
-      fd_(name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
+      file_(name == "-" ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC)),
+      fd_(name == "-" ? STDIN_FILENO : file_.get()) {
   if (fd_ < 0) {
     throw Failure(kFailed, "cannot open " + name + ": " + std::strerror(errno));
-  }
-}
-
-InputReader::~InputReader() {
-  if (fd_ != STDIN_FILENO) {
-    ::close(fd_);
   }
 }
 

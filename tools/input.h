@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "descriptor.h"
 #include "waiting.h"
 
 namespace jpipe {
@@ -12,9 +13,6 @@ class InputReader {
  public:
   // Opens the file `name`; "-" is standard input. Fails when it cannot be opened.
   explicit InputReader(const std::string& name);
-  InputReader(const InputReader&) = delete;
-  InputReader& operator=(const InputReader&) = delete;
-  ~InputReader();
 
   // Waits with `patience` from now on, which is to be said before the first read.
   void WaitWith(Patience& patience) { patience_ = &patience; }
@@ -36,6 +34,7 @@ class InputReader {
   std::size_t Left() const { return ahead_.size() - start_; }
 
   std::string name_;
+  Descriptor file_;  // none for standard input
   int fd_;
   Patience* patience_ = nullptr;
   std::string ahead_;  // read, handed out up to `start_`

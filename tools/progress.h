@@ -5,7 +5,7 @@
 #include <chrono>
 #include <string>
 
-#include "sock.h"
+#include "content.h"
 
 namespace jpipe {
 

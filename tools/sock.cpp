@@ -11,7 +11,9 @@
 #include <cstring>
 
 #include "endpoint.h"
+#include "holders.h"
 #include "report.h"
+#include "wire.h"
 
 namespace jpipe {
 namespace {
@@ -20,7 +22,6 @@ constexpr int kOpenings = 3;         // two first openings that meet may both ha
 constexpr int kLookInterval = 20;    // milliseconds between two looks at the bytes that wait
 constexpr int kLooksPerSearch = 10;  // and between two searches for who has the FIFO open
 constexpr double kSettled = 2;       // seconds: then a process has locked what it will leave
-constexpr std::size_t kMaxFrames = 1048576;
 
 bool MustRepeat(int error) { return error == EINTR; }
 
@@ -55,25 +56,17 @@ JCXXSock* Open(const std::string& endpoint, Direction direction) {
 
 void CheckSize(const Content& content) {
   const std::size_t bytes = content.Bytes();
-  if (bytes > JACTOR_MAX_SIZE) {
-    throw Failure(kFailed, Text("the message has %zu bytes, and the most is %d: split it", bytes,
-                                JACTOR_MAX_SIZE));
+  if (bytes > wire::kMaxSize) {
+    throw Failure(kFailed, Text("the message has %zu bytes, and the most is %u: split it", bytes,
+                                wire::kMaxSize));
   }
-  if (content.frames.size() > kMaxFrames) {
+  if (content.frames.size() > wire::kMaxFrames) {
     throw Failure(kFailed, Text("the message has %zu frames, and the most is %zu: split it",
-                                content.frames.size(), kMaxFrames));
+                                content.frames.size(), wire::kMaxFrames));
   }
 }
 
 }  // namespace
-
-std::size_t Content::Bytes() const {
-  std::size_t bytes = 0;
-  for (const std::string_view frame : frames) {
-    bytes += frame.size();
-  }
-  return bytes;
-}
 
 EndpointSock::EndpointSock(const std::string& endpoint, Direction direction, Patience& patience)
     : endpoint_(endpoint),

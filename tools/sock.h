@@ -7,20 +7,12 @@
 
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "content.h"
 #include "waiting.h"
 
 namespace jpipe {
-
-// A message taken apart, or about to be sent. The views point into what the
-// message came from.
-struct Content {
-  int signal = -1;  // 0 to 255 for a signal, which has no frames
-  std::vector<std::string_view> frames;
-  std::size_t Bytes() const;
-};
 
 enum class Direction { kPull, kPush };
 

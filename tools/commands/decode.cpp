@@ -1,10 +1,10 @@
 // decode.cpp - jpipe decode: captured bytes, explained offset by offset.
 #include "commands.h"
+#include "decoder.h"
 #include "formats.h"
 #include "input.h"
 #include "output.h"
 #include "report.h"
-#include "wire.h"
 
 namespace jpipe {
 namespace {
@@ -23,9 +23,9 @@ std::string Line(std::uint64_t offset, bool inside, std::string_view bytes,
 
 std::string HeaderMeaning(const WireFrame& frame) {
   std::string what;
-  if (frame.kind == FrameKind::kSignal) {
+  if (frame.kind == wire::Kind::kSignal) {
     what = Text("signal %u", frame.number);
-  } else if (frame.kind == FrameKind::kMessageHeader) {
+  } else if (frame.kind == wire::Kind::kMsgHeader) {
     what = frame.number == 0 ? "message without frames"
                              : "message of " + Counted(frame.number, "payload byte");
   } else {

@@ -8,31 +8,19 @@
 #include <cstring>
 
 #include "commands.h"
+#include "decoder.h"
 #include "endpoint.h"
 #include "formats.h"
 #include "output.h"
 #include "report.h"
-#include "wire.h"
 
 namespace jpipe {
 namespace {
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() { ::close(fd_); }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-int Open(const std::string& endpoint) {
+Descriptor Open(const std::string& endpoint) {
   const std::string fifo = FifoPath(endpoint);
-  const int fd = OpenToLook(fifo);
-  if (fd >= 0) {
+  Descriptor fd = OpenToLook(fifo);
+  if (fd) {
     return fd;
   }
   const std::string problem = "cannot drain " + endpoint + ": ";
@@ -95,7 +83,7 @@ Tally DrainAll(int fd, const Formatter* formatter, Patience& patience) {
       continue;
     }
     Content content;
-    content.signal = frame.kind == FrameKind::kSignal ? static_cast<int>(frame.number) : -1;
+    content.signal = frame.kind == wire::Kind::kSignal ? static_cast<int>(frame.number) : -1;
     content.frames.assign(reader.frames().begin(), reader.frames().end());
     ++(content.signal >= 0 ? tally.signals : tally.messages);
     if (formatter != nullptr) {
@@ -115,7 +103,7 @@ Tally DrainAll(int fd, const Formatter* formatter, Patience& patience) {
 
 int Drain(const Options& options) {
   const std::string& endpoint = options.operands[0];
-  const Descriptor fifo(Open(endpoint));
+  const Descriptor fifo = Open(endpoint);
   Patience patience(std::nullopt);
   const Formatter formatter(options.format.value_or(Format::kQuoted), "\t",
                             ::isatty(STDOUT_FILENO) == 1);

@@ -8,7 +8,7 @@
 
 #include "bridge.h"
 #include "commands.h"
-#include "endpoint.h"
+#include "holders.h"
 #include "progress.h"
 #include "report.h"
 

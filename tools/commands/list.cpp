@@ -2,7 +2,6 @@
 #include <dirent.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include "commands.h"
 #include "endpoint.h"
 #include "formats.h"
+#include "holders.h"
 #include "output.h"
 #include "report.h"
 
@@ -45,13 +45,8 @@ std::string OwnerName(uid_t owner) {
 
 // "?" when the FIFO may not be opened.
 std::string ShownWaiting(const std::string& fifo) {
-  const int fd = OpenToLook(fifo);
-  if (fd < 0) {
-    return "?";
-  }
-  const std::size_t bytes = BytesWaiting(fd);
-  ::close(fd);
-  return std::to_string(bytes);
+  const Descriptor fd = OpenToLook(fifo);
+  return fd ? std::to_string(BytesWaiting(fd.get())) : "?";
 }
 
 // "?" stands for processes that could not be looked into.

@@ -1,27 +1,27 @@
-// wire.h - the bytes of messages on a pipe, taken apart one frame at a time.
+// decoder.h - the bytes of messages on a pipe, taken apart one frame at a time.
 //
 // A decoder of its own: the library's reader tells neither where a fault is nor
 // what it is.
-#ifndef JPIPE_WIRE_H
-#define JPIPE_WIRE_H
+#ifndef JPIPE_DECODER_H
+#define JPIPE_DECODER_H
 
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "wire.h"
+
 namespace jpipe {
 
 // Reads up to `size` bytes into `bytes`; fewer only at the end. Result: how many.
 using ByteSource = std::function<std::size_t(char* bytes, std::size_t size)>;
 
-enum class FrameKind { kData, kMessageHeader, kSignal };
-
 // A frame as it was read, also when it was not read to its end.
 struct WireFrame {
   std::uint64_t offset = 0;  // of its first byte
   std::string header;        // 1 to 5 bytes
-  FrameKind kind = FrameKind::kData;
+  wire::Kind kind = wire::Kind::kData;
   std::uint32_t number = 0;  // the size, the announced size, or the signal's value
   std::string remark;        // what is unusual about a header that is accepted
   std::string payload;
@@ -59,7 +59,6 @@ class WireReader {
  private:
   bool Read(std::string& to, std::size_t size);
   bool ReadHeader(WireFrame& frame);
-  bool ReadSize(WireFrame& frame);
   bool ReadPayload(WireFrame& frame);
   WireEvent Accept(const WireFrame& frame);
   WireEvent AcceptInMessage(const WireFrame& frame);

@@ -1,0 +1,36 @@
+// holders.h - which processes have a FIFO open.
+#ifndef JPIPE_HOLDERS_H
+#define JPIPE_HOLDERS_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace jpipe {
+
+using FileId = std::pair<dev_t, ino_t>;
+
+struct Holder {
+  pid_t pid;
+  std::string program;
+};
+
+struct Holders {
+  std::map<FileId, std::vector<Holder>> by_file;
+  bool complete = true;  // false: some processes could not be looked into
+};
+
+// Finds the other processes that have FIFOs open, as far as /proc tells. Who only
+// has a look (OpenToLook) does not count.
+Holders FindHolders();
+
+// Whether another process, running for at least `seconds`, is known to have the FIFO
+// `fd` open.
+bool IsHeldElsewhere(int fd, double seconds = 0);
+
+}  // namespace jpipe
+
+#endif
