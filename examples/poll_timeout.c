@@ -1,46 +1,20 @@
 /*
  * poll_timeout.c - receiving with a time limit
  *
- * Shows: poll() on j_sock_fd, but only while j_sock_buffered says that nothing
- * has been read ahead, since poll() does not see those bytes.
+ * Shows: j_sock_wait before a receive, so that the limit covers a whole message.
  */
-#include <errno.h>
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <time.h>
 
 #include "jactor.h"
 
-static long milliseconds_now(void) {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
-
-/* Receives from a sock or an actor, waiting at most `limit` milliseconds for the
- * beginning of a message. (A sender that stops in the middle of one can hold the
- * receive longer.) Result: 1 and the message; 0 when the time is over; -1 at the
- * end of the stream or on a failure. */
-static int receive_within(void* source, long limit, JCXXMsg** msg) {
-  const long deadline = milliseconds_now() + limit;
-  struct pollfd readable = {.fd = j_sock_fd(source), .events = POLLIN, .revents = 0};
-  *msg = NULL;
-  while (j_sock_buffered(source) == 0) {
-    const long left = deadline - milliseconds_now();
-    const int events = poll(&readable, 1, left > 0 ? (int)left : 0);
-    if (events == 0) {
-      return 0;
-    }
-    if (events > 0) {
-      break; /* bytes, or the end of the stream: the receive says which */
-    }
-    if (errno != EINTR) {
-      return -1;
-    }
-  }
-  *msg = j_msg_recv(source);
-  return *msg == NULL ? -1 : 1;
+/* Receives from a sock or an actor, waiting at most `milliseconds`. Result: 1 and
+ * the message; 0 when the time is over; -1 at the end of the stream, where errno is
+ * 0, or on a failure, where it says which. */
+static int receive_within(void* source, int milliseconds, JCXXMsg** msg) {
+  const int ready = j_sock_wait(source, milliseconds);
+  *msg = ready == 1 ? j_msg_recv(source) : NULL;
+  return ready == 1 && *msg == NULL ? -1 : ready;
 }
 
 /* An actor that answers each message with itself. */
@@ -53,7 +27,7 @@ static void echo(j_sock_t* sock, void* args) {
   j_msg_destroy(&msg);
 }
 
-static int show(JCXXActor* actor, long limit) {
+static int show(JCXXActor* actor, int limit) {
   JCXXMsg* msg = NULL;
   const int got = receive_within(actor, limit, &msg);
   char* text = j_msg_popstr(msg);

@@ -5,7 +5,6 @@
  * client that does not wait for ever for a server that has died, since an
  * endpoint has no end of file either.
  */
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -48,9 +47,7 @@ static int serve(JCXXSock* requests, JCXXSock* replies) {
 
 /* The client: sends one number and waits for the answer. */
 static int ask(JCXXSock* requests, JCXXSock* replies, long number) {
-  struct pollfd readable = {.fd = j_sock_fd(replies), .events = POLLIN, .revents = 0};
-  if (send_number(requests, number) != 0 ||
-      (j_sock_buffered(replies) == 0 && poll(&readable, 1, LIMIT_MS) != 1)) {
+  if (send_number(requests, number) != 0 || j_sock_wait(replies, LIMIT_MS) != 1) {
     fputs("request_reply: no answer\n", stderr);
     return -1;
   }

@@ -235,7 +235,7 @@ static int add_line(struct counter* c, JCXXMsg* msg) {
   return rc;
 }
 
-/* Receives one message from the pusher. */
+/* Receives one message from the pusher, which is there. */
 static int take_line(struct counter* c) {
   JCXXMsg* msg = j_msg_recv(c->run->pull);
   if (msg == NULL) {
@@ -252,10 +252,10 @@ static int take_line(struct counter* c) {
   return rc == 0 ? advance(c) : rc;
 }
 
-/* Takes what was read ahead: no event will tell of it. */
-static int take_read_ahead(struct counter* c) {
+/* Takes what is there, also in the sock, of which no event will tell. */
+static int take_lines(struct counter* c) {
   int rc = 0;
-  while (rc == 0 && c->watching && j_sock_buffered(c->run->pull) > 0) {
+  while (rc == 0 && c->watching && j_sock_wait(c->run->pull, 0) == 1) {
     rc = take_line(c);
   }
   return rc;
@@ -264,8 +264,7 @@ static int take_read_ahead(struct counter* c) {
 static int on_lines(zloop_t* loop, j_sock_t* sock, void* arg) {
   (void)loop;
   (void)sock;
-  struct counter* c = arg;
-  return take_line(c) == 0 ? take_read_ahead(c) : -1;
+  return take_lines(arg);
 }
 
 static int add_words(struct word_table* words, JCXXMsg* msg) {
@@ -309,11 +308,11 @@ static int on_answer(zloop_t* loop, j_sock_t* sock, void* arg) {
   (void)loop;
   struct worker* worker = arg;
   int rc = 0;
-  do {
+  while (rc == 0 && j_sock_wait(sock, 0) == 1) {
     rc = take_answer(worker);
-  } while (rc == 0 && j_sock_buffered(sock) > 0);
+  }
   if (rc == 0) {
-    rc = take_read_ahead(worker->counter);
+    rc = take_lines(worker->counter);
   }
   return worker->counter->done ? -1 : rc; /* -1 leaves the loop */
 }

@@ -1,9 +1,9 @@
 /*
  * zloop_actor.c - an actor that runs an event loop of its own
  *
- * Shows: a CZMQ loop that serves the actor's sock and a timer; draining the sock
- * while j_sock_buffered says that bytes were read ahead; stopping at the end of
- * the stream, for which the loop's poller has to be made tolerant.
+ * Shows: a CZMQ loop that serves the actor's sock and a timer; receiving while
+ * j_sock_wait says that a message is there; stopping at the end of the stream, for
+ * which the loop's poller is made tolerant.
  */
 #include <czmq.h>
 #include <signal.h>
@@ -18,7 +18,7 @@ enum { READY, BEAT, FAILED }; /* the signals that the actor sends */
 static int on_message(zloop_t* loop, j_sock_t* sock, void* arg) {
   (void)loop;
   (void)arg;
-  do {
+  while (j_sock_wait(sock, 0) == 1) {
     JCXXMsg* msg = j_msg_recv(sock);
     if (msg == NULL) {
       return -1; /* the end of the stream: leave the loop */
@@ -27,7 +27,7 @@ static int on_message(zloop_t* loop, j_sock_t* sock, void* arg) {
       j_msg_destroy(&msg);
       return -1;
     }
-  } while (j_sock_buffered(sock) > 0);
+  }
   return 0;
 }
 
@@ -46,8 +46,8 @@ static void echo_with_heartbeat(j_sock_t* sock, void* args) {
   j_sock_signal(sock, READY); /* always, or j_actor_new would wait for ever */
   if (ready) {
     /* When the creator hangs up, poll() flags an error along with the data. An
-     * ordinary poller is dropped after the second such event, and the loop would
-     * never see the end of the stream. */
+     * ordinary poller is dropped at the second such event, and a handler that has
+     * left something for it would never see the end of the stream. */
     zmq_pollitem_t item = {.fd = j_sock_fd(sock), .events = ZMQ_POLLIN};
     zloop_poller_set_tolerant(loop, &item);
     zloop_start(loop);
