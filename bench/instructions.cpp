@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "jactor.h"
+#include "messages.h"
 
 namespace {
 
@@ -16,33 +16,15 @@ bool failed = false;
 
 void Expect(bool good) { failed = failed || !good; }
 
-JCXXMsg* Build(int frames, std::size_t size) {
-  static const unsigned char payload[1024] = {};
-  JCXXMsg* msg = j_msg_new();
-  for (int i = 0; i < frames; ++i) {
-    Expect(j_msg_addmem(msg, payload, size) == 0);
-  }
-  return msg;
-}
-
-void TakeApart(JCXXMsg* msg, int frames, std::size_t size) {
-  for (int i = 0; i < frames; ++i) {
-    JCXXFrame* frame = j_msg_pop(msg);
-    Expect(j_frame_data(frame) != nullptr && j_frame_size(frame) == size);
-    j_frame_destroy(&frame);
-  }
-  j_msg_destroy(&msg);
-}
-
 struct Ends {
   JCXXSock* push;
   JCXXSock* pull;
 };
 
-void Exchange(Ends ends, int frames, std::size_t size) {
-  JCXXMsg* msg = Build(frames, size);
+void Exchange(Ends ends, std::size_t frames, std::size_t size) {
+  JCXXMsg* msg = messages::BuildEqual(frames, size);
   Expect(j_msg_send(&msg, ends.push) == 0);
-  TakeApart(j_msg_recv(ends.pull), frames, size);
+  Expect(messages::TakeApartEqual(j_msg_recv(ends.pull), frames, size));
 }
 
 void Signal(Ends ends) {
@@ -59,7 +41,7 @@ constexpr struct {
     {"message-32", [](Ends ends) { Exchange(ends, 1, 32); }},
     {"message-1k", [](Ends ends) { Exchange(ends, 1, 1024); }},
     {"frames-8", [](Ends ends) { Exchange(ends, 8, 64); }},
-    {"build-3", [](Ends) { TakeApart(Build(3, 32), 3, 32); }},
+    {"build-3", [](Ends) { Expect(messages::TakeApartEqual(messages::BuildEqual(3, 32), 3, 32)); }},
     {"signal", Signal},
 };
 

@@ -2,28 +2,24 @@
 #include <unistd.h>
 
 #include "bench.h"
-#include "jactor.h"
+#include "messages.h"
 
 namespace bench {
 
 namespace {
 
-JCXXMsg* Build(const Payload& payload) {
-  JCXXMsg* msg = j_msg_new();
-  for (std::size_t i = 0; i < payload.frames(); ++i) {
-    const Bytes frame = payload.frame(i);
-    Must(j_msg_addmem(msg, frame.data(), frame.size()) == 0, "j_msg_addmem");
-  }
+JCXXMsg* Built(const Payload& payload) {
+  JCXXMsg* msg = messages::Build(payload.frames(), [&](std::size_t i) { return payload.frame(i); });
+  Must(msg != nullptr, "j_msg_addmem");
   return msg;
 }
 
-Stamp TakeApart(JCXXMsg* msg, Checker& checker) {
-  for (std::size_t i = 0; i < checker.shape().frames; ++i) {
-    JCXXFrame* frame = j_msg_pop(msg);
-    checker.Frame({j_frame_data(frame), j_frame_size(frame)});
-    j_frame_destroy(&frame);
-  }
-  j_msg_destroy(&msg);
+Stamp Checked(JCXXMsg* msg, Checker& checker) {
+  const auto check = [&](Bytes frame) {
+    checker.Frame(frame);
+    return true;
+  };
+  Must(messages::TakeApart(msg, checker.shape().frames, check), "j_msg_pop");
   return checker.EndMessage();
 }
 
@@ -33,14 +29,14 @@ class JactorEnd : public End {
   explicit JactorEnd(void* handle) : handle_(handle) {}
 
   void Send(const Payload& payload) override {
-    JCXXMsg* msg = Build(payload);
+    JCXXMsg* msg = Built(payload);
     Must(j_msg_send(&msg, handle_) == 0, "j_msg_send");
   }
 
   Stamp Receive(Checker& checker) override {
     JCXXMsg* msg = j_msg_recv(handle_);
     Must(msg != nullptr, "j_msg_recv");
-    return TakeApart(msg, checker);
+    return Checked(msg, checker);
   }
 
   bool Echo(Shape /*shape*/) override {
@@ -117,7 +113,7 @@ class Jactor : public System {
   }
 
   void BuildAndTakeApart(const Payload& payload, Checker& checker) override {
-    TakeApart(Build(payload), checker);
+    Checked(Built(payload), checker);
   }
 
  private:

@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "jcxxactorapi.h"
+#include "messages.h"
 #include "support.h"
 
 namespace {
@@ -32,37 +33,24 @@ using support::Script;
 
 class CountsTest : public support::PairTest {
  protected:
-  // A message of `frames` frames of `size` bytes.
-  static JCXXMsg* Build(int frames, std::size_t size) {
-    static const unsigned char kPayload[1024] = {};
-    JCXXMsg* msg = j_msg_new();
-    for (int i = 0; i < frames; ++i) {
-      EXPECT_EQ(j_msg_addmem(msg, kPayload, size), 0);
-    }
-    return msg;
-  }
-
-  static void TakeApart(JCXXMsg* msg, int signal) {
-    EXPECT_EQ(j_msg_signal(msg), signal);
-    while (JCXXFrame* frame = j_msg_pop(msg)) {
-      EXPECT_TRUE(j_frame_data(frame) != nullptr && j_frame_size(frame) != 0);
-      j_frame_destroy(&frame);
-    }
-    j_msg_destroy(&msg);
+  // A signal has no frames.
+  static void Take(JCXXMsg* msg, std::size_t frames, std::size_t size) {
+    EXPECT_EQ(j_msg_signal(msg), frames == 0 ? 7 : -1);
+    EXPECT_TRUE(messages::TakeApartEqual(msg, frames, size));
   }
 
   // Sends `burst` messages, or signals when they have no frames, then receives them.
   // A burst of 0 is one message that stays.
-  void Work(int frames, std::size_t size, int burst) {
+  void Work(std::size_t frames, std::size_t size, int burst) {
     if (burst == 0) {
-      TakeApart(Build(frames, size), -1);
+      Take(messages::BuildEqual(frames, size), frames, size);
     }
     for (int i = 0; i < burst; ++i) {
-      JCXXMsg* msg = frames == 0 ? nullptr : Build(frames, size);
+      JCXXMsg* msg = frames == 0 ? nullptr : messages::BuildEqual(frames, size);
       EXPECT_EQ(frames == 0 ? j_sock_signal(a.get(), 7) : j_msg_send(&msg, a.get()), 0);
     }
     for (int i = 0; i < burst; ++i) {
-      TakeApart(j_msg_recv(b.get()), frames == 0 ? 7 : -1);
+      Take(j_msg_recv(b.get()), frames, size);
     }
   }
 };
@@ -71,7 +59,7 @@ class CountsTest : public support::PairTest {
 TEST_F(CountsTest, MessagesCostNoMoreThanBefore) {
   const struct {
     const char* what;
-    int frames;
+    std::size_t frames;
     std::size_t size;
     int burst;
     double system_calls, allocations, locks;
