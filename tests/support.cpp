@@ -310,7 +310,6 @@ INTERPOSED int close(int fd) {
   return static_cast<int>(Take(Call::kClose).result.value_or(rc));
 }
 
-// The forms for arrays call these.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return Take(Call::kNew).result ? nullptr : std::malloc(size);
 }
@@ -322,3 +321,7 @@ void* operator new(std::size_t size) {
 }
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+// The standard library's forms for arrays would call these; a sanitizer's do not.
+void* operator new[](std::size_t size) { return operator new(size); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }

@@ -36,7 +36,7 @@ extern "C" __attribute__((visibility("default"))) const char* __asan_default_opt
   return "detect_leaks=0";
 }
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
-  return "report_thread_leaks=0:die_after_fork=0";
+  return "report_thread_leaks=0:report_signal_unsafe=0:die_after_fork=0";
 }
 
 namespace {
