@@ -46,19 +46,17 @@ foreach(page IN LISTS pages)
   string(REGEX REPLACE "^.*\\." "" section "${page}")
   install(FILES "${page}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}")
 endforeach()
-if(EXISTS "${PROJECT_SOURCE_DIR}/man/aliases.txt")
-  file(STRINGS "${PROJECT_SOURCE_DIR}/man/aliases.txt" aliases REGEX "^[^#]")
-  foreach(line IN LISTS aliases)
-    string(REGEX MATCH "^([^ ]+\\.([1-9])) +([^ ]+)$" matched "${line}")
-    if(NOT matched)
-      message(FATAL_ERROR "man/aliases.txt: not an alias and its page: ${line}")
-    endif()
-    install(CODE "
-      file(CREATE_LINK \"${CMAKE_MATCH_3}\"
-        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/man${CMAKE_MATCH_2}/${CMAKE_MATCH_1}\"
-        SYMBOLIC)")
-  endforeach()
-endif()
+file(STRINGS "${PROJECT_SOURCE_DIR}/man/aliases.txt" aliases REGEX "^[^#]")
+foreach(line IN LISTS aliases)
+  string(REGEX MATCH "^([^ ]+\\.([1-9])) +([^ ]+)$" matched "${line}")
+  if(NOT matched)
+    message(FATAL_ERROR "man/aliases.txt: not an alias and its page: ${line}")
+  endif()
+  install(CODE "
+    file(CREATE_LINK \"${CMAKE_MATCH_3}\"
+      \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/man${CMAKE_MATCH_2}/${CMAKE_MATCH_1}\"
+      SYMBOLIC)")
+endforeach()
 
 # The documents, which refer to each other by these paths, and the examples to copy.
 install(FILES README.md NEWS.md SECURITY.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
