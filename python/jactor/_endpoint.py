@@ -1,0 +1,273 @@
+"""From an endpoint's name to the open FIFO, in the same steps as libjactor, and what
+receiving and sending, blocking or in asyncio, have in common."""
+
+import contextlib
+import os
+import stat
+import warnings
+import weakref
+
+from ._wire import Decoder, Message, Signal, StreamError
+
+RUN_DIRECTORY = "/var/run/jactor"
+READ_AHEAD = 16384  # bytes that a reader takes beyond those that it needs
+
+
+class LossWarning(UserWarning):
+    """Messages, or the rest of one, were lost as a `Pull` or `Push` was closed."""
+
+
+def fifo_path(endpoint: str) -> str:
+    """Where the FIFO of an endpoint is. Raises ValueError for what is no endpoint's name."""
+    if "," in endpoint:
+        raise ValueError(f"{endpoint!r} has a comma: name one endpoint, as ipc://NAME")
+    if len(os.fsencode(endpoint)) <= 4 or "\0" in endpoint:
+        raise ValueError(f"{endpoint!r} is no endpoint: name it as ipc://NAME")
+    name = endpoint[1:] if endpoint[0] in "@>" else endpoint
+    transport, _, path = name.partition("://")
+    if not transport or not path:
+        raise ValueError(f"{endpoint!r} is no endpoint: name it as ipc://NAME")
+    if transport not in ("inproc", "ipc"):
+        raise ValueError(f"{endpoint!r}: the transport {transport!r} is not supported, only ipc and inproc; "
+                         "jpipe export and jpipe import carry an endpoint to another machine")
+    file = f"J{transport}_{path}".replace("/", "_").replace("\\", "_")
+    if len(os.fsencode(file)) > 255:
+        raise ValueError(f"{endpoint!r} is too long: it makes a file name of more than 255 bytes")
+    return f"{RUN_DIRECTORY}/{file}"
+
+
+def _mode(path: str) -> int:
+    """The type and mode of a file behind all links, or 0 when there is none."""
+    try:
+        return os.stat(path).st_mode
+    except (FileNotFoundError, NotADirectoryError):
+        return 0
+
+
+def _remove(path: str) -> None:
+    if stat.S_ISDIR(os.lstat(path).st_mode):
+        os.rmdir(path)
+    else:
+        os.unlink(path)
+
+
+def _ensure_run_directory() -> None:
+    mode = _mode(RUN_DIRECTORY)
+    if mode and not stat.S_ISDIR(mode):
+        _remove(RUN_DIRECTORY)
+    if not _mode(RUN_DIRECTORY):
+        with contextlib.suppress(FileExistsError):  # another process was faster
+            os.mkdir(RUN_DIRECTORY)
+            os.chmod(RUN_DIRECTORY, 0o2777)
+
+
+def _ensure_fifo(path: str) -> bool:
+    """Puts a FIFO at the path, whatever else stands there. Returns whether it is new."""
+    mode = _mode(path)
+    if mode and not stat.S_ISFIFO(mode):
+        _remove(path)
+    if _mode(path):
+        return False
+    try:
+        os.mkfifo(path, 0o666)
+    except FileExistsError:  # another process was faster, or a link leads nowhere: opening tells
+        return False
+    return True
+
+
+def _open_fifo(path: str, is_new: bool) -> int:
+    fd = os.open(path, os.O_RDWR | os.O_NOFOLLOW | os.O_NOATIME | os.O_CLOEXEC | os.O_NONBLOCK)
+    try:
+        if not stat.S_ISFIFO(os.fstat(fd).st_mode):
+            raise OSError(0, "not a FIFO any more", path)
+        if is_new:
+            os.fchmod(fd, 0o666)  # whatever the umask
+    except BaseException:
+        os.close(fd)
+        raise
+    return fd
+
+
+def open_endpoint(endpoint: str) -> int:
+    """Opens the FIFO of an endpoint, made first when it is missing, without waiting for a partner.
+
+    Returns a descriptor for both directions, non-blocking and closed by exec. Raises
+    ValueError for a bad name, and OSError, with the way out, where the system refuses.
+    """
+    path = fifo_path(endpoint)
+    step = "make the run directory"
+    try:
+        _ensure_run_directory()
+        step = "make the FIFO"
+        is_new = _ensure_fifo(path)
+        step = "open the FIFO"
+        return _open_fifo(path, is_new)
+    except OSError as error:
+        advice = _advice(error, path, step)
+        raise OSError(error.errno, f"cannot {step} of {endpoint}: {error.strerror}; {advice}", path) from error
+
+
+def _advice(error: OSError, path: str, step: str) -> str:
+    if step == "make the run directory":
+        return f"only root can make {RUN_DIRECTORY}: have systemd-tmpfiles make it when the machine starts"
+    if os.path.islink(path):
+        return "a symbolic link stands in the way: remove it"
+    if isinstance(error, PermissionError) and step == "open the FIFO":
+        return "only the user whose process has made an endpoint, and root, can open it: be that user, or remove it"
+    if isinstance(error, PermissionError):
+        return f"this user may not write to {RUN_DIRECTORY}"
+    return "something else stands in the way, or it was exchanged at this moment: look at it, and open it again"
+
+
+class Endpoint:
+    """An open endpoint. After a fork the child's copy is closed: each process opens its own."""
+
+    _fd = -1
+    _why_closed = "it is closed"
+
+    def __init__(self, endpoint: str) -> None:
+        self.endpoint = endpoint
+        self._fd = open_endpoint(endpoint)
+        _open.add(self)
+
+    def __del__(self) -> None:
+        self._close()
+
+    def fileno(self) -> int:
+        """The descriptor, to wait on in a loop of your own.
+
+        It is non-blocking: do not pass it to code or to a process that wants to block. When
+        it is readable, call `receive(timeout=0)` until it raises TimeoutError: `Pull` reads
+        ahead, and the descriptor does not show what it holds. Raises ValueError when closed.
+        """
+        if self._fd < 0:
+            raise ValueError(f"{self.endpoint}: {self._why_closed}")
+        return self._fd
+
+    @property
+    def closed(self) -> bool:
+        return self._fd < 0
+
+    def _close(self) -> None:
+        fd, self._fd = self._fd, -1
+        if fd >= 0:
+            os.close(fd)
+
+    def _discard(self) -> None:
+        """Forgets what is held."""
+
+    def _forget(self) -> None:
+        """In the child of a fork: what has been read ahead or half sent is the parent's."""
+        self._discard()
+        self._close()
+        self._why_closed = "opened before a fork, by the parent process: open the endpoint in this one"
+
+
+_open: weakref.WeakSet[Endpoint] = weakref.WeakSet()
+
+
+def _after_fork() -> None:
+    for endpoint in list(_open):
+        endpoint._forget()
+
+
+os.register_at_fork(after_in_child=_after_fork)
+
+
+class Reader(Endpoint):
+    """What takes messages from an endpoint, and never waits."""
+
+    def __init__(self, endpoint: str) -> None:
+        self._decoder = Decoder()
+        super().__init__(endpoint)
+
+    def _read(self, ahead: int) -> bool:
+        """Takes what waits in the FIFO, once, and decodes. Returns whether there was anything."""
+        decoder = self._decoder
+        try:
+            # One call: with two, an exception between them, as from Ctrl-C, would lose the bytes.
+            decoder.chunks.extend(map(os.read, (self.fileno(),), (decoder.missing() + ahead,)))
+        except BlockingIOError:
+            return False
+        decoder.decode()
+        return True
+
+    def _fill(self) -> bool:
+        """Reads, when nothing is ready. Returns whether there was anything.
+
+        Raises StreamError where the next bytes are no message.
+        """
+        decoder = self._decoder
+        decoder.decode()  # what an exception has kept from it
+        if decoder.ready:
+            return True
+        if decoder.fault is None and not self._read(READ_AHEAD):
+            return False
+        if decoder.fault is not None and not decoder.ready:
+            raise StreamError(f"{self.endpoint}: {decoder.fault}; the stream is out of step: close everything "
+                              "that has the endpoint open, or run jpipe drain, and open it again")
+        return True
+
+    def _discard(self) -> None:
+        self._decoder = Decoder()
+
+    def _take_ready(self) -> list[Message | Signal]:
+        """What has been read ahead."""
+        ready = self._decoder.ready
+        self._decoder.ready = []
+        return ready[::-1]
+
+    def _close(self) -> None:
+        """Closes, and warns of what is lost by that."""
+        if self._fd < 0:
+            return
+        super()._close()
+        whole, rest = len(self._decoder.ready), self._decoder.held()
+        self._discard()
+        if whole or rest:
+            warnings.warn(f"{self.endpoint}: closed with {whole} messages read ahead and not received, and "
+                          f"{rest} bytes behind them; they are lost. Call drain() before",
+                          LossWarning, stacklevel=4)
+
+
+class Writer(Endpoint):
+    """What puts messages into an endpoint, and never waits."""
+
+    def __init__(self, endpoint: str) -> None:
+        self._under_way = b""
+        self._written: list[int] = []  # how much of it each write has taken
+        super().__init__(endpoint)
+
+    @property
+    def pending(self) -> int:
+        """How many bytes are still to be written of a message that has begun."""
+        return len(self._under_way) - sum(self._written) if self._written else 0
+
+    def _discard(self) -> None:
+        self._written = []
+
+    def _begin(self, data: bytes) -> bool:
+        """Writes a message, or its beginning. Returns whether there was room for any of it."""
+        self._written = []
+        self._under_way = data
+        return self._continue()
+
+    def _continue(self) -> bool:
+        """Writes more of what is under way. Returns whether there was room for any of it."""
+        rest = memoryview(self._under_way)[sum(self._written):]
+        try:
+            # One call, as in _read: what was written is known, whatever comes next.
+            self._written.extend(map(os.write, (self.fileno(),), (rest,)))
+        except BlockingIOError:
+            return False
+        return True
+
+    def _close(self) -> None:
+        """Closes, and warns of what is lost by that."""
+        if self._fd < 0:
+            return
+        super()._close()
+        if self.pending:
+            warnings.warn(f"{self.endpoint}: closed with {self.pending} bytes of a message not sent, since "
+                          "nobody made room for them; its reader is out of step. Run jpipe drain",
+                          LossWarning, stacklevel=4)

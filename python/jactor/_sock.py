@@ -1,0 +1,160 @@
+"""Receiving and sending that wait in the calling thread."""
+
+import contextlib
+import math
+import os
+import select
+import time
+from collections.abc import Iterable, Iterator
+from typing import Self
+
+from ._endpoint import Endpoint, Reader, Writer
+from ._wire import PIPE_BUF, Frame, Message, Signal, encode, encode_frames, encode_many
+
+LAST_WAIT = 1.0  # seconds that closing gives to the rest of a message
+
+
+class _Blocking(Endpoint):
+    """Waiting for the FIFO. Ctrl-C and other exceptions of signal handlers end a wait."""
+
+    def __enter__(self) -> Self:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def close(self) -> None:
+        self._close()
+
+    def _wait(self, event: int, deadline: float | None) -> None:
+        """Waits until the FIFO is ready. Raises TimeoutError at the deadline, of time.monotonic."""
+        poll = select.poll()
+        poll.register(self.fileno(), event)
+        left = None if deadline is None else math.ceil(1000 * max(0.0, deadline - time.monotonic()))
+        if not poll.poll(left) and left is not None:
+            raise TimeoutError(f"{self.endpoint}: the time limit has passed")
+
+
+def _deadline(timeout: float | None) -> float | None:
+    return None if timeout is None else time.monotonic() + timeout
+
+
+class Pull(_Blocking, Reader):
+    """Receives from an endpoint: `Pull("ipc://NAME")`, best in a `with` statement.
+
+    It reads ahead: what it holds when it is closed is lost, with a `LossWarning`; `drain`
+    hands that over. One process reads an endpoint, with one `Pull` that lives as long as the
+    endpoint is in use. One thread at a time uses it.
+
+    Raises ValueError for a bad name, OSError where the system refuses.
+    """
+
+    def receive(self, timeout: float | None = None) -> Message | Signal:
+        """Waits for the next message or signal, `timeout` seconds at most; 0 waits for nothing.
+
+        Raises TimeoutError, also inside a message; whatever has come is kept for the next
+        call. Ctrl-C ends it in the same way. Raises StreamError for bytes that are no message.
+        """
+        if not self._decoder.ready:
+            self._await(timeout)
+        # No call from here on: an exception of a signal handler has no place to come between.
+        message = self._decoder.ready[-1]
+        del self._decoder.ready[-1]
+        return message
+
+    def __iter__(self) -> Iterator[Message | Signal]:
+        """Receives for ever."""
+        while True:
+            yield self.receive()
+
+    def drain(self, timeout: float | None = None) -> list[Message | Signal]:
+        """Hands over what has been read ahead, so that closing loses nothing.
+
+        Takes no more from the FIFO than the rest of a message that has been read in part,
+        so that the next reader begins at a message. Waits `timeout` seconds for that rest;
+        then TimeoutError, and nothing is lost.
+        """
+        deadline = _deadline(timeout)
+        self._decoder.decode()
+        while self._decoder.halfway():
+            if not self._read(0):
+                self._wait(select.POLLIN, deadline)
+        return self._take_ready()
+
+    def close(self) -> None:
+        """Closes the endpoint, with a `LossWarning` when that loses what has been read ahead."""
+        self._close()
+
+    def _await(self, timeout: float | None) -> None:
+        """Returns when something is ready."""
+        deadline = _deadline(timeout)
+        while not self._decoder.ready:
+            if not self._fill():
+                self._wait(select.POLLIN, deadline)
+
+
+class Push(_Blocking, Writer):
+    """Sends to an endpoint: `Push("ipc://NAME")`, best in a `with` statement.
+
+    A message of at most `PIPE_BUF` (4,096) bytes on the wire, headers included, is written
+    at once. A larger one goes in parts: whole and in order, but only for one writer. Where
+    several write to an endpoint, all their messages have to be small, or they get mixed and
+    the reader is out of step. What nobody has received when the last process closes the
+    endpoint is lost. One thread at a time uses it.
+
+    Raises ValueError for a bad name, OSError where the system refuses.
+    """
+
+    def send(self, *frames: Frame, timeout: float | None = None) -> None:
+        """Sends a message of these frames, and waits for room, `timeout` seconds at most.
+
+        Raises TimeoutError when there was no room; nothing of the message is sent then. When
+        it has begun by then, it returns: the rest, `pending` bytes, goes out before the next
+        message or with `flush`. A send that Ctrl-C ends has sent all or nothing, or the rest
+        follows in the same way. Raises ValueError for what no message can carry; see `encode`.
+        """
+        self._send(encode_frames(frames), timeout)
+
+    def signal(self, value: int, timeout: float | None = None) -> None:
+        """Sends a signal, 0 to 255, as `send` does a message."""
+        self._send(encode(Signal(value)), timeout)
+
+    def send_many(self, messages: Iterable[tuple[Frame, ...] | Signal]) -> None:
+        """Sends messages and signals in their order, several times as fast as one by one.
+
+        As many small ones as fit into `PIPE_BUF` bytes go out with one write, so that several
+        writers stay safe with it. An exception leaves some of them sent.
+        """
+        for data in encode_many(messages):
+            self._send(data, None)
+
+    def flush(self, timeout: float | None = None) -> None:
+        """Finishes a message that has begun. Raises TimeoutError; its rest is kept."""
+        deadline = _deadline(timeout)
+        while self.pending:
+            if not self._continue():
+                self._wait(select.POLLOUT, deadline)
+
+    def close(self) -> None:
+        """Closes the endpoint. Gives a message that has begun a second for its rest, and warns of its loss."""
+        try:
+            if self.pending and not self.closed:
+                self.flush(LAST_WAIT)
+        except TimeoutError:
+            pass
+        finally:
+            self._close()
+
+    def _send(self, data: bytes, timeout: float | None) -> None:
+        if len(data) <= PIPE_BUF and not self._written:
+            try:
+                os.write(self.fileno(), data)
+                return
+            except BlockingIOError:
+                pass
+        deadline = _deadline(timeout)
+        self.flush(timeout)
+        while not self._begin(data):
+            self._wait(select.POLLOUT, deadline)
+        with contextlib.suppress(TimeoutError):
+            self.flush(None if deadline is None else deadline - time.monotonic())

@@ -1,0 +1,153 @@
+"""The same for asyncio: `async with`, `async for`, and an `await` before each call that waits.
+
+    async with jactor.aio.Pull("ipc://sensors/temp") as pull:
+        async for message in pull:
+            print(message)
+
+Time limits are asyncio's: `asyncio.timeout`. A task that is cancelled in a receive loses
+nothing. Several tasks of one loop may use a `Pull` or `Push`; they take turns.
+"""
+
+import asyncio
+from collections.abc import Callable, Iterable
+from typing import Self
+
+from ._endpoint import READ_AHEAD, Endpoint, Reader, Writer
+from ._sock import LAST_WAIT
+from ._wire import Frame, Message, Signal, encode, encode_frames, encode_many
+
+__all__ = ["Pull", "Push"]
+
+
+class _Asynchronous(Endpoint):
+    """Waiting for the FIFO in a loop of asyncio, which knows the descriptor for the time of a wait."""
+
+    def __init__(self, endpoint: str) -> None:
+        self._turn = asyncio.Lock()
+        self._stop_waiting: Callable[[], None] | None = None
+        super().__init__(endpoint)
+
+    async def aclose(self) -> None:
+        """Closes the endpoint, with a `LossWarning` when that loses what has been read ahead."""
+        self._close()
+
+    async def __aenter__(self) -> Self:
+        return self
+
+    async def __aexit__(self, *_: object) -> None:
+        await self.aclose()
+
+    async def _wait(self, *, writing: bool = False) -> None:
+        """Returns when the FIFO is ready, or another task has closed it."""
+        loop, fd = asyncio.get_running_loop(), self.fileno()
+        ready = loop.create_future()
+
+        def stop() -> None:
+            self._stop_waiting = None
+            (loop.remove_writer if writing else loop.remove_reader)(fd)
+            if not ready.done():
+                ready.set_result(None)
+
+        (loop.add_writer if writing else loop.add_reader)(fd, stop)
+        self._stop_waiting = stop
+        try:
+            await ready
+        finally:
+            if self._stop_waiting is stop:
+                stop()
+
+    def _close(self) -> None:
+        if self._stop_waiting is not None and not self.closed:
+            self._stop_waiting()
+        super()._close()
+
+
+class Pull(_Asynchronous, Reader):
+    """Receives from an endpoint as `jactor.Pull` does, in `async with` and `async for`."""
+
+    async def receive(self) -> Message | Signal:
+        """Waits for the next message or signal. A cancelled one loses nothing, also inside a message.
+
+        Raises StreamError for bytes that are no message.
+        """
+        while not self._decoder.ready:
+            async with self._turn:
+                if not self._decoder.ready:
+                    if not self._fill():
+                        await self._wait()
+                    else:
+                        await asyncio.sleep(0)  # where messages never end, let others run
+        message = self._decoder.ready[-1]
+        del self._decoder.ready[-1]
+        return message
+
+    def __aiter__(self) -> Self:
+        return self
+
+    __anext__ = receive
+
+    async def drain(self) -> list[Message | Signal]:
+        """Hands over what has been read ahead, as `jactor.Pull.drain` does."""
+        async with self._turn:
+            self._decoder.decode()
+            while self._decoder.halfway():
+                if not self._read(0):
+                    await self._wait()
+            return self._take_ready()
+
+
+class Push(_Asynchronous, Writer):
+    """Sends to an endpoint as `jactor.Push` does, in `async with`."""
+
+    def __init__(self, endpoint: str) -> None:
+        self._until_pause = 4 * READ_AHEAD
+        super().__init__(endpoint)
+
+    async def send(self, *frames: Frame) -> None:
+        """Sends a message of these frames, and waits for room.
+
+        When it is cancelled, nothing of the message is sent, or it has begun: then its rest,
+        `pending` bytes, goes out before the next message, or with `flush`. Raises ValueError
+        for what no message can carry; see `jactor.encode`.
+        """
+        await self._send(encode_frames(frames))
+
+    async def signal(self, value: int) -> None:
+        """Sends a signal, 0 to 255, as `send` does a message."""
+        await self._send(encode(Signal(value)))
+
+    async def send_many(self, messages: Iterable[tuple[Frame, ...] | Signal]) -> None:
+        """Sends messages and signals as `jactor.Push.send_many` does."""
+        for data in encode_many(messages):
+            await self._send(data)
+
+    async def flush(self) -> None:
+        """Finishes a message that has begun."""
+        async with self._turn:
+            await self._finish()
+
+    async def aclose(self) -> None:
+        """Closes the endpoint. Gives a message that has begun a second for its rest, and warns of its loss."""
+        try:
+            if self.pending and not self.closed:
+                await asyncio.wait_for(self.flush(), LAST_WAIT)
+        except TimeoutError:
+            pass
+        finally:
+            self._close()
+
+    async def _send(self, data: bytes) -> None:
+        async with self._turn:
+            self._until_pause -= len(data)
+            if self._until_pause < 0:  # where there is always room, let others run
+                self._until_pause = 4 * READ_AHEAD
+                await asyncio.sleep(0)
+            await self._finish()
+            while not self._begin(data):
+                await self._wait(writing=True)
+            await self._finish()
+
+    async def _finish(self) -> None:
+        while self.pending:
+            if not self._continue():
+                await self._wait(writing=True)
