@@ -1,0 +1,106 @@
+"""Runs a program of examples/loops: every loop has to print the same.
+
+usage: loops_test.py COMMAND...
+
+The test writes bytes into the endpoint's FIFO itself, so that it can stop in the middle of a
+message. It waits for lines of the program, never for time to pass: where a loop misses a
+message or stands still, an alarm ends the test, and what it has started.
+"""
+
+import os
+import signal
+import subprocess
+import sys
+
+DIRECTORY = "/var/run/jactor"
+LIMIT_SECONDS = 50
+
+
+def message(*frames):
+    """A message on the wire: an announced sum, then each frame behind its size (below 16)."""
+    sizes = b"".join(bytes([len(frame)]) + frame for frame in frames)
+    return sizes if len(frames) == 1 else bytes([0x40 + sum(map(len, frames))]) + sizes
+
+
+class Program:
+    """One run, with a FIFO of its own that the test holds open."""
+
+    def __init__(self, command, name, before):
+        self.path = f"{DIRECTORY}/Jipc_loops-{os.getpid()}-{name}"
+        os.mkfifo(self.path)
+        self.fifo = os.open(self.path, os.O_RDWR | os.O_CLOEXEC)
+        self.write(before)
+        self.process = subprocess.Popen(
+            [*command, f"ipc://loops-{os.getpid()}-{name}"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            text=True, env={**os.environ, "JLOG_LEVEL": "0"})
+        self.ticks = 0
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *failure):
+        self.process.kill()
+        self.process.communicate()
+        os.close(self.fifo)
+        os.unlink(self.path)
+
+    def write(self, data):
+        os.write(self.fifo, data)
+
+    def expect(self, *lines):
+        """Reads these lines; ticks may come between them."""
+        for line in lines:
+            while (got := self.process.stdout.readline()) == "tick\n":
+                self.ticks += 1
+            if got != line + "\n":
+                raise AssertionError(f"wanted {line!r}, got {got!r}")
+
+    def expect_ticks(self, count):
+        for _ in range(count):
+            if (got := self.process.stdout.readline()) != "tick\n":
+                raise AssertionError(f"wanted a tick, got {got!r}")
+
+    def expect_end(self, status, error):
+        _, errors = self.process.communicate()
+        if self.process.returncode != status or error not in errors or bool(error) != bool(errors):
+            raise AssertionError(f"exit status {self.process.returncode}, standard error: {errors}")
+
+
+def takes_everything(command):
+    # The title is received before the loop starts, and what is behind it is read ahead.
+    read_ahead = message(b"pears") + message(b"one") + message(b"two", b"and half") + b"\x05th"
+    with Program(command, "all", read_ahead) as program:
+        program.expect("title: pears", "answer: one done", "answer: two and half done")
+        program.expect_ticks(3)
+        program.write(b"ree" + b"\x04")
+        program.expect("answer: three done")
+        program.expect_ticks(3)
+        program.write(b"four" + b"\x85")
+        program.expect("answer: four done", "answer:")  # a signal has no frames
+        # More than a pipe holds: the loop is given one piece after the other.
+        large = b"x" * 200000
+        header = b"\x30" + len(large).to_bytes(4, "big")
+        program.write(header + large + message(b"last"))
+        program.expect(f"answer: {large.decode()} done", "answer: last done")
+        program.process.send_signal(signal.SIGTERM)
+        program.expect("stopped")
+        program.expect_end(0, "")
+
+
+def ends_at_bytes_that_are_no_message(command):
+    with Program(command, "bad", message(b"title")) as program:
+        program.expect("title: title")
+        program.expect_ticks(1)
+        program.write(b"\x7f" * 5)
+        program.expect("stopped")
+        program.expect_end(1, "Bad message")
+
+
+def on_alarm(number, frame):
+    raise TimeoutError("the program does not go on")
+
+
+signal.signal(signal.SIGALRM, on_alarm)
+signal.alarm(LIMIT_SECONDS)
+takes_everything(sys.argv[1:])
+ends_at_bytes_that_are_no_message(sys.argv[1:])
