@@ -36,7 +36,8 @@ Outcome InputReader::Fill() {
   const int error = errno;
   ahead_.resize(before + (count > 0 ? static_cast<std::size_t>(count) : 0));
   if (count < 0 && error != EINTR && error != EAGAIN) {
-    throw Failure(kFailed, "cannot read " + name_ + ": " + std::strerror(error));
+    throw Failure(kFailed, "cannot read " + name_ + ": " +
+                               (error == EBADF ? "it is closed" : std::strerror(error)));
   }
   searched_ = before;
   ended_ = count == 0;

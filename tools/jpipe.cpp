@@ -75,6 +75,7 @@ int Run(int argc, char** argv) {
 }  // namespace jpipe
 
 int main(int argc, char** argv) {
+  jpipe::OccupyStandardDescriptors();
   try {
     return jpipe::Run(argc, argv);
   } catch (const jpipe::Failure& failure) {

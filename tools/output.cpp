@@ -1,6 +1,7 @@
 // output.cpp - writing to standard output.
 #include "output.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -12,6 +13,30 @@
 #include "report.h"
 
 namespace jpipe {
+namespace {
+
+[[noreturn]] void FailToWrite(int error) {
+  throw Failure(kFailed, std::string("cannot write to standard output: ") +
+                             (error == EBADF ? "it is closed" : std::strerror(error)));
+}
+
+}  // namespace
+
+void OccupyStandardDescriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (::fcntl(fd, F_GETFD) < 0) {
+      // The lowest free number is `fd`. It is opened for the wrong direction.
+      ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+  }
+}
+
+void RequireOutput() {
+  // No byte: a pipe, a terminal or a file takes that, a closed descriptor does not.
+  if (::write(STDOUT_FILENO, "", 0) < 0 && errno != EAGAIN && errno != EINTR) {
+    FailToWrite(errno);
+  }
+}
 
 Outcome WriteOut(std::string_view bytes, Patience& patience) {
   while (!bytes.empty()) {
@@ -27,8 +52,7 @@ Outcome WriteOut(std::string_view bytes, Patience& patience) {
     } else if (errno == EPIPE) {
       return Outcome::kOutputClosed;
     } else if (errno != EINTR && errno != EAGAIN) {
-      throw Failure(kFailed,
-                    std::string("cannot write to standard output: ") + std::strerror(errno));
+      FailToWrite(errno);
     }
   }
   return Outcome::kReady;

@@ -47,6 +47,7 @@ void StopRequests::Install() {
   }
   action.sa_handler = SIG_IGN;
   ::sigaction(SIGPIPE, &action, nullptr);
+  ::sigaction(SIGXFSZ, &action, nullptr);
 }
 
 int StopRequests::fd() { return stop_pipe[0]; }

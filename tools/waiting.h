@@ -23,7 +23,7 @@ enum class Outcome {
 // Requests to stop: SIGINT, SIGTERM and SIGHUP, made readable as a descriptor.
 class StopRequests {
  public:
-  // Catches the signals, and ignores SIGPIPE. Call once, before any thread.
+  // Catches the signals, and ignores those that a failed write sends. Call once, before any thread.
   static void Install();
 
   // Readable while a request waits to be taken.

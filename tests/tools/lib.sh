@@ -56,9 +56,10 @@ until_true() {
   done
 }
 
-# holds NAME PID - PID has the endpoint's FIFO open.
+# holds NAME PID - PID is no longer the shell, and has the endpoint's FIFO open.
 holds() {
   local fd
+  [ "/proc/$2/exe" -ef /proc/self/exe ] && return 1
   for fd in "/proc/$2/fd/"*; do
     [ "$fd" -ef "$(fifo "$1")" ] && return 0
   done

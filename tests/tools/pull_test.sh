@@ -54,11 +54,14 @@ is 'exit codes of pull and head' '0 0' "${PIPESTATUS[*]}"
 is 'what head saw' a "$(cat "$scratch/out")"
 is 'nothing to complain about' '' "$(cat "$scratch/err")"
 
-# A full disk is an error.
+# Nothing is taken when it cannot be written; what was taken is told when it is lost.
 printf '\x01a' >&9
 "$JPIPE" pull "$e" --count 1 2>"$scratch/err" >/dev/full
-is 'a full disk' 1 $?
-has 'it says so' 'jpipe: cannot write*' "$(cat "$scratch/err")"
+is 'a full device' 1 $?
+has 'it says so' 'jpipe: cannot write to standard output: No space*' "$(cat "$scratch/err")"
+(ulimit -f 0 && "$JPIPE" pull "$e" --count 1 >"$scratch/out") 2>&1 | cat >"$scratch/err"
+is 'a full disk' 1 "${PIPESTATUS[0]}"
+has 'what is lost' 'jpipe: cannot write*: 1 message that was taken is lost' "$(cat "$scratch/err")"
 
 # Who leaves bytes behind says so when they are lost by that.
 printf '\x01a\x01b' >&9

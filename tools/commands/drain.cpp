@@ -102,6 +102,7 @@ Tally DrainAll(int fd, const Formatter* formatter, Patience& patience) {
 }  // namespace
 
 int Drain(const Options& options) {
+  RequireOutput();
   const std::string& endpoint = options.operands[0];
   const Descriptor fifo = Open(endpoint);
   Patience patience(std::nullopt);

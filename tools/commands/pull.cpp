@@ -8,14 +8,23 @@
 #include "sock.h"
 
 namespace jpipe {
+namespace {
 
-int Pull(const Options& options) {
-  Patience patience(options.timeout);
-  EndpointSock sock(options.operands[0], Direction::kPull, patience);
-  if (options.count || options.timeout) {
-    sock.WillLeave();
+// Writes one message. Says so when it is lost, for whatever reason.
+Outcome Show(const std::string& shown, Patience& patience) {
+  try {
+    const Outcome outcome = WriteOut(shown, patience);
+    if (outcome != Outcome::kReady) {
+      Note("1 message that was taken could not be written to standard output and is lost");
+    }
+    return outcome;
+  } catch (const Failure& failure) {
+    throw Failure(failure.code(),
+                  std::string(failure.what()) + ": 1 message that was taken is lost");
   }
-  patience.WatchOutput(STDOUT_FILENO);
+}
+
+Outcome ShowAll(EndpointSock& sock, const Options& options, Patience& patience) {
   const Formatter formatter(options.format.value_or(Format::kText), options.frames.value_or("\t"),
                             ::isatty(STDOUT_FILENO) == 1);
   Progress progress(options.progress);
@@ -23,18 +32,34 @@ int Pull(const Options& options) {
   Outcome outcome = Outcome::kReady;
   while (outcome == Outcome::kReady && (!options.count || progress.messages() < *options.count)) {
     outcome = sock.Take(content);
-    if (outcome != Outcome::kReady) {
-      break;
+    if (outcome == Outcome::kReady) {
+      outcome = Show(formatter.Shown(content), patience);
     }
-    outcome = WriteOut(formatter.Shown(content), patience);
-    if (outcome != Outcome::kReady) {
-      Note("1 message that was taken could not be written to standard output and is lost");
-    } else {
+    if (outcome == Outcome::kReady) {
       progress.Add(content);
     }
   }
-  sock.SayWhatLeavingLoses();
-  return ExitFor(outcome, !options.count);
+  return outcome;
+}
+
+}  // namespace
+
+int Pull(const Options& options) {
+  RequireOutput();
+  Patience patience(options.timeout);
+  EndpointSock sock(options.operands[0], Direction::kPull, patience);
+  if (options.count || options.timeout) {
+    sock.WillLeave();
+  }
+  patience.WatchOutput(STDOUT_FILENO);
+  try {
+    const Outcome outcome = ShowAll(sock, options, patience);
+    sock.SayWhatLeavingLoses();
+    return ExitFor(outcome, !options.count);
+  } catch (const Failure&) {
+    sock.SayWhatLeavingLoses();
+    throw;
+  }
 }
 
 }  // namespace jpipe
