@@ -54,7 +54,7 @@ static void proceed(GMainLoop* loop) {
     }
     next = next == JOBS ? WORKER : JOBS;
   }
-  watch = g_unix_fd_add(j_sock_fd(source[next]), G_IO_IN | G_IO_HUP | G_IO_ERR, on_readable, loop);
+  watch = g_unix_fd_add(j_sock_fd(source[next]), G_IO_IN, on_readable, loop);
 }
 
 /* Also after a hang-up or an error: then the receive tells. */

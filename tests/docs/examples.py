@@ -5,7 +5,9 @@ usage: examples.py DOCUMENT CC CXX DIR
 DIR holds compile.rsp and link.rsp, the options of the build. In Markdown, fences
 marked "c" or "cpp" are code; in a manual page, every literal display is. Code
 with a main() is a program: it has to end with exit status 0 and print what
-stands in the next block, when the text before that block ends in "prints:".
+stands in the next block, when the text before that block ends in "prints:". Code
+below a link to a file, as in "From [libuv.c](../examples/loops/libuv.c):", is a part
+of that file, which has tests of its own, and is not compiled.
 Endpoint names are made unique while a program runs, and their FIFOs are removed.
 """
 
@@ -61,6 +63,15 @@ def mdoc_blocks(lines, language):
             before = line.strip()
 
 
+def difference_from_source(document, before, text):
+    """Whether `text` is a part of a file, and what is wrong with it then."""
+    link = re.search(r"\]\((\S+)\):$", before)
+    if link is None:
+        return False, None
+    with open(os.path.join(os.path.dirname(document), link.group(1)), encoding="utf-8") as file:
+        return True, None if "\n" + text in file.read() else f"is not a part of {link.group(1)}"
+
+
 def compile_code(compiler, language, directory, code, output, program):
     source = output + "." + language
     with open(source, "w", encoding="utf-8") as file:
@@ -97,6 +108,10 @@ def main():
                 printed = None
                 continue
             if language not in compilers:
+                continue
+            is_part, difference = difference_from_source(document, before, text)
+            if is_part:
+                failures += [f"{where}: {difference}"] if difference else []
                 continue
             if document == "README.md" and compiled == 0 and len(body) > README_LINES:
                 failures.append(f"{where}: {len(body)} lines, promised are {README_LINES}")
