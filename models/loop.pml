@@ -5,16 +5,21 @@
  * that it cuts messages. The pipe takes four.
  *
  * Claims
- *   1. With the documented loop (a tolerant poller, a handler that receives until
- *      j_sock_buffered is 0 and ends the loop when a receive gives null) every
- *      message is handled, the loop ends, and the creator's wait for it does.
+ *   1. With the documented loop (a handler that receives while j_sock_wait is 1 and
+ *      ends the loop when a receive gives null) every message is handled, the loop
+ *      ends, and the creator's wait for it does; with a tolerant poller and without.
  *   2. So it is also when the creator stops only after all were handled, and when the
- *      function has received before the loop began, as long as it then went on until
- *      j_sock_buffered was 0.
+ *      function has received before the loop began, as long as it then went on while
+ *      j_sock_wait was 1.
+ *   3. A handler that receives while j_sock_wait is 1 never waits for the rest of a
+ *      message.
+ *   4. Programs that receive until j_sock_buffered is 0 (LOOKS_AT_BUFFERED) have the
+ *      first two, with a tolerant poller.
  *
  * Left out: other pollers of the same loop, timers, failing reads.
  *
  * What stands for what
+ *   Wait        JCXXSock::WaitForMessage with a limit of 0
  *   Receive     JCXXMsg::ReadMessage, JCXXSock::ReadBlocking
  *   ReadByte    JCXXSock::ReadBlockingReadaheadBuffered: ServeFromBuffer, ReadAhead,
  *               ReadDirect, AvailableToRead
@@ -27,20 +32,28 @@
  *   holds
  *   holds    -DRECEIVES_BEFORE
  *   holds    -DSPLIT_WRITES
- *   refuted  -DINTOLERANT                           invalid end state
- *   refuted  -DRECEIVES_ONE                         invalid end state
+ *   holds    -DINTOLERANT
+ *   holds    -DLOOKS_AT_BUFFERED
+ *   holds    -DLOOKS_AT_BUFFERED -DRECEIVES_BEFORE
+ *   holds    -DLOOKS_AT_BUFFERED -DSPLIT_WRITES
+ *   refuted  -DLOOKS_AT_BUFFERED -DINTOLERANT       invalid end state
+ *   refuted  -DRECEIVES_ONE -DREAD_AHEAD=4          invalid end state
  *   refuted  -DRECEIVES_BEFORE -DLEAVES_READ_AHEAD -DMESSAGES=2  invalid end state
  *   refuted  -DGOES_ON_AFTER_NULL                   assertion violated
- *   refuted  -DHANG_UP_FIRST                        assertion violated
+ *   refuted  -DBELIEVES_POLL -DSPLIT_WRITES         assertion violated
+ *   refuted  -DLOOKS_AT_BUFFERED -DHANG_UP_FIRST    assertion violated
  *
- * HANG_UP_FIRST takes a hang-up for the end while bytes still wait. SPLIT_WRITES
- * writes a message in two parts, as a full pipe makes a large one go.
+ * BELIEVES_POLL takes a readable descriptor for a whole message. HANG_UP_FIRST takes a
+ * hang-up for the end while bytes still wait. SPLIT_WRITES writes a message in two
+ * parts, as a full pipe makes a large one go.
  */
 #ifndef MESSAGES
 #define MESSAGES 3
 #endif
 #define ROOM 4
+#ifndef READ_AHEAD
 #define READ_AHEAD 3
+#endif
 
 byte in_pipe = 0;
 bool writer_open = true;
@@ -65,6 +78,7 @@ inline ReadByte() {
           ok = true
         }
      :: avail <= 1 ->
+        assert(!ready || in_pipe > 0 || !writer_open); /* or it would wait */
         if
         :: atomic { in_pipe > 0 -> in_pipe--; ok = true }
         :: atomic { in_pipe == 0 && !writer_open -> ok = false }
@@ -81,11 +95,75 @@ inline Receive() {
   fi
 }
 
+/* Result: `ready`, when a whole message is in the buffer, or the stream has ended. */
+inline Wait() {
+  ready = false;
+  said_ready = false;
+  do
+  :: buffered >= 2 -> ready = true; break
+  :: else ->
+     avail = in_pipe; /* FIONREAD */
+     if
+     :: avail > 0 ->
+        said_ready = false;
+        d_step {
+          avail = (avail > READ_AHEAD - buffered -> READ_AHEAD - buffered : avail);
+          buffered = buffered + avail;
+          in_pipe = in_pipe - avail
+        }
+     :: avail == 0 && said_ready -> ready = true; break
+     :: avail == 0 && !said_ready ->
+        if
+        :: atomic { in_pipe == 0 && writer_open -> break }
+        :: atomic { in_pipe > 0 || !writer_open -> said_ready = true }
+        fi
+#ifdef BELIEVES_POLL
+        ; ready = true; break
+#endif
+     fi
+  od
+}
+
+/* Receives all that is there. Result: `ok`, unless the stream has ended. */
+inline ReceiveAll() {
+  ok = true;
+  do
+#ifdef LOOKS_AT_BUFFERED
+  :: buffered > 0 ->
+#else
+  :: Wait();
+     if
+     :: !ready -> break
+     :: else
+     fi;
+#endif
+     Receive();
+     ready = false;
+     if
+     :: ok -> handled++
+     :: else -> break
+     fi
+#ifdef LOOKS_AT_BUFFERED
+  :: else -> break
+#endif
+  od
+}
+
 /* What the loop calls. Ends with `canceled` when it returns -1. */
 inline Handler() {
   do
   :: assert(!ended);
+#ifdef LOOKS_AT_BUFFERED
      Receive();
+#else
+     Wait();
+     if
+     :: !ready -> break
+     :: else
+     fi;
+     Receive();
+     ready = false;
+#endif
      if
      :: !ok ->
         ended = true;
@@ -97,7 +175,8 @@ inline Handler() {
      fi;
 #ifdef RECEIVES_ONE
      break
-#else
+#endif
+#ifdef LOOKS_AT_BUFFERED
      if
      :: buffered == 0 -> break
      :: else
@@ -132,6 +211,8 @@ proctype Function() {
   byte avail = 0;
   byte errors = 0;
   bool ok = false;
+  bool ready = false;
+  bool said_ready = false;
   bool ended = false;
   bool canceled = false;
   bool watched = true;
@@ -142,12 +223,11 @@ proctype Function() {
   :: else -> goto done
   fi;
 #ifndef LEAVES_READ_AHEAD
-  do
-  :: buffered > 0 ->
-     Receive();
-     handled++
-  :: else -> break
-  od;
+  ReceiveAll();
+  if
+  :: !ok -> goto done
+  :: else
+  fi;
 #endif
 #endif
   Loop();
