@@ -61,7 +61,7 @@ constexpr Spec kSpecs[] = {
      [](Options& o, const std::string& v) { o.frames = Given("--frames", v); }},
     {"push", "--file", "FILE", "send the bytes of FILE (- for standard input) as one message",
      [](Options& o, const std::string& v) { o.file = Given("--file", v); }},
-    {"push signal", "--no-wait", nullptr, "leave even if that loses what was sent",
+    {"push signal", "--no-wait", nullptr, "wait for nobody to read, even if that loses messages",
      [](Options& o, const std::string&) { o.no_wait = true; }},
     {"pull push export import", "--progress", nullptr,
      "show messages, bytes and rate when on a terminal",

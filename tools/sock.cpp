@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "endpoint.h"
@@ -116,13 +117,30 @@ int EndpointSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t&
   return 0;
 }
 
+// Whether a message surely goes in whole. The kernel sees to it up to PIPE_BUF bytes.
+// Pages are not always full, but any two neighbours hold more than one page's bytes,
+// except where the reader has taken from the first.
+bool EndpointSock::HasRoomFor(std::size_t size) const {
+  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  const std::size_t used = Waiting() > 0 ? 2 * (Waiting() + page) : 0;
+  const int capacity = ::fcntl(fd_, F_GETPIPE_SZ);
+  return size <= PIPE_BUF || (capacity > 0 && used + size <= static_cast<std::size_t>(capacity));
+}
+
 int EndpointSock::WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& written) {
   written = 0;
   size_on_wire_ = len;
+  if (!waits_for_room_ && !HasRoomFor(len)) {
+    ended_ = Outcome::kFull;
+    return -1;
+  }
   while (moved_ < len) {
     const ssize_t count = ::write(fd_, buf + moved_, len - moved_);
     if (count > 0) {
       moved_ += static_cast<std::size_t>(count);
+    } else if (errno == EAGAIN && !waits_for_room_ && moved_ == 0) {
+      ended_ = Outcome::kFull;
+      return -1;
     } else if (!MayGoOn(POLLOUT, moved_ > 0 || sends_what_was_taken_)) {
       return -1;
     }

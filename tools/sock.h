@@ -42,6 +42,9 @@ class EndpointSock final : public JCXXSock {
   // the grace period even when no byte of it is written.
   void SendsWhatWasTaken() { sends_what_was_taken_ = true; }
 
+  // Has Put send a message whole and at once, or not at all: its result then is kFull.
+  void NeverWaitForRoom() { waits_for_room_ = false; }
+
   // Waits with another Patience from now on.
   void WaitWith(Patience& patience) { patience_ = &patience; }
 
@@ -77,6 +80,7 @@ class EndpointSock final : public JCXXSock {
   using Msg = std::unique_ptr<JCXXMsg, DestroyMsg>;
 
   void Begin();
+  bool HasRoomFor(std::size_t size) const;
   bool MayGoOn(short events, bool begun);
   Outcome Unfinished(Direction direction);
   void TakeApart(JCXXMsg* msg, Content& content);
@@ -86,6 +90,7 @@ class EndpointSock final : public JCXXSock {
   JCXXSock* opened_;
   int fd_;
   bool sends_what_was_taken_ = false;
+  bool waits_for_room_ = true;
   std::size_t moved_ = 0;            // bytes of the message under way
   std::size_t size_on_wire_ = 0;     // of the message being sent
   Outcome ended_ = Outcome::kReady;  // what ended the message under way

@@ -18,6 +18,7 @@ enum class Outcome {
   kStopped,       // SIGINT, SIGTERM or SIGHUP has come
   kTimedOut,      // the time limit is reached
   kOutputClosed,  // nobody reads standard output any more
+  kFull,          // there is no room, and none was to be waited for
 };
 
 // Requests to stop: SIGINT, SIGTERM and SIGHUP, made readable as a descriptor.

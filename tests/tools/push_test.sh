@@ -59,6 +59,30 @@ head -c 100000 /dev/zero | "$JPIPE" push "$e" --file - --timeout 1 2>"$scratch/e
 is 'a full FIFO' 124 $?
 has 'half a message' 'jpipe: only 65536 of the 100005 bytes*jpipe drain*' "$(cat "$scratch/err")"
 "$JPIPE" drain "$e" >/dev/null
+
+# --no-wait waits for no room either, and leaves no half message. BYTES that wait, the
+# exit code, what was sent before the endpoint was full, and the rest of the command.
+head -c 10000 /dev/zero >"$scratch/large"
+printf '%4000d\n' 1 2 >"$scratch/lines"
+while read -r waiting code sent words; do
+  head -c "$waiting" /dev/zero >&9
+  timeout 10 "$JPIPE" ${words/E/$e} --no-wait 2>"$scratch/err" <"$scratch/lines"
+  is "exit code of $words above $waiting bytes" "$code" $?
+  [ "$code" = 0 ] ||
+    has "what $words says" "jpipe: $e is full: a message of *not sent; sent before: $sent message*" "$(cat "$scratch/err")"
+  has "what $words leaves" "*: $((waiting + sent * 4002)) bytes thrown*" "$("$JPIPE" drain "$e")"
+done <<LINES
+65536 1 0 push E x
+65536 1 0 signal E 1
+65536 1 0 push E
+61440 1 1 push E
+57344 0 2 push E
+60000 1 0 push E --file $scratch/large
+LINES
+"$JPIPE" push "$e" --no-wait --file "$scratch/large"
+is 'a large message that fits' 0 $?
+"$JPIPE" pull "$e" --count 1 --format raw | cmp - "$scratch/large"
+is 'it arrives whole' '0 0' "${PIPESTATUS[*]}"
 exec 9>&-
 
 # Nobody else has the FIFO open: push stays, and says so, until its bytes are taken.

@@ -18,7 +18,11 @@ class Pusher {
       : options_(options),
         patience_(options.timeout),
         sock_(options.operands[0], Direction::kPush, patience_),
-        progress_(options.progress) {}
+        progress_(options.progress) {
+    if (options.no_wait) {
+      sock_.NeverWaitForRoom();
+    }
+  }
 
   Outcome Send(const Content& content) {
     if (content.frames.size() > 1 && content.frames.back().empty() && !warned_) {
@@ -29,7 +33,9 @@ class Pusher {
     if (outcome == Outcome::kReady) {
       progress_.Add(content);
     } else {
-      Note("stopped before a message was sent, after " + progress_.Counts());
+      Note((outcome == Outcome::kFull ? sock_.endpoint() + " is full" : "stopped") +
+           ": a message of " + Counted(content.Bytes(), "byte") +
+           ", and what follows it, was not sent; sent before: " + progress_.Counts());
     }
     return outcome;
   }
