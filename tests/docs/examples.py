@@ -3,8 +3,8 @@
 usage: examples.py DOCUMENT CC CXX DIR
 
 DIR holds compile.rsp and link.rsp, the options of the build. In Markdown, fences
-marked "c" or "cpp" are code; in a manual page, every literal display is. Code
-with a main() is a program: it has to end with exit status 0 and print what
+marked "c", "cpp" or "python" are code; in a manual page, every literal display is. Code
+with a main() and all Python is a program: it has to end with exit status 0 and print what
 stands in the next block, when the text before that block ends in "prints:". Code
 below a link to a file, as in "From [libuv.c](../examples/loops/libuv.c):", is a part
 of that file, which has tests of its own, and is not compiled.
@@ -82,8 +82,9 @@ def compile_code(compiler, language, directory, code, output, program):
     return done.stdout + done.stderr if done.returncode else None
 
 
-def run(path):
-    done = subprocess.run([path], capture_output=True, text=True, timeout=30, stdin=subprocess.DEVNULL)
+def run(*command):
+    done = subprocess.run(command, capture_output=True, text=True, timeout=30, stdin=subprocess.DEVNULL,
+                          env={**os.environ, "PYTHONPATH": "python"})
     return done.returncode, done.stdout, done.stderr
 
 
@@ -107,6 +108,12 @@ def main():
                     failures.append(f"{where}: the program printed\n{printed}")
                 printed = None
                 continue
+            code = re.sub(r'((?:ipc|inproc)://[^",]+)', rf"\g<1>{mark}", text)
+            if language == "python":
+                compiled += 1
+                status, printed, errors = run(sys.executable, "-W", "error", "-c", code)
+                if status != 0:
+                    failures.append(f"{where}: exit status {status}\n{errors}")
             if language not in compilers:
                 continue
             is_part, difference = difference_from_source(document, before, text)
@@ -115,7 +122,6 @@ def main():
                 continue
             if document == "README.md" and compiled == 0 and len(body) > README_LINES:
                 failures.append(f"{where}: {len(body)} lines, promised are {README_LINES}")
-            code = re.sub(r'((?:ipc|inproc)://[^",]+)', rf"\g<1>{mark}", text)
             program = re.search(r"^(int )?main\(", text, re.M) is not None
             output = f"{scratch}/example{number}"
             errors = compile_code(compilers[language], language, directory, code, output, program)
@@ -129,7 +135,7 @@ def main():
                     failures.append(f"{where}: exit status {status}\n{errors}")
     for fifo in glob.glob(f"/var/run/jactor/*{mark}"):
         os.unlink(fifo)
-    print(f"{document}: {compiled} examples compiled")
+    print(f"{document}: {compiled} examples compiled or run")
     print("\n".join(failures))
     return 1 if failures else 0
 

@@ -15,7 +15,7 @@ def anchors(path):
 
 def main():
     failures, checked = [], 0
-    for path in sorted(glob.glob("*.md") + glob.glob("docs/*.md")):
+    for path in sorted(glob.glob("*.md") + glob.glob("docs/*.md") + glob.glob("python/*.md")):
         with open(path, encoding="utf-8") as file:
             text = re.sub(r"^```.*?^```", "", file.read(), flags=re.M | re.S)
         for target in re.findall(r"\]\(([^)\s]+)\)", text):
