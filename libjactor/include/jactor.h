@@ -72,7 +72,7 @@ typedef int (*j_zloop_fn)(zloop_t* loop, j_sock_t* sock, void* arg);
 /*
  * Messages
  *
- *     JCXXMsg *msg = j_msg_new();
+ *     JCXXMsg* msg = j_msg_new();
  *     j_msg_addstr(msg, "temperature");
  *     j_msg_addmem(msg, &celsius, sizeof celsius);
  *     if (j_msg_send(&msg, sock) != 0)
@@ -144,9 +144,9 @@ JACTOR_API size_t j_frame_size(JCXXFrame* frame);
 /*
  * Actors
  *
- *     static void echo(j_sock_t *sock, void *args)
+ *     static void echo(j_sock_t* sock, void* args)
  *     {
- *         JCXXMsg *msg;
+ *         JCXXMsg* msg;
  *         (void)args;
  *         j_sock_signal(sock, 0);                  // ready
  *         while ((msg = j_msg_recv(sock)) != NULL) // null: asked to stop
@@ -154,7 +154,7 @@ JACTOR_API size_t j_frame_size(JCXXFrame* frame);
  *                 j_msg_destroy(&msg);
  *     }
  *     ...
- *     JCXXActor *actor = j_actor_new(echo, NULL);
+ *     JCXXActor* actor = j_actor_new(echo, NULL);
  *     ...
  *     j_actor_destroy(&actor);
  *
@@ -276,7 +276,7 @@ JACTOR_API int j_sock_wait(void* self, int milliseconds);
  * "@" (pull) or ">" (push) before it, is a FIFO in /var/run/jactor that every
  * thread and process of the machine can open.
  *
- *     JCXXSock *jobs = j_pipe_new_pull("@ipc://jobs");
+ *     JCXXSock* jobs = j_pipe_new_pull("@ipc://jobs");
  */
 
 /* Opens the reading end (pull) or the writing end (push) of an endpoint, making
