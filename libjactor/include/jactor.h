@@ -244,7 +244,8 @@ JACTOR_API void j_sock_destroy(JCXXSock** p);
  */
 
 /* Returns the read descriptor of a sock or an actor, for poll() and the like.
- * Result:    the descriptor; -1 when there is none or the handle is bad.
+ * Result:    the descriptor; -1 with errno EBADF when there is none, EINVAL when
+ *            the handle is bad.
  * Ownership: the sock's. Reading it, writing it or closing it directly breaks
  *            the stream. */
 JACTOR_API int j_sock_fd(void* self);
@@ -313,11 +314,12 @@ JACTOR_API JCXXSock* j_pipe_new_push(const char* endpoint);
  * time `sock`'s descriptor is readable.
  *
  * A receive may take more than one message off the descriptor: a handler must
- * receive again while j_sock_buffered is not 0, or what waits there stays
+ * receive while j_sock_wait(sock, 0) is 1, or what waits in the sock stays
  * unseen until more bytes arrive.
  *
- * Result:    0; non-zero when an argument is null, `sock` is not a live sock or
- *            has no read descriptor, or the loop refuses.
+ * Result:    0; non-zero with errno EINVAL when an argument is null or `sock` is
+ *            not a live sock, EBADF when it has no read descriptor, ENOMEM, also
+ *            when the loop refuses.
  * Ownership: `loop`, `sock` and `arg` stay the caller's. The sock must live
  *            until hybrid_zloop_reader_end. One loop watches a sock: ending a
  *            registration ends all of the sock's descriptor, in every loop. */

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
@@ -220,10 +221,12 @@ TEST(ExitStorm, NothingIsStartedOnceTheProcessEnds) {
     late.at_the_end = [] {
       const std::size_t before = Entries("/proc/self/task") + Entries("/proc/self/fd");
       errors_logged = 0;
-      if (j_actor_new(Echo, nullptr) != nullptr || errors_logged != 1) {
+      if (j_actor_new(Echo, nullptr) != nullptr || errno != ECANCELED || errors_logged != 1) {
         std::_Exit(1);
       }
-      if (j_pipe_new_pull("ipc://exit-storm") != nullptr || errors_logged != 2) {
+      errno = 0;
+      if (j_pipe_new_pull("ipc://exit-storm") != nullptr || errno != ECANCELED ||
+          errors_logged != 2) {
         std::_Exit(2);
       }
       if (Entries("/proc/self/task") + Entries("/proc/self/fd") != before) {

@@ -212,6 +212,26 @@ TEST_F(ErrnoTest, AnEndpointOrAnActorSaysWhatTheSystemRefused) {
   });
 }
 
+TEST_F(ErrnoTest, ASockWithoutADescriptorAndAMessageThatTakesNothing) {
+  JCXXSock plain;
+  JCXXMsg signal(7);
+  auto* loop = reinterpret_cast<zloop_t*>(this);  // not looked at
+  const auto handler = [](zloop_t*, j_sock_t*, void*) { return 0; };
+  Expect({
+      {"fd", EBADF, [&] { EXPECT_EQ(j_sock_fd(&plain), -1); }},
+      {"wait", EBADF, [&] { EXPECT_EQ(j_sock_wait(&plain, 0), -1); }},
+      {"loop", EBADF, [&] { EXPECT_EQ(hybrid_zloop_reader(loop, &plain, handler, nullptr), -1); }},
+      {"the loop's end", EBADF, [&] { hybrid_zloop_reader_end(loop, &plain); }},
+      {"send", EBADF, [&] { EXPECT_EQ(j_sock_signal(&plain, 1), -1); }},
+      {"a signal takes no frame", EINVAL, [&] { EXPECT_EQ(j_msg_addstr(&signal, "x"), -1); }},
+      {"no memory for a frame", ENOMEM,
+       [&] {
+         const Script script({Call::kNew}, {}, Fail(ENOMEM), true);
+         EXPECT_EQ(j_msg_addstr(&msg, "x"), -1);
+       }},
+  });
+}
+
 // The log is the program's, and may call the library.
 TEST_F(ErrnoTest, ACallInsideTheCallsKeepsTheReasonApart) {
   Script script(Call::kWritev, {{[&] { EXPECT_EQ(j_msg_recv(nullptr), nullptr); }, -1, EPIPE}});
