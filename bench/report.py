@@ -3,15 +3,14 @@
 import json
 import statistics
 import subprocess
-import sys
 
+import claims
 from rows import BYTES, RATE, TRIP
 
 NAMES = {"jactor": "jactor", "pipe": "the limit", "fifo": "the limit", "czmq": "CZMQ",
          "nng": "nng", "seqpacket": "SEQPACKET"}
 COLUMNS = [("jactor", ["jactor"]), ("the limit", ["pipe", "fifo"]), ("CZMQ", ["czmq"]),
            ("nng", ["nng"]), ("SEQPACKET", ["seqpacket"])]
-BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
 
 
 def figure(row, result, cpu_time=False):
@@ -196,18 +195,15 @@ def write_charts(folder, rows, results):
 
 
 def refresh_docs(docs, rows, results, measured):
-    """Writes the charts below `docs` and the tables into its page, between the marks."""
+    """Writes the charts below `docs`, the tables into its page, and README's sentences."""
     charts = docs / "performance"
     charts.mkdir(parents=True, exist_ok=True)
     titles = {name: title for name, title, *_ in CHARTS}
     images = [f"![{titles[name]}](performance/{name}.svg)"
               for name in write_charts(charts, rows, results)]
     page = docs / "performance.md"
-    content = page.read_text(encoding="utf-8")
-    if content.count(BEGIN) != 1 or content.count(END) != 1:
-        sys.exit(f"bench: {page}: the marks '{BEGIN}' and '{END}' must be there once each")
-    before, rest = content.split(BEGIN)
-    _, after = rest.split(END)
+    before, _, after = claims.marked(page)
     parts = [measured.rstrip(), *images]
-    page.write_text(before + BEGIN + "\n\n" + "\n\n".join(parts) + "\n\n" + END + after,
-                    encoding="utf-8")
+    page.write_text(before + claims.BEGIN + "\n\n" + "\n\n".join(parts) + "\n\n" + claims.END +
+                    after, encoding="utf-8")
+    claims.update(docs.parent)
