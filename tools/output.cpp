@@ -39,6 +39,9 @@ void RequireOutput() {
 }
 
 Outcome WriteOut(std::string_view bytes, Patience& patience) {
+  if (!bytes.empty()) {
+    GiveWay(bytes.back());
+  }
   while (!bytes.empty()) {
     if (const Outcome outcome = patience.Wait(STDOUT_FILENO, POLLOUT, true);
         outcome != Outcome::kReady) {

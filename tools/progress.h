@@ -3,14 +3,18 @@
 #define JPIPE_PROGRESS_H
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "content.h"
 
 namespace jpipe {
 
+// At most one at a time.
 class Progress {
  public:
+  using Clock = std::chrono::steady_clock;
+
   // The line is shown when `wanted` and standard error is a terminal.
   explicit Progress(bool wanted);
   Progress(const Progress&) = delete;
@@ -20,6 +24,11 @@ class Progress {
   // Counts one message, and brings the line up to date a few times a second.
   void Add(const Content& content);
 
+  // Brings the line up to date when nothing else has done so for a second. To be called
+  // at NextTick, if that is some time.
+  static void Tick();
+  static std::optional<Clock::time_point> NextTick();
+
   unsigned long long messages() const { return messages_; }
   unsigned long long bytes() const { return bytes_; }
 
@@ -27,14 +36,14 @@ class Progress {
   std::string Counts() const;
 
  private:
-  void Show(double seconds);
+  void Show(bool at_end);
 
   bool shown_;
   unsigned long long messages_ = 0;
   unsigned long long signals_ = 0;
   unsigned long long bytes_ = 0;
-  std::chrono::steady_clock::time_point start_;
-  std::chrono::steady_clock::time_point next_;
+  Clock::time_point start_;
+  Clock::time_point shown_at_;
 };
 
 }  // namespace jpipe

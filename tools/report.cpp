@@ -6,6 +6,8 @@
 #include "report.h"
 
 #include <jlog.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -34,7 +36,14 @@ std::string Formatted(const char* format, va_list arguments) {
   return {text.data(), text.size() - 1};
 }
 
-void WriteToStandardError(const std::string& line) {
+constexpr const char* kEraseLine = "\r\033[K";
+
+bool status_shown = false;
+bool output_in_line = false;  // standard output has begun a line on the terminal
+
+void WriteToStandardError(const std::string& text) {
+  const std::string line = (status_shown ? kEraseLine : "") + text;
+  status_shown = false;
   if (::write(STDERR_FILENO, line.data(), line.size()) < 0) {
     return;  // there is nobody left to tell
   }
@@ -55,6 +64,37 @@ std::string Counted(unsigned long long number, const char* noun) {
 }
 
 void Note(const std::string& text) { WriteToStandardError("jpipe: " + text + "\n"); }
+
+void ShowStatus(const std::string& line) {
+  pollfd terminal = {STDERR_FILENO, POLLOUT, 0};
+  if (output_in_line || ::poll(&terminal, 1, 0) != 1) {  // or it is stopped
+    return;
+  }
+  winsize size = {};
+  const bool known = ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+  const std::size_t columns = known ? size.ws_col - 1 : 79;
+  status_shown = false;
+  WriteToStandardError(kEraseLine + line.substr(0, columns));
+  status_shown = true;
+}
+
+void EndStatus(const std::string& line) {
+  if (output_in_line) {
+    WriteToStandardError("\n");
+    output_in_line = false;
+  }
+  ShowStatus(line);
+  status_shown = false;
+  WriteToStandardError("\n");
+}
+
+void GiveWay(char last) {
+  static const bool on_terminal = ::isatty(STDOUT_FILENO) == 1;
+  if (on_terminal && status_shown) {
+    WriteToStandardError("");
+  }
+  output_in_line = on_terminal && last != '\n';
+}
 
 std::string LibraryError() {
   const std::string& line = LastLine();

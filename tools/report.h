@@ -29,6 +29,17 @@ std::string Counted(unsigned long long number, const char* noun);
 // Writes "jpipe: TEXT" and a newline to standard error with one write.
 void Note(const std::string& text);
 
+// The status: a line at the bottom of the terminal on standard error, which gives way
+// to everything else. It is cut to the terminal's width.
+void ShowStatus(const std::string& line);
+
+// The same for the last time: the line stays.
+void EndStatus(const std::string& line);
+
+// Removes the line before something is written to a terminal on standard output, whose
+// last byte will be `last`: an unfinished line keeps the status away.
+void GiveWay(char last);
+
 // The reason in the last failure line that the library logged, without the
 // source position; empty when there is none since the last ForgetLibraryError.
 std::string LibraryError();

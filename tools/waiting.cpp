@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cmath>
 
+#include "progress.h"
+
 namespace jpipe {
 namespace {
 
@@ -72,15 +74,20 @@ bool Patience::IsOver(bool begun) const {
   return cause_ && (!begun || (grace_end_ && Clock::now() >= *grace_end_));
 }
 
-int Patience::Milliseconds(int slice) const {
-  const std::optional<Clock::time_point> limit = cause_ ? grace_end_ : deadline_;
-  if (!limit) {
-    return slice;
+// For how long to poll: until the first of all that is to happen; -1 when nothing is.
+int Patience::Milliseconds(std::optional<Clock::time_point> slice_end) const {
+  std::optional<Clock::time_point> first = cause_ ? grace_end_ : deadline_;
+  for (const auto& other : {slice_end, Progress::NextTick()}) {
+    if (other && (!first || *other < *first)) {
+      first = other;
+    }
   }
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*limit - Clock::now()).count();
+  if (!first) {
+    return -1;
+  }
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*first - Clock::now()).count();
   constexpr long long kHour = 3'600'000;
-  const int bounded = static_cast<int>(std::clamp<long long>(left, 0, kHour));
-  return slice < 0 ? bounded : std::min(slice, bounded);
+  return static_cast<int>(std::clamp<long long>(left, 0, kHour));
 }
 
 void Patience::Interrupt(Outcome cause) {
@@ -95,7 +102,12 @@ void Patience::Interrupt(Outcome cause) {
 }
 
 Outcome Patience::Wait(int fd, short events, bool begun, int slice) {
+  std::optional<Clock::time_point> slice_end;
+  if (slice >= 0) {
+    slice_end = Clock::now() + std::chrono::milliseconds(slice);
+  }
   for (;;) {
+    Progress::Tick();
     const bool late = deadline_ && Clock::now() >= *deadline_;
     if (late && !polling_ && !cause_) {
       Interrupt(Outcome::kTimedOut);
@@ -109,7 +121,7 @@ Outcome Patience::Wait(int fd, short events, bool begun, int slice) {
     }
     pollfd watched[3] = {
         {fd, events, 0}, {StopRequests::fd(), POLLIN, 0}, {cause_ ? -1 : output_, 0, 0}};
-    const int ready = ::poll(watched, 3, Milliseconds(slice));
+    const int ready = ::poll(watched, 3, Milliseconds(slice_end));
     if (watched[1].revents != 0) {
       StopRequests::Take();
       Interrupt(Outcome::kStopped);
@@ -119,7 +131,7 @@ Outcome Patience::Wait(int fd, short events, bool begun, int slice) {
       Interrupt(Outcome::kOutputClosed);
     } else if (ready == 0 && !cause_ && deadline_ && Clock::now() >= *deadline_) {
       Interrupt(Outcome::kTimedOut);
-    } else if (ready == 0 && slice >= 0) {
+    } else if (ready == 0 && slice_end && Clock::now() >= *slice_end) {
       return Outcome::kTick;
     }
   }

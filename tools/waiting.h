@@ -1,6 +1,6 @@
 // waiting.h - waiting that a signal, a time limit or a closed standard output can end.
 //
-// One thread: the one that runs the command.
+// One thread: the one that runs the command. The progress line goes on meanwhile.
 #ifndef JPIPE_WAITING_H
 #define JPIPE_WAITING_H
 
@@ -67,7 +67,7 @@ class Patience {
 
  private:
   bool IsOver(bool begun) const;
-  int Milliseconds(int slice) const;
+  int Milliseconds(std::optional<Clock::time_point> slice_end) const;
 
   std::optional<Clock::time_point> deadline_;
   bool polling_;  // a time limit of 0

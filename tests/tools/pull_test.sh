@@ -78,14 +78,4 @@ wait $pull
 is 'the messages that were taken' $'b\nc' "$(cat "$scratch/out")"
 has 'what is lost' "jpipe: 2 bytes that wait in $e are lost*" "$(cat "$scratch/err")"
 exec 9<>"$(fifo e)"
-
-# Progress is shown on a terminal only.
-printf '\x01c' >&9
-"$JPIPE" pull "$e" --count 1 --progress 2>"$scratch/err" >/dev/null
-is 'progress in a pipe' '' "$(cat "$scratch/err")"
-if command -v script >/dev/null; then
-  printf '\x01a' >&9
-  has 'progress on a terminal' '*1 message, 1 byte, *messages/s*' \
-    "$(script -qec "'$JPIPE' pull '$e' --count 1 --progress >/dev/null" /dev/null)"
-fi
 finish

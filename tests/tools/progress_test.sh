@@ -1,0 +1,51 @@
+#!/bin/bash
+# The progress line on a terminal.
+. "$(dirname "$0")/lib.sh"
+e=$(endpoint e)
+mkfifo "$(fifo e)"
+exec 9<>"$(fifo e)"
+terminal="$(dirname "$0")/terminal.py"
+
+# drawn FILE - what each drawing of the line shows
+drawn() { tr '\r' '\n' <"$1" | sed -n 's/^\x1b\[K\([0-9]\)/\1/p'; }
+# on_screen FILE - the lines that stay
+on_screen() { sed -E 's/\r$//; s/.*\r\x1b\[K//' "$1"; }
+
+# Nobody reads: it goes on all the same, and is never wider than the terminal.
+head -c 65536 /dev/zero >&9
+python3 "$terminal" 40 20 "$JPIPE" push "$e" x --progress --timeout 3.5 >"$scratch/out"
+is 'the exit code on a full endpoint' 124 $?
+for second in 1 2 3; do
+  has "tick $second" "*0 messages, 0 bytes*" "$(drawn "$scratch/out" | sed -n "$((second + 1))p")"
+done
+is 'the line fits before a resize' '' "$(drawn "$scratch/out" | grep -E '.{40}')"
+is 'the line fits after a resize' '' "$(drawn "$scratch/out" | tail -n +2 | grep -E '.{20}')"
+"$JPIPE" drain "$e" >/dev/null
+
+# Messages and notes on the same terminal stand on lines of their own.
+shown() { drawn "$scratch/out" | grep -q "^$1 message"; }
+python3 "$terminal" 80 "$JPIPE" pull "$e" --progress --count 3 9>&- >"$scratch/out" &
+pull=$!
+until_true shown 0
+printf '\x01a' >&9
+until_true shown 1
+printf '\x01b' >&9
+until_true shown 2
+printf '\x01c' >&9
+wait $pull
+is 'the messages' $'a\nb\nc' "$(on_screen "$scratch/out" | head -n 3)"
+has 'the last line' '3 messages, 3 bytes, *messages/s*' "$(on_screen "$scratch/out" | tail -n +4)"
+exec 9>&-
+python3 "$terminal" 80 "$JPIPE" push "$e" x --progress --timeout 2 >"$scratch/out"
+has 'a note' $'jpipe: 2 bytes wait in*\njpipe: 2 bytes *are lost*\n1 message, *' "$(on_screen "$scratch/out")"
+
+# A line of output that has not ended is left alone.
+exec 9<>"$(fifo e)"
+printf '\x01a\x01b' >&9
+python3 "$terminal" 80 "$JPIPE" pull "$e" --progress --format raw --timeout 1.5 >"$scratch/out"
+has 'raw bytes' $'ab\n2 messages, *' "$(on_screen "$scratch/out")"
+
+printf '\x01c' >&9
+"$JPIPE" pull "$e" --count 1 --progress 2>"$scratch/err" >/dev/null
+is 'no progress without a terminal' '' "$(cat "$scratch/err")"
+finish
