@@ -44,7 +44,7 @@ bool ReadHeader(JCXXSock* psock, unsigned char lead, wire::Header& header) {
 }
 
 JCXXFrame* ReadDataFrame(JCXXSock* psock, std::size_t size) {
-  auto frame = std::make_unique<JCXXFrame>();
+  auto frame = registry::New<JCXXFrame>();
   frame->data.resize(size);
   if (size > 0 && !ReadExactly(psock, frame->GetData(), size)) {
     return nullptr;
@@ -244,13 +244,13 @@ JCXXFrame* JCXXFrame::ReadFrameFromSock(JCXXSock* psock) {
     return nullptr;
   }
   if (kind == wire::Kind::kSignal) {
-    return new JCXXFrame(static_cast<unsigned char>(header.number));
+    return registry::New<JCXXFrame>(static_cast<unsigned char>(header.number)).release();
   }
   if (header.number > kMaxSize) {
     reason::Fail(EBADMSG);
     return nullptr;
   }
-  return kind == wire::Kind::kMsgHeader ? new JCXXFrame(header.number)
+  return kind == wire::Kind::kMsgHeader ? registry::New<JCXXFrame>(header.number).release()
                                         : ReadDataFrame(psock, header.number);
 }
 

@@ -120,7 +120,8 @@ const char* DamageBy(JCXXFrame& frame, JCXXMsg& msg, std::size_t expected) {
 }
 
 // Reads the data frames of a message that announced `expected` bytes.
-JCXXMsg* ReadDataFrames(JCXXSock* psock, std::unique_ptr<JCXXMsg> msg, std::size_t expected) {
+std::unique_ptr<JCXXMsg> ReadDataFrames(JCXXSock* psock, std::unique_ptr<JCXXMsg> msg,
+                                        std::size_t expected) {
   while (msg->GetSize() < expected) {
     JACTOR_TRACE_AS(kReadMessage, "reading a data frame");
     std::unique_ptr<JCXXFrame> frame(JCXXFrame::ReadFrameFromSock(psock));
@@ -137,7 +138,33 @@ JCXXMsg* ReadDataFrames(JCXXSock* psock, std::unique_ptr<JCXXMsg> msg, std::size
     frame.release();
   }
   JACTOR_TRACE_AS(kReadMessage, "no more data frames needed");
-  return msg.release();
+  return msg;
+}
+
+// Reads the first frame, and the others that it announces. Result: the message; null at
+// the end of the stream, and when the bytes are not a message.
+std::unique_ptr<JCXXMsg> ReadFrames(JCXXSock* psock) {
+  JACTOR_TRACE_AS(kReadMessage, "reading a frame");
+  std::unique_ptr<JCXXFrame> frame(JCXXFrame::ReadFrameFromSock(psock));
+  if (frame == nullptr) {
+    JACTOR_TRACE_AS(kReadMessage, "no frame available");
+    return nullptr;
+  }
+  if (frame->IsSignalFrame()) {
+    JACTOR_TRACE_AS(kReadMessage, "got a signal frame");
+    return registry::New<JCXXMsg>(frame.get());
+  }
+  if (frame->IsDataFrame()) {
+    JACTOR_TRACE_AS(kReadMessage, "got a data frame type");
+    auto msg = registry::New<JCXXMsg>(frame.get());
+    frame.release();
+    return msg;
+  }
+  JACTOR_TRACE_AS(kReadMessage, "got a message header frame");
+  const std::size_t expected = frame->GetSize();
+  auto msg = registry::New<JCXXMsg>(frame.get());
+  frame.reset();
+  return ReadDataFrames(psock, std::move(msg), expected);
 }
 
 }  // namespace
@@ -180,6 +207,7 @@ JCXXMsg& JCXXMsg::operator=(JCXXMsg const& other) {
 }
 
 JCXXMsg::~JCXXMsg() {
+  registry::LeaveTogether(this, frame_list);
   DeallocateList();
   registry::Api().JCXXMsgPtrRemove(this);
 }
@@ -272,27 +300,12 @@ int JCXXMsg::WriteMessage(JCXXSock* psock) {
 
 JCXXMsg* JCXXMsg::ReadMessage(JCXXSock* psock) {
   JACTOR_TRACE("ReadMessage");
-  JACTOR_TRACE("reading a frame");
-  std::unique_ptr<JCXXFrame> frame(JCXXFrame::ReadFrameFromSock(psock));
-  if (frame == nullptr) {
-    JACTOR_TRACE("no frame available");
-    return nullptr;
+  registry::MakingTogether together;
+  std::unique_ptr<JCXXMsg> msg = ReadFrames(psock);
+  if (msg != nullptr) {
+    together.Enter();
   }
-  if (frame->IsSignalFrame()) {
-    JACTOR_TRACE("got a signal frame");
-    return new JCXXMsg(frame.get());
-  }
-  if (frame->IsDataFrame()) {
-    JACTOR_TRACE("got a data frame type");
-    auto* msg = new JCXXMsg(frame.get());
-    frame.release();
-    return msg;
-  }
-  JACTOR_TRACE("got a message header frame");
-  const std::size_t expected = frame->GetSize();
-  auto msg = std::make_unique<JCXXMsg>(frame.get());
-  frame.reset();
-  return ReadDataFrames(psock, std::move(msg), expected);
+  return msg.release();
 }
 
 int JCXXMsg::WriteSignalMessage(JCXXSock* psock, unsigned char value) {

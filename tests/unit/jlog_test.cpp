@@ -154,6 +154,21 @@ TEST_F(JlogTest, ASinkCallsLibjactorWhileLibjactorLogs) {
       },
       nullptr);
   j_actor_destroy(&actor);
+  const auto [a, b] = SockFromPipes::MakeSockPairFromPipes();
+  const std::unique_ptr<JCXXSock> ends[] = {std::unique_ptr<JCXXSock>(a),
+                                            std::unique_ptr<JCXXSock>(b)};
+  msg = j_msg_new();
+  for (int i = 0; i < 100; ++i) {
+    j_msg_addstr(msg, "frame");
+  }
+  EXPECT_EQ(j_msg_send(&msg, a), 0);
+  msg = j_msg_recv(b);  // logs while what it makes has not entered the registry
+  for (int i = 0; i < 100; ++i) {
+    JCXXFrame* frame = j_msg_pop(msg);
+    EXPECT_EQ(j_frame_size(frame), 5U);
+    j_frame_destroy(&frame);
+  }
+  j_msg_destroy(&msg);
   jlog_set_sink(nullptr, nullptr);
   EXPECT_GT(lines, 10);
 }

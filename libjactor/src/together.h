@@ -1,0 +1,108 @@
+// together.h - objects that enter the registry together, or leave it together, with its
+// mutex taken once: what one receive makes, and a message with its frames.
+//
+// Nobody but their maker knows objects that have not entered yet, and their maker asks
+// for none of them. What leaves together is taken out of the sets before the first of it
+// is freed.
+#ifndef JACTOR_TOGETHER_H
+#define JACTOR_TOGETHER_H
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <type_traits>
+#include <utility>
+
+#include "jcxxactorapi.h"
+
+namespace registry {
+
+// Objects of one family that are made and have not entered, oldest first.
+template <class Object>
+class Unentered {
+ public:
+  bool empty() const { return first_ == end_; }
+  bool full() const { return end_ == std::ptrdiff_t{kRoom}; }
+  void Add(Object* p) { objects_[end_++] = p; }
+
+  // Drops `p`, which its maker has no use for; false when it is not among them. They
+  // mostly go in the order in which they came, or the last one first.
+  bool Drop(const Object* p) {
+    const auto begin = objects_.begin() + first_;
+    const auto end = objects_.begin() + end_;
+    const auto found = !empty() && *(end - 1) == p ? end - 1 : std::find(begin, end, p);
+    if (found == end) {
+      return false;
+    }
+    if (found == begin) {
+      ++first_;
+    } else {
+      std::move(found + 1, end, found);
+      --end_;
+    }
+    return true;
+  }
+
+  // Calls `enter` with each of them. When that throws, it and those after it stay.
+  template <class EnterOne>
+  void EnterEach(EnterOne enter) {
+    for (; !empty(); ++first_) {
+      enter(objects_[first_]);
+    }
+    first_ = end_ = 0;
+  }
+
+ private:
+  static constexpr std::size_t kRoom = 64;
+
+  std::array<Object*, kRoom> objects_;
+  std::ptrdiff_t first_ = 0;
+  std::ptrdiff_t end_ = 0;
+};
+
+// What one call makes, until it enters.
+struct Making {
+  Unentered<JCXXFrame> frames;
+  Unentered<JCXXMsg> msgs;
+  bool constructing = false;  // false between its objects: a line of the log may make others
+
+  template <class Object>
+  Unentered<Object>& Of() {
+    if constexpr (std::is_same_v<Object, JCXXFrame>) {
+      return frames;
+    } else {
+      return msgs;
+    }
+  }
+
+  class Constructing {
+   public:
+    explicit Constructing(Making* making) : making_(making) { Set(true); }
+    Constructing(Constructing const&) = delete;
+    Constructing& operator=(Constructing const&) = delete;
+    ~Constructing() { Set(false); }
+
+   private:
+    void Set(bool constructing) {
+      if (making_ != nullptr) {
+        making_->constructing = constructing;
+      }
+    }
+
+    Making* making_;
+  };
+};
+
+// What has left the registry and is destroyed next: so many frames, and the message.
+struct Departed {
+  std::size_t frames = 0;
+  const JCXXMsg* msg = nullptr;
+
+  // Whether the object, which is being destroyed, is one of them.
+  bool Meet(const JCXXFrame* /*frame*/) { return frames != 0 && frames-- != 0; }
+  bool Meet(const JCXXMsg* p) { return msg == p && std::exchange(msg, nullptr) != nullptr; }
+};
+
+}  // namespace registry
+
+#endif
