@@ -1,0 +1,84 @@
+// asio.cpp - an endpoint and a worker actor in an asio loop, with a timer, until SIGTERM
+//
+// Prints the first message of the endpoint (argv[1]), then has the worker do one message at a
+// time and prints the answers.
+#include <asio.hpp>
+#include <chrono>
+#include <csignal>
+#include <iostream>
+#include <jactor_asio.hpp>
+
+using jactor::Message;
+using jactor::SockRef;
+
+namespace {
+
+// The actor: adds a frame to each message, and sends a signal back as it is.
+void work(SockRef sock) {
+  sock.ready();
+  while (auto message = sock.receive()) {
+    if (!message->signal()) {
+      message->add("done");
+    }
+    sock.send(std::move(*message));
+  }
+}
+
+void print(const char* what, Message message) {
+  std::cout << what << ':';
+  for (jactor::Frame& frame : message.frames()) {
+    std::cout << ' ' << frame.text();
+  }
+  std::cout << std::endl;
+}
+
+// What was read ahead is received like everything else, and half a message holds up nothing.
+asio::awaitable<void> serve(SockRef jobs, SockRef worker) {
+  while (auto job = co_await jactor::async_receive(jobs, asio::use_awaitable)) {
+    co_await jactor::async_send(worker, std::move(*job), asio::use_awaitable);
+    auto answer = co_await jactor::async_receive(worker, asio::use_awaitable);
+    print("answer", std::move(answer.value()));
+  }
+}
+
+asio::awaitable<void> tick() {
+  asio::steady_timer timer(co_await asio::this_coro::executor);
+  for (;;) {
+    timer.expires_after(std::chrono::milliseconds(10));
+    co_await timer.async_wait(asio::use_awaitable);
+    std::cout << "tick" << std::endl;
+  }
+}
+
+// An exception of a coroutine leaves the loop.
+void pass_on(std::exception_ptr thrown) {
+  if (thrown) {
+    std::rethrow_exception(thrown);
+  }
+}
+
+void run(const char* endpoint) {
+  auto jobs = jactor::Sock::pull(endpoint);
+  jactor::Actor worker(work);
+  print("title", jobs.receive().value());  // what else waits, up to 16 KiB, is read ahead
+  asio::io_context loop;
+  asio::signal_set sigterm(loop, SIGTERM);
+  sigterm.async_wait([&](asio::error_code, int) { loop.stop(); });
+  asio::co_spawn(loop, serve(jobs, worker.sock()), pass_on);
+  asio::co_spawn(loop, tick(), pass_on);
+  loop.run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int status = EXIT_SUCCESS;
+  try {
+    run(argc == 2 ? argv[1] : "");
+  } catch (const std::exception& failure) {  // bytes that are no message, for one
+    std::cerr << "asio: " << failure.what() << '\n';
+    status = EXIT_FAILURE;
+  }
+  std::cout << "stopped" << std::endl;
+  return status;
+}

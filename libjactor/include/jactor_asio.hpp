@@ -1,0 +1,309 @@
+// jactor_asio.hpp - receiving and sending the messages of jactor.hpp in asio programs
+//
+//     asio::awaitable<void> serve(jactor::SockRef jobs, jactor::SockRef worker) {
+//       while (auto job = co_await jactor::async_receive(jobs, asio::use_awaitable)) {
+//         co_await jactor::async_send(worker, std::move(*job), asio::use_awaitable);
+//       }
+//     }
+//
+// For standalone asio; where JACTOR_BOOST_ASIO is defined before, for Boost.Asio. C++17, and
+// C++20 for coroutines. Cancelling one operation takes asio 1.19 or Boost 1.77; older ones
+// ignore that.
+#ifndef JACTOR_ASIO_HPP
+#define JACTOR_ASIO_HPP
+
+#include <fcntl.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#ifdef JACTOR_BOOST_ASIO
+#include <boost/asio.hpp>
+#define JACTOR_ASIO_VERSION BOOST_ASIO_VERSION
+#else
+#include <asio.hpp>
+#define JACTOR_ASIO_VERSION ASIO_VERSION
+#endif
+
+#include "jactor.hpp"
+#include "jcxxsock.h"
+
+namespace jactor {
+
+#ifdef JACTOR_BOOST_ASIO
+namespace asio = boost::asio;
+using asio_error = boost::system::error_code;
+#else
+namespace asio = ::asio;
+using asio_error = ::asio::error_code;
+#endif
+
+namespace detail {
+
+inline asio_error error_from(int reason) { return {reason, asio::error::get_system_category()}; }
+
+// What both operations are made of. `Self` is asio's part of one: it owns the operation, and
+// has the handler with its executor and its cancellation.
+class AsioOperation {
+ protected:
+  // True once, in the call that starts the operation. The handler is never called from there:
+  // what is finished at once is posted.
+  template <class Self>
+  bool starts(Self& self) {
+    static_assert(
+        !std::is_same_v<std::decay_t<decltype(self.get_executor())>, asio::system_executor>,
+        "this completion token has no executor: use asio::bind_executor(loop, token)");
+    if (started_) {
+      return false;
+    }
+#if JACTOR_ASIO_VERSION >= 101900
+    self.reset_cancellation_state(asio::enable_total_cancellation());
+#endif
+    return started_ = true;
+  }
+
+  template <class Self>
+  static bool cancelled([[maybe_unused]] Self& self) {
+#if JACTOR_ASIO_VERSION >= 101900
+    return self.get_cancellation_state().cancelled() != asio::cancellation_type::none;
+#else
+    return false;
+#endif
+  }
+
+  // Continues when the descriptor is ready, or when the operation is cancelled. Result: why
+  // it cannot be watched; otherwise none, and `self` has been moved away.
+  template <class Self>
+  asio_error wait(Self& self, int fd, asio::posix::descriptor_base::wait_type event) {
+    if (watched_ == nullptr) {
+      watched_.reset(new asio::posix::stream_descriptor(self.get_executor()));
+      asio_error failure;
+      watched_->assign(fd, failure);
+      if (failure) {
+        return failure;
+      }
+    }
+    asio::posix::stream_descriptor& watched = *watched_;
+    watched.async_wait(event, std::move(self));
+    return {};
+  }
+
+ private:
+  // asio is lent the sock's own descriptor, and must not close it. (A duplicate would keep
+  // the pipe open when the sock or the actor is destroyed.)
+  struct Release {
+    void operator()(asio::posix::stream_descriptor* watched) const {
+      if (watched->is_open()) {
+        watched->release();
+      }
+      delete watched;
+    }
+  };
+
+  bool started_ = false;
+  std::unique_ptr<asio::posix::stream_descriptor, Release> watched_;
+};
+
+class ReceiveOperation : AsioOperation {
+ public:
+  explicit ReceiveOperation(SockRef sock) : sock_(sock) {}
+
+  template <class Self>
+  void operator()(Self& self, asio_error = {}) {
+    const bool starting = starts(self);
+    // Asked right before the receive, so that a message is not taken for nobody.
+    if (!starting && cancelled(self)) {
+      self.complete(asio::error::operation_aborted, std::nullopt);
+    } else if (!is_ready()) {
+      const int fd = j_sock_fd(sock_.get());
+      if (const asio_error failure = wait(self, fd, asio::posix::descriptor_base::wait_read)) {
+        failure_ = failure;
+        asio::post(std::move(self));
+      }
+    } else if (starting) {
+      asio::post(std::move(self));
+    } else {
+      complete(self);
+    }
+  }
+
+ private:
+  // Whether there is a message, which may have been read ahead, an end, or a failure.
+  bool is_ready() {
+    const int ready = failure_ ? 0 : j_sock_wait(sock_.get(), 0);
+    if (ready < 0 && errno != EINTR) {
+      failure_ = error_from(errno);
+    }
+    return ready > 0 || failure_;
+  }
+
+  template <class Self>
+  void complete(Self& self) {
+    std::optional<Message> message;
+    if (!failure_) {
+      if (JCXXMsg* msg = j_msg_recv(sock_.get()); msg != nullptr) {
+        message.emplace(msg);
+      } else if (errno != 0) {
+        failure_ = error_from(errno);
+      }
+    }
+    self.complete(failure_, std::move(message));
+  }
+
+  SockRef sock_;
+  asio_error failure_;
+};
+
+// A sock that keeps what is sent to it.
+class WireBytes final : public JCXXSock {
+ public:
+  int WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& written) override {
+    bytes.insert(bytes.end(), buf, buf + len);
+    written = len;
+    return 0;
+  }
+  int WriteBlockingIOV(const iovec* iov, int count, std::size_t& written) override {
+    written = 0;
+    for (int i = 0; i < count; ++i) {
+      const auto* start = static_cast<const unsigned char*>(iov[i].iov_base);
+      bytes.insert(bytes.end(), start, start + iov[i].iov_len);
+      written += iov[i].iov_len;
+    }
+    return 0;
+  }
+
+  std::vector<unsigned char> bytes;
+};
+
+// Writes what the pipe has room for, without waiting in the write. The descriptor is
+// non-blocking only while the operation lasts, as a send in between would fail.
+class SendOperation : AsioOperation {
+ public:
+  SendOperation(SockRef sock, Message&& message) : sock_(sock), message_(std::move(message)) {}
+
+  template <class Self>
+  void operator()(Self& self, asio_error = {}) {
+    const bool starting = starts(self);
+    if (starting) {
+      begin();
+    } else if (!done_ && sent_ == 0 && cancelled(self)) {
+      finish(asio::error::operation_aborted);
+    }
+    if (!done_) {
+      write();
+    }
+    if (!done_) {
+      if (const asio_error failure = wait(self, fd_, asio::posix::descriptor_base::wait_write)) {
+        finish(failure);
+        asio::post(std::move(self));
+      }
+    } else if (starting) {
+      asio::post(std::move(self));
+    } else {
+      self.complete(result_);
+    }
+  }
+
+ private:
+  void begin() {
+    WireBytes wire;
+    JCXXMsg* msg = message_.release();
+    if (j_msg_send(&msg, &wire) != 0) {
+      message_ = Message(msg);
+      return finish(error_from(errno));
+    }
+    bytes_ = std::move(wire.bytes);
+    if (j_sock_fd(sock_.get()) < 0 && errno == EINVAL) {
+      return finish(error_from(EINVAL));
+    }
+    if (sock_.get()->GetWriteFD(fd_) != 0) {
+      return finish(error_from(EBADF));
+    }
+    flags_ = ::fcntl(fd_, F_GETFL);
+    if (flags_ < 0 || ::fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK) < 0) {
+      finish(error_from(errno));
+    }
+  }
+
+  void write() {
+    while (sent_ < bytes_.size()) {
+      const ssize_t count = ::write(fd_, bytes_.data() + sent_, bytes_.size() - sent_);
+      if (count >= 0) {
+        sent_ += static_cast<std::size_t>(count);
+      } else if (errno == EAGAIN) {
+        return;
+      } else if (errno != EINTR) {
+        return finish(error_from(sent_ == 0 ? errno : EIO));
+      }
+    }
+    finish({});
+  }
+
+  void finish(asio_error result) {
+    result_ = result;
+    done_ = true;
+    if (flags_ >= 0) {
+      ::fcntl(fd_, F_SETFL, flags_);
+    }
+  }
+
+  SockRef sock_;
+  Message message_;
+  std::vector<unsigned char> bytes_;  // the message as it travels
+  std::size_t sent_ = 0;
+  int fd_ = -1;
+  int flags_ = -1;
+  bool done_ = false;
+  asio_error result_;
+};
+
+}  // namespace detail
+
+// Receives the next message or signal, without holding up the loop.
+//
+// The token's signature is void(error_code, std::optional<Message>): nothing, and no error, at
+// the end of the stream; an error for what Stream::receive() throws, with the same errno, and
+// asio::error::operation_aborted after a cancellation, of whatever type. Nothing is lost then:
+// a whole message, or a part of one, stays in the sock for the next receive.
+//
+// The handler runs on the token's executor, never before this call has returned. A token
+// without one, such as a lambda, is given one: asio::bind_executor(loop, token). That
+// executor's loop watches the descriptor, which is non-blocking from then on; the sock's other
+// receives go on as before.
+//
+// One receive at a time on a sock. It does not see that an actor's callable has ended.
+template <class Token>
+auto async_receive(SockRef sock, Token&& token) {
+  return asio::async_compose<Token, void(asio_error, std::optional<Message>)>(
+      detail::ReceiveOperation(sock), token);
+}
+
+// Sends the message, without holding up the loop: what the pipe has no room for is written as
+// the reader makes room.
+//
+// The token's signature is void(error_code). The error is what Stream::send() throws, or
+// asio::error::operation_aborted after a cancellation that came before the first byte was
+// written. Then nothing has been sent, and the message is destroyed. A cancellation that comes
+// later has no effect, as half a message would make the stream useless: a message of up to
+// PIPE_BUF bytes on the wire is written whole. A loop that is destroyed does cut it.
+//
+// Until the handler is called nothing else is sent on the sock, in whatever way. Where the
+// reader has gone, SIGPIPE is raised as in a send. Executors are as for async_receive.
+template <class Token>
+auto async_send(SockRef sock, Message message, Token&& token) {
+  return asio::async_compose<Token, void(asio_error)>(
+      detail::SendOperation(sock, std::move(message)), token);
+}
+
+}  // namespace jactor
+
+#undef JACTOR_ASIO_VERSION
+
+#endif
