@@ -11,6 +11,7 @@ int Push(const Options& options);
 int Signal(const Options& options);
 int List(const Options& options);
 int Drain(const Options& options);
+int Remove(const Options& options);
 int Decode(const Options& options);
 int Export(const Options& options);
 int Import(const Options& options);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "report.h"
 
@@ -28,7 +29,7 @@ std::string FifoPath(const std::string& endpoint) {
   const std::size_t at = name.find("://");
   const std::string transport = name.substr(0, at);
   if (at == std::string::npos || at + 3 == name.size()) {
-    throw Failure(kUsage, "\"" + endpoint + "\" is no endpoint: " + kNameHelp);
+    throw Failure(kUsage, "\"" + endpoint + "\" is not an endpoint: " + kNameHelp);
   }
   if (transport != "ipc" && transport != "inproc") {
     throw Failure(kUsage, "\"" + endpoint + "\" is neither ipc:// nor inproc://: " + kNameHelp);
@@ -57,6 +58,18 @@ Descriptor OpenToLook(const std::string& fifo) {
     errno = EINVAL;
   }
   return fd;
+}
+
+std::string WhyNoLook(const std::string& fifo) {
+  switch (errno) {
+    case ENOENT:
+      return "nobody has ever opened it (there is no " + fifo + "): jpipe list shows the endpoints";
+    case EINVAL:
+    case ELOOP:
+      return fifo + " is not a FIFO: remove it by hand";
+    default:
+      return fifo + ": " + std::strerror(errno);
+  }
 }
 
 std::size_t BytesWaiting(int fd) {

@@ -24,6 +24,9 @@ std::string EndpointOfFifo(const std::string& file_name);
 // there is none; EINVAL when it is not a FIFO.
 Descriptor OpenToLook(const std::string& fifo);
 
+// What to say when OpenToLook has just failed.
+std::string WhyNoLook(const std::string& fifo);
+
 // The bytes that wait in the FIFO.
 std::size_t BytesWaiting(int fd);
 

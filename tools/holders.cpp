@@ -13,6 +13,10 @@
 #include <memory>
 #include <sstream>
 
+#include "descriptor.h"
+#include "formats.h"
+#include "report.h"
+
 namespace jpipe {
 namespace {
 
@@ -91,6 +95,15 @@ double Age(pid_t pid) {
 
 }  // namespace
 
+std::string Shown(const std::vector<Holder>& holders) {
+  std::string shown;
+  for (const Holder& holder : holders) {
+    shown +=
+        Text("%s%d(%s)", shown.empty() ? "" : " ", holder.pid, Harmless(holder.program).c_str());
+  }
+  return shown;
+}
+
 Holders FindHolders() {
   Holders found;
   const Directory processes(::opendir("/proc"));
@@ -117,6 +130,12 @@ bool IsHeldElsewhere(int fd, double seconds) {
   return std::any_of(holders.begin(), holders.end(), [=](const Holder& holder) {
     return seconds <= 0 || Age(holder.pid) >= seconds;
   });
+}
+
+bool HasWriters(int fd) {
+  const Pipe copy;
+  // 0: the end of the stream, since nobody can write.
+  return ::tee(fd, copy.write_end.get(), 1, SPLICE_F_NONBLOCK) != 0;
 }
 
 }  // namespace jpipe

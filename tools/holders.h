@@ -23,6 +23,9 @@ struct Holders {
   bool complete = true;  // false: some processes could not be looked into
 };
 
+// "12(cat) 34(pull)", harmless on a terminal.
+std::string Shown(const std::vector<Holder>& holders);
+
 // Finds the other processes that have FIFOs open, as far as /proc tells. Who only
 // has a look (OpenToLook) does not count.
 Holders FindHolders();
@@ -30,6 +33,10 @@ Holders FindHolders();
 // Whether another process, running for at least `seconds`, is known to have the FIFO
 // `fd` open.
 bool IsHeldElsewhere(int fd, double seconds = 0);
+
+// Whether somebody has the FIFO open for writing, as every user of the library has.
+// `fd` is a look into it. Takes nothing.
+bool HasWriters(int fd);
 
 }  // namespace jpipe
 

@@ -21,6 +21,7 @@ constexpr Command kCommands[] = {
     {"list", "", "show the endpoints and who has them open", "jpipe list", List},
     {"drain", "ENDPOINT", "throw away what lies in an endpoint", "jpipe drain -f hex ipc://jobs",
      Drain},
+    {"remove", "ENDPOINT", "take an endpoint's FIFO away", "jpipe remove ipc://jobs", Remove},
     {"decode", "[FILE]", "explain captured bytes, offset by offset", "jpipe decode capture.bin",
      Decode},
     {"export", "ENDPOINT tcp://HOST:PORT", "carry an endpoint to another machine",

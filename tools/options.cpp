@@ -63,6 +63,8 @@ constexpr Spec kSpecs[] = {
      [](Options& o, const std::string& v) { o.file = Given("--file", v); }},
     {"push signal", "--no-wait", nullptr, "wait for nobody to read, even if that loses messages",
      [](Options& o, const std::string&) { o.no_wait = true; }},
+    {"remove", "--force", nullptr, "even while somebody has it open",
+     [](Options& o, const std::string&) { o.force = true; }},
     {"pull push export import", "--progress", nullptr,
      "show messages, bytes and rate when on a terminal",
      [](Options& o, const std::string&) { o.progress = true; }},

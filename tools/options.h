@@ -23,6 +23,7 @@ struct Options {
   std::optional<std::string> file;
   bool progress = false;
   bool no_wait = false;
+  bool force = false;
 
   Link link = Link::kDefault;
   int high_water = 1000;         // messages

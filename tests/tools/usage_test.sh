@@ -10,7 +10,7 @@ for words in --help -h 'pull --help' 'export -h' --version; do
   is "standard error of $words" '' "$(cat "$scratch/err")"
   has "standard output of $words" '*jpipe*' "$output"
 done
-for command in pull push signal list drain decode export import keygen; do
+for command in pull push signal list drain remove decode export import keygen; do
   has "the help of $command" "jpipe $command: *Usage: jpipe $command \[OPTION...\]*-h,--help *Example: jpipe $command*" \
     "$("$JPIPE" $command --help)"
 done
@@ -61,6 +61,9 @@ done <<'LINES'
 2 signal E 0x1
 2 list E
 1 drain E
+1 remove E
+2 remove
+2 drain E --force
 2 decode a b
 1 decode /nonexistent/file
 2 export E

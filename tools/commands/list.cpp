@@ -51,13 +51,8 @@ std::string ShownWaiting(const std::string& fifo) {
 
 // "?" stands for processes that could not be looked into.
 std::string ShownHolders(const Holders& holders, const FileId& file) {
-  std::string shown;
-  if (const auto found = holders.by_file.find(file); found != holders.by_file.end()) {
-    for (const Holder& holder : found->second) {
-      shown +=
-          Text("%s%d(%s)", shown.empty() ? "" : " ", holder.pid, Harmless(holder.program).c_str());
-    }
-  }
+  const auto found = holders.by_file.find(file);
+  const std::string shown = found != holders.by_file.end() ? Shown(found->second) : "";
   if (holders.complete) {
     return shown.empty() ? "-" : shown;
   }
