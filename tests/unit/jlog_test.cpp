@@ -18,6 +18,7 @@
 
 #include "jactor.h"
 #include "jcxxactorapi.h"
+#include "jcxxsock.h"
 
 namespace {
 
