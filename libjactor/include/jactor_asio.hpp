@@ -78,21 +78,26 @@ class AsioOperation {
 #endif
   }
 
-  // Continues when the descriptor is ready, or when the operation is cancelled. Result: why
-  // it cannot be watched; otherwise none, and `self` has been moved away.
+  // Has the loop watch the descriptor. Result: why not, such as EBUSY when it does so for
+  // another operation.
   template <class Self>
-  asio_error wait(Self& self, int fd, asio::posix::descriptor_base::wait_type event) {
-    if (watched_ == nullptr) {
-      watched_.reset(new asio::posix::stream_descriptor(self.get_executor()));
-      asio_error failure;
-      watched_->assign(fd, failure);
-      if (failure) {
-        return failure;
-      }
-    }
+  asio_error watch(Self& self, int fd) {
+    watched_.reset(new asio::posix::stream_descriptor(self.get_executor()));
+    asio_error failure;
+    watched_->assign(fd, failure);
+    return failure == error_from(EEXIST) ? error_from(EBUSY) : failure;
+  }
+  bool watches() const { return watched_ != nullptr; }
+
+  // Before the handler, which may start the next operation.
+  void end_watch() { watched_.reset(); }
+
+  // Continues when the descriptor is ready, or when the operation is cancelled. `self` has
+  // been moved away then.
+  template <class Self>
+  void wait(Self& self, asio::posix::descriptor_base::wait_type event) {
     asio::posix::stream_descriptor& watched = *watched_;
     watched.async_wait(event, std::move(self));
-    return {};
   }
 
  private:
@@ -116,17 +121,21 @@ class ReceiveOperation : AsioOperation {
   explicit ReceiveOperation(SockRef sock) : sock_(sock) {}
 
   template <class Self>
-  void operator()(Self& self, asio_error = {}) {
+  void operator()(Self& self, asio_error waited = {}) {
     const bool starting = starts(self);
     // Asked right before the receive, so that a message is not taken for nobody.
     if (!starting && cancelled(self)) {
-      self.complete(asio::error::operation_aborted, std::nullopt);
-    } else if (!is_ready()) {
-      const int fd = j_sock_fd(sock_.get());
-      if (const asio_error failure = wait(self, fd, asio::posix::descriptor_base::wait_read)) {
-        failure_ = failure;
-        asio::post(std::move(self));
-      }
+      end_watch();
+      return self.complete(asio::error::operation_aborted, std::nullopt);
+    }
+    failure_ = failure_ ? failure_ : waited;
+    bool ready = is_ready();
+    if (!ready && !watches()) {
+      failure_ = watch(self, j_sock_fd(sock_.get()));
+      ready = bool(failure_);
+    }
+    if (!ready) {
+      wait(self, asio::posix::descriptor_base::wait_read);
     } else if (starting) {
       asio::post(std::move(self));
     } else {
@@ -137,7 +146,10 @@ class ReceiveOperation : AsioOperation {
  private:
   // Whether there is a message, which may have been read ahead, an end, or a failure.
   bool is_ready() {
-    const int ready = failure_ ? 0 : j_sock_wait(sock_.get(), 0);
+    if (failure_) {
+      return true;
+    }
+    const int ready = j_sock_wait(sock_.get(), 0);
     if (ready < 0 && errno != EINTR) {
       failure_ = error_from(errno);
     }
@@ -146,6 +158,7 @@ class ReceiveOperation : AsioOperation {
 
   template <class Self>
   void complete(Self& self) {
+    end_watch();
     std::optional<Message> message;
     if (!failure_) {
       if (JCXXMsg* msg = j_msg_recv(sock_.get()); msg != nullptr) {
@@ -189,21 +202,23 @@ class SendOperation : AsioOperation {
   SendOperation(SockRef sock, Message&& message) : sock_(sock), message_(std::move(message)) {}
 
   template <class Self>
-  void operator()(Self& self, asio_error = {}) {
+  void operator()(Self& self, asio_error waited = {}) {
     const bool starting = starts(self);
     if (starting) {
       begin();
+      if (!done_) {
+        start_writing(watch(self, fd_));
+      }
     } else if (!done_ && sent_ == 0 && cancelled(self)) {
       finish(asio::error::operation_aborted);
+    } else if (!done_ && waited && !cancelled(self)) {
+      finish(sent_ == 0 ? waited : error_from(EIO));
     }
     if (!done_) {
       write();
     }
     if (!done_) {
-      if (const asio_error failure = wait(self, fd_, asio::posix::descriptor_base::wait_write)) {
-        finish(failure);
-        asio::post(std::move(self));
-      }
+      wait(self, asio::posix::descriptor_base::wait_write);
     } else if (starting) {
       asio::post(std::move(self));
     } else {
@@ -224,7 +239,15 @@ class SendOperation : AsioOperation {
       return finish(error_from(EINVAL));
     }
     if (sock_.get()->GetWriteFD(fd_) != 0) {
-      return finish(error_from(EBADF));
+      finish(error_from(EBADF));
+    }
+  }
+
+  // The first byte is not written before the loop has accepted the descriptor, so that no two
+  // operations write at once.
+  void start_writing(asio_error failure) {
+    if (failure) {
+      return finish(failure);
     }
     flags_ = ::fcntl(fd_, F_GETFL);
     if (flags_ < 0 || ::fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK) < 0) {
@@ -252,6 +275,7 @@ class SendOperation : AsioOperation {
     if (flags_ >= 0) {
       ::fcntl(fd_, F_SETFL, flags_);
     }
+    end_watch();
   }
 
   SockRef sock_;
@@ -278,7 +302,8 @@ class SendOperation : AsioOperation {
 // executor's loop watches the descriptor, which is non-blocking from then on; the sock's other
 // receives go on as before.
 //
-// One receive at a time on a sock. It does not see that an actor's callable has ended.
+// One receive at a time on a sock: a second one that has to wait fails with EBUSY. It does not
+// see that an actor's callable has ended.
 template <class Token>
 auto async_receive(SockRef sock, Token&& token) {
   return asio::async_compose<Token, void(asio_error, std::optional<Message>)>(
@@ -294,8 +319,9 @@ auto async_receive(SockRef sock, Token&& token) {
 // later has no effect, as half a message would make the stream useless: a message of up to
 // PIPE_BUF bytes on the wire is written whole. A loop that is destroyed does cut it.
 //
-// Until the handler is called nothing else is sent on the sock, in whatever way. Where the
-// reader has gone, SIGPIPE is raised as in a send. Executors are as for async_receive.
+// Until the handler is called nothing else is sent on the sock in another way; an async_send
+// fails with EBUSY while this one waits for room. Where the reader has gone, SIGPIPE is raised
+// as in a send. Executors are as for async_receive.
 template <class Token>
 auto async_send(SockRef sock, Message message, Token&& token) {
   return asio::async_compose<Token, void(asio_error)>(

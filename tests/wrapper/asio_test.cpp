@@ -1,6 +1,7 @@
 // asio_test.cpp - jactor_asio.hpp: messages in asio's loop, and what a cancellation leaves.
 #include <fcntl.h>
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -273,6 +274,50 @@ TEST_F(Asio, ACancelledSendSendsAllOrNothing) {
   }
   EXPECT_EQ(got, large);
   EXPECT_EQ(outcome.what, "sent");
+}
+
+TEST_F(Asio, ASecondOperationIsRefusedWhileOneIsPending) {
+  const std::string busy = asio::error_code(EBUSY, std::system_category()).message();
+  Outcome outcomes[4];
+  async_receive(here, outcomes[0].handler(loop));
+  async_receive(here, outcomes[1].handler(loop));
+  const std::string large(JACTOR_MAX_SIZE, 'x');
+  async_send(here, Message{large}, outcomes[2].send_handler(loop));  // the other way
+  async_send(here, Message{"?"}, outcomes[3].send_handler(loop));
+  Turn();
+  EXPECT_EQ(outcomes[1].what, busy);
+  EXPECT_EQ(outcomes[3].what, busy);
+  from.send(Message{"one"});
+  Turn();
+  EXPECT_EQ(outcomes[0].what, "one");
+  std::string got = "nothing";
+  while (got == "nothing") {
+    Turn();
+    got = Words(from.receive_for(0s).message);
+  }
+  EXPECT_EQ(got, large);
+  Turn();
+  EXPECT_EQ(outcomes[2].what, "sent");
+}
+
+TEST_F(Asio, AHandlerStartsTheNextOperation) {
+  std::string got;
+  const std::function<void()> receive = [&] {
+    async_receive(here,
+                  asio::bind_executor(loop, [&](asio::error_code, std::optional<Message> message) {
+                    got += Words(std::move(message)) + ";";
+                    receive();
+                  }));
+  };
+  receive();
+  for (const char* text : {"one", "two", "three"}) {
+    Turn();
+    from.send(Message{text});
+  }
+  Turn();
+  a.reset();
+  loop.run_one();
+  EXPECT_EQ(got, "one;two;three;nothing;");
 }
 
 TEST_F(Asio, OneThreadSendsLargeMessagesToItself) {
