@@ -63,6 +63,10 @@ constexpr Spec kSpecs[] = {
      [](Options& o, const std::string& v) { o.file = Given("--file", v); }},
     {"push signal", "--no-wait", nullptr, "wait for nobody to read, even if that loses messages",
      [](Options& o, const std::string&) { o.no_wait = true; }},
+    {"list", "--json", nullptr, "one object a line, for scripts",
+     [](Options& o, const std::string&) { o.json = true; }},
+    {"list", "--watch", nullptr, "keep the list on the terminal up to date",
+     [](Options& o, const std::string&) { o.watch = true; }},
     {"remove", "--force", nullptr, "even while somebody has it open",
      [](Options& o, const std::string&) { o.force = true; }},
     {"pull push export import", "--progress", nullptr,
@@ -93,6 +97,7 @@ constexpr Spec kSpecs[] = {
 constexpr std::pair<const char*, const char*> kExcluding[] = {
     {"--file", "--frames"},
     {"--file", "--count"},
+    {"--json", "--watch"},
     {"--bind", "--connect"},
     {"--curve-clients", "--curve-server"}};
 constexpr std::pair<const char*, const char*> kNeeding[] = {{"--curve-server", "--curve-cert"},

@@ -24,6 +24,8 @@ struct Options {
   bool progress = false;
   bool no_wait = false;
   bool force = false;
+  bool json = false;
+  bool watch = false;
 
   Link link = Link::kDefault;
   int high_water = 1000;         // messages

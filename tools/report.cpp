@@ -65,16 +65,22 @@ std::string Counted(unsigned long long number, const char* noun) {
 
 void Note(const std::string& text) { WriteToStandardError("jpipe: " + text + "\n"); }
 
+TerminalSize SizeOfTerminal(int fd) {
+  winsize size = {};
+  if (::ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
+    return {};
+  }
+  return {size.ws_col, size.ws_row};
+}
+
 void ShowStatus(const std::string& line) {
   pollfd terminal = {STDERR_FILENO, POLLOUT, 0};
   if (output_in_line || ::poll(&terminal, 1, 0) != 1) {  // or it is stopped
     return;
   }
-  winsize size = {};
-  const bool known = ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
-  const std::size_t columns = known ? size.ws_col - 1 : 79;
   status_shown = false;
-  WriteToStandardError(kEraseLine + line.substr(0, columns));
+  // The last column stays free: some terminals wrap when it is written.
+  WriteToStandardError(kEraseLine + line.substr(0, SizeOfTerminal(STDERR_FILENO).columns - 1));
   status_shown = true;
 }
 

@@ -2,6 +2,7 @@
 #ifndef JPIPE_REPORT_H
 #define JPIPE_REPORT_H
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 
@@ -28,6 +29,13 @@ std::string Counted(unsigned long long number, const char* noun);
 
 // Writes "jpipe: TEXT" and a newline to standard error with one write.
 void Note(const std::string& text);
+
+// The size of the terminal `fd`; the usual one when it is not known.
+struct TerminalSize {
+  std::size_t columns = 80;
+  std::size_t rows = 24;
+};
+TerminalSize SizeOfTerminal(int fd);
 
 // The status: a line at the bottom of the terminal on standard error, which gives way
 // to everything else. It is cut to the terminal's width.

@@ -1,18 +1,19 @@
 """Runs a command on a terminal of its own: terminal.py COLUMNS [COLUMNS] COMMAND...
 
 What the command writes there goes to standard output as it is. With a second number the
-terminal has that width after the first output.
+terminal has that width after the first output. SIGTERM goes on to the command.
 """
 import fcntl
 import os
 import pty
+import signal
 import struct
 import sys
 import termios
 
 
 def resize(terminal, columns):
-    fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, int(columns), 0, 0))
+    fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 1000, int(columns), 0, 0))
 
 
 widths = [word for word in sys.argv[1:3] if word.isdigit()]
@@ -27,6 +28,7 @@ if child == 0:
     os.dup2(far, 2)
     os.execvp(command[0], command)
 os.close(far)
+signal.signal(signal.SIGTERM, lambda *_: os.kill(child, signal.SIGTERM))
 while True:
     try:
         piece = os.read(near, 65536)

@@ -2,10 +2,15 @@
 #include <dirent.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
 #include <vector>
 
 #include "commands.h"
@@ -18,7 +23,18 @@
 namespace jpipe {
 namespace {
 
-using Row = std::vector<std::string>;
+struct Entry {
+  std::string endpoint;
+  std::string owner;
+  std::string mode;
+  std::optional<std::size_t> bytes;  // nothing when the FIFO may not be opened
+  std::vector<Holder> holders;
+};
+
+struct Endpoints {
+  std::vector<Entry> entries;
+  bool complete;  // false: there may be more holders
+};
 
 std::vector<std::string> FilesInRunDirectory() {
   std::vector<std::string> names;
@@ -43,24 +59,41 @@ std::string OwnerName(uid_t owner) {
   return entry != nullptr ? entry->pw_name : std::to_string(owner);
 }
 
-// "?" when the FIFO may not be opened.
-std::string ShownWaiting(const std::string& fifo) {
-  const Descriptor fd = OpenToLook(fifo);
-  return fd ? std::to_string(BytesWaiting(fd.get())) : "?";
-}
-
-// "?" stands for processes that could not be looked into.
-std::string ShownHolders(const Holders& holders, const FileId& file) {
-  const auto found = holders.by_file.find(file);
-  const std::string shown = found != holders.by_file.end() ? Shown(found->second) : "";
-  if (holders.complete) {
-    return shown.empty() ? "-" : shown;
+Endpoints FindEndpoints() {
+  Holders holders = FindHolders();
+  Endpoints found = {{}, holders.complete};
+  for (const std::string& name : FilesInRunDirectory()) {
+    const std::string endpoint = EndpointOfFifo(name);
+    const std::string fifo = std::string(kRunDirectory) + "/" + name;
+    struct stat status = {};
+    if (endpoint.empty() || ::lstat(fifo.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode)) {
+      continue;
+    }
+    Entry entry = {endpoint,
+                   OwnerName(status.st_uid),
+                   Text("%04o", status.st_mode & 07777u),
+                   {},
+                   holders.by_file[{status.st_dev, status.st_ino}]};
+    if (const Descriptor look = OpenToLook(fifo)) {
+      entry.bytes = BytesWaiting(look.get());
+    }
+    found.entries.push_back(entry);
   }
-  return shown.empty() ? "?" : shown + " ?";
+  return found;
 }
 
-std::string Table(const std::vector<Row>& rows) {
-  std::vector<std::size_t> widths(rows[0].size(), 0);
+// "?" stands for what could not be looked into.
+std::string Table(const Endpoints& endpoints) {
+  using Row = std::array<std::string, 5>;
+  std::vector<Row> rows = {{"ENDPOINT", "OWNER", "MODE", "BYTES", "OPEN IN"}};
+  for (const Entry& entry : endpoints.entries) {
+    const std::string holders = Shown(entry.holders);
+    const std::string more = endpoints.complete ? "" : holders.empty() ? "?" : " ?";
+    rows.push_back({Harmless(entry.endpoint), entry.owner, entry.mode,
+                    entry.bytes ? std::to_string(*entry.bytes) : "?",
+                    holders.empty() && more.empty() ? "-" : holders + more});
+  }
+  std::array<std::size_t, 5> widths = {};
   for (const Row& row : rows) {
     for (std::size_t k = 0; k < row.size(); ++k) {
       widths[k] = std::max(widths[k], row[k].size());
@@ -76,23 +109,70 @@ std::string Table(const std::vector<Row>& rows) {
   return table;
 }
 
+// One object a line. Bytes of a name that are not UTF-8 are replaced.
+std::string JsonLines(const Endpoints& endpoints) {
+  using Json = nlohmann::ordered_json;
+  std::string lines;
+  for (const Entry& entry : endpoints.entries) {
+    Json holders = Json::array();
+    for (const Holder& holder : entry.holders) {
+      holders.push_back(Json{{"pid", holder.pid}, {"program", holder.program}});
+    }
+    const Json object = {
+        {"endpoint", entry.endpoint}, {"owner", entry.owner},
+        {"mode", entry.mode},         {"bytes", entry.bytes ? Json(*entry.bytes) : Json()},
+        {"open_in", holders},         {"open_in_complete", endpoints.complete}};
+    lines += object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  }
+  return lines;
+}
+
+// As much of the table as fits on the terminal, over what is there.
+std::string OnScreen(const std::string& table) {
+  const TerminalSize size = SizeOfTerminal(STDOUT_FILENO);
+  std::istringstream lines(table);
+  std::string shown = "\033[H";
+  std::string line;
+  for (std::size_t row = 1; row < size.rows && std::getline(lines, line); ++row) {
+    std::size_t end = std::min(size.columns, line.size());
+    while (end < line.size() && (line[end] & 0xc0) == 0x80) {  // inside a character
+      --end;
+    }
+    shown += line.substr(0, end) + "\033[K\n";
+  }
+  return shown + "\033[J";
+}
+
+Exit Watch() {
+  constexpr int kRefresh = 500;  // milliseconds
+  if (::isatty(STDOUT_FILENO) != 1) {
+    throw Failure(kUsage, "--watch shows the list on a terminal: leave it out, or use --json");
+  }
+  Patience patience(std::nullopt);
+  patience.WatchOutput(STDOUT_FILENO);
+  std::string before;
+  Outcome outcome = Outcome::kTick;
+  while (outcome == Outcome::kTick) {
+    const std::string now = OnScreen(Table(FindEndpoints()));
+    if (now != before) {
+      outcome = WriteOut((before.empty() ? "\033[2J" : "") + now, patience);
+      before = now;
+    }
+    if (outcome == Outcome::kTick || outcome == Outcome::kReady) {
+      outcome = patience.Wait(-1, 0, false, kRefresh);
+    }
+  }
+  return ExitFor(outcome, true);
+}
+
 }  // namespace
 
-int List(const Options& /*options*/) {
-  const Holders holders = FindHolders();
-  std::vector<Row> rows = {{"ENDPOINT", "OWNER", "MODE", "BYTES", "OPEN IN"}};
-  for (const std::string& name : FilesInRunDirectory()) {
-    const std::string endpoint = EndpointOfFifo(name);
-    const std::string fifo = std::string(kRunDirectory) + "/" + name;
-    struct stat status = {};
-    if (endpoint.empty() || ::lstat(fifo.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode)) {
-      continue;
-    }
-    rows.push_back({Harmless(endpoint), OwnerName(status.st_uid),
-                    Text("%04o", status.st_mode & 07777u), ShownWaiting(fifo),
-                    ShownHolders(holders, {status.st_dev, status.st_ino})});
+int List(const Options& options) {
+  if (options.watch) {
+    return Watch();
   }
-  return Print(Table(rows));
+  const Endpoints endpoints = FindEndpoints();
+  return Print(options.json ? JsonLines(endpoints) : Table(endpoints));
 }
 
 }  // namespace jpipe
