@@ -84,27 +84,32 @@ int WriteGathered(JCXXSock* psock, GatherList& list) {
   return 0;
 }
 
-int WriteData(JCXXSock* psock, JCXXMsg& msg) {
-  JACTOR_TRACE_AS(kWriteMessage, "write not a signal message");
-  const std::size_t frames = msg.frame_list.size();
-  JACTOR_TRACE_AS(kWriteMessage, "frame count is %zd", frames);
-  GatherList list(frames);
-  std::optional<JCXXFrame> header;
-  if (frames == 1) {
-    JACTOR_TRACE_AS(kWriteMessage, "message has a single frame");
-  } else {
-    JACTOR_TRACE_AS(kWriteMessage, "message has either zero or multiple frames");
-    header.emplace(msg.msg_size);
-    if (const int rc = list.Add(*header); rc != 0) {
-      return rc;
-    }
-  }
+int WriteFrames(JCXXSock* psock, JCXXMsg& msg, GatherList& list) {
   for (JCXXFrame* frame : msg.frame_list) {
     if (const int rc = list.Add(*frame); rc != 0) {
       return rc;
     }
   }
   return WriteGathered(psock, list);
+}
+
+int WriteData(JCXXSock* psock, JCXXMsg& msg) {
+  JACTOR_TRACE_AS(kWriteMessage, "write not a signal message");
+  const std::size_t frames = msg.frame_list.size();
+  JACTOR_TRACE_AS(kWriteMessage, "frame count is %zd", frames);
+  GatherList list(frames);
+  if (frames == 1) {
+    JACTOR_TRACE_AS(kWriteMessage, "message has a single frame");
+    return WriteFrames(psock, msg, list);
+  }
+  JACTOR_TRACE_AS(kWriteMessage, "message has either zero or multiple frames");
+  const registry::MakingTogether unentered;  // the header, which nobody else sees
+  std::optional<JCXXFrame> header;
+  registry::Construct([&] { header.emplace(msg.msg_size); });
+  if (const int rc = list.Add(*header); rc != 0) {
+    return rc;
+  }
+  return WriteFrames(psock, msg, list);
 }
 
 // The line about a frame that cannot stand in `msg`, which announced `expected` bytes;

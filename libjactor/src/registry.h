@@ -19,7 +19,7 @@
 //                        +2 %           +5 %            +33 %          +3 %
 //   spare nodes          6425 to 5786   37879 to 33710  5637 to 5011   4109 to 3478
 //                        +2 %           +4 %            +9 %           +1 %
-//   together             5758 to 5968   33156 to 32957  4923 to 5068   3490 to 3465
+//   together             5758 to 5951   33156 to 32419  4923 to 5088   3490 to 3481
 //     one processor      -1 %           0 %
 //     two processors     +10 to 16 %    +18 to 50 %
 //
@@ -342,6 +342,7 @@ template <class Object>
     EnterTogether(api, making);
   }
   making.Of<Object>().Add(p);
+  making.constructing = false;
   return true;
 }
 
@@ -388,8 +389,8 @@ void Leave(JCXXActorAPI& api, Object* p, Refused refused) {
   }
 }
 
-// While it lives, what this thread makes with New() has not entered the registry, and
-// need not when it is destroyed before Enter().
+// While it lives, what this thread makes with Construct() or New() has not entered the registry,
+// and need not when it is destroyed before Enter().
 class MakingTogether {
  public:
   MakingTogether() : memory_(Memory::Have()) {
@@ -414,11 +415,16 @@ class MakingTogether {
   Memory* memory_;
 };
 
-// Makes an object, for the MakingTogether around it if there is one.
+// Constructs one object, by calling `construct`, for the MakingTogether around it if there
+// is one.
+template <class Constructor>
+auto Construct(Constructor construct) {
+  const Making::Constructing constructing(Memory::own != nullptr ? Memory::own->making : nullptr);
+  return construct();
+}
 template <class Object, class... Arguments>
 std::unique_ptr<Object> New(Arguments... arguments) {
-  const Making::Constructing constructing(Memory::own != nullptr ? Memory::own->making : nullptr);
-  return std::make_unique<Object>(arguments...);
+  return Construct([=] { return std::make_unique<Object>(arguments...); });
 }
 
 // Takes a message's frames, and then the message, out of their sets at once; they are

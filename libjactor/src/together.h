@@ -64,7 +64,7 @@ class Unentered {
 struct Making {
   Unentered<JCXXFrame> frames;
   Unentered<JCXXMsg> msgs;
-  bool constructing = false;  // false between its objects: a line of the log may make others
+  bool constructing = false;  // until the object is there: a line of the log may make others
 
   template <class Object>
   Unentered<Object>& Of() {
