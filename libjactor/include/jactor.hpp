@@ -11,7 +11,8 @@
 //    its code is the errno of the call in jactor.h. Where nothing to return is
 //    normal, such as the end of a stream, the result is a std::optional.
 // 3. Threads. One object is used by one thread at a time, as in jactor.h.
-// 4. Event loops. <jactor_zloop.hpp> watches socks in a CZMQ loop.
+// 4. Event loops. <jactor_zloop.hpp> watches socks in a CZMQ loop, <jactor_asio.hpp> receives
+//    and sends in one of asio.
 #ifndef JACTOR_HPP
 #define JACTOR_HPP
 
