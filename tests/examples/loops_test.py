@@ -7,6 +7,7 @@ message. It waits for lines of the program, never for time to pass: where a loop
 message or stands still, an alarm ends the test, and what it has started.
 """
 
+import contextlib
 import os
 import signal
 import subprocess
@@ -22,27 +23,31 @@ def message(*frames):
     return sizes if len(frames) == 1 else bytes([0x40 + sum(map(len, frames))]) + sizes
 
 
+@contextlib.contextmanager
+def run(command, name, before):
+    """Starts the program with a FIFO that the test holds open, and in which `before` waits."""
+    endpoint = f"loops-{os.getpid()}-{name}"
+    path = f"{DIRECTORY}/Jipc_{endpoint}"
+    os.mkfifo(path)
+    try:
+        fifo = os.open(path, os.O_RDWR | os.O_CLOEXEC)
+        os.write(fifo, before)
+        process = subprocess.Popen(
+            [*command, f"ipc://{endpoint}"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            env={**os.environ, "JLOG_LEVEL": "0"})
+        try:
+            yield Program(process, fifo)
+        finally:
+            process.kill()
+            process.communicate()
+    finally:
+        os.unlink(path)
+
+
 class Program:
-    """One run, with a FIFO of its own that the test holds open."""
-
-    def __init__(self, command, name, before):
-        self.path = f"{DIRECTORY}/Jipc_loops-{os.getpid()}-{name}"
-        os.mkfifo(self.path)
-        self.fifo = os.open(self.path, os.O_RDWR | os.O_CLOEXEC)
-        self.write(before)
-        self.process = subprocess.Popen(
-            [*command, f"ipc://loops-{os.getpid()}-{name}"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            text=True, env={**os.environ, "JLOG_LEVEL": "0"})
-        self.ticks = 0
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *failure):
-        self.process.kill()
-        self.process.communicate()
-        os.close(self.fifo)
-        os.unlink(self.path)
+    def __init__(self, process, fifo):
+        self.process = process
+        self.fifo = fifo
 
     def write(self, data):
         os.write(self.fifo, data)
@@ -51,7 +56,7 @@ class Program:
         """Reads these lines; ticks may come between them."""
         for line in lines:
             while (got := self.process.stdout.readline()) == "tick\n":
-                self.ticks += 1
+                pass
             if got != line + "\n":
                 raise AssertionError(f"wanted {line!r}, got {got!r}")
 
@@ -69,7 +74,7 @@ class Program:
 def takes_everything(command):
     # The title is received before the loop starts, and what is behind it is read ahead.
     read_ahead = message(b"pears") + message(b"one") + message(b"two", b"and half") + b"\x05th"
-    with Program(command, "all", read_ahead) as program:
+    with run(command, "all", read_ahead) as program:
         program.expect("title: pears", "answer: one done", "answer: two and half done")
         program.expect_ticks(3)
         program.write(b"ree" + b"\x04")
@@ -88,7 +93,7 @@ def takes_everything(command):
 
 
 def ends_at_bytes_that_are_no_message(command):
-    with Program(command, "bad", message(b"title")) as program:
+    with run(command, "bad", message(b"title")) as program:
         program.expect("title: title")
         program.expect_ticks(1)
         program.write(b"\x7f" * 5)
