@@ -64,8 +64,12 @@ class Pull(_Blocking, Reader):
 
     def __iter__(self) -> Iterator[Message | Signal]:
         """Receives for ever."""
-        while True:
-            yield self.receive()
+        while True:  # as receive does, without the call
+            if not self._decoder.ready:
+                self._await(None)
+            message = self._decoder.ready[-1]
+            del self._decoder.ready[-1]
+            yield message
 
     def drain(self, timeout: float | None = None) -> list[Message | Signal]:
         """Hands over what has been read ahead, so that closing loses nothing.
@@ -90,7 +94,9 @@ class Pull(_Blocking, Reader):
         deadline = _deadline(timeout)
         while not self._decoder.ready:
             if not self._fill():
-                self._wait(select.POLLIN, deadline)
+                os.sched_yield()  # a writer at work gets its turn, and the next read brings more
+                if not self._fill():
+                    self._wait(select.POLLIN, deadline)
 
 
 class Push(_Blocking, Writer):
@@ -134,6 +140,7 @@ class Push(_Blocking, Writer):
         while self.pending:
             if not self._continue():
                 self._wait(select.POLLOUT, deadline)
+        self._written = []
 
     def close(self) -> None:
         """Closes the endpoint. Gives a message that has begun a second for its rest, and warns of its loss."""

@@ -98,6 +98,29 @@ def encode_many(messages: Iterable[tuple[Frame, ...] | Signal]) -> Iterator[byte
         yield b"".join(parts)
 
 
+def _take_small(data: bytes, at: int, found: list[Message | Signal]) -> tuple[int, int]:
+    """Decodes small messages of one frame, as fast as Python can.
+
+    Returns where the first other item begins, and how many bytes it takes at least: more
+    than 1 only for a small message that is not whole.
+    """
+    end = len(data)
+    while at < end and (lead := data[at]) < 0x20:
+        if lead < 16:
+            start = at + 1
+            stop = start + lead
+        elif at + 1 < end:
+            start = at + 2
+            stop = start + 16 + ((lead & 15) << 8) + data[at + 1]
+        else:
+            return at, 2
+        if stop > end:
+            return at, stop - at
+        found.append((data[start:stop],))
+        at = stop
+    return at, 1
+
+
 class Decoder:
     """Takes the bytes of a stream in any pieces, and makes messages of them.
 
@@ -114,7 +137,7 @@ class Decoder:
 
     def missing(self) -> int:
         """How many bytes must come at least before the next message can be whole."""
-        return max(1, self._need - self.undecoded())
+        return max(1, self._need - self.undecoded()) if self.chunks else 1
 
     def undecoded(self) -> int:
         """How many bytes there are in `chunks`."""
@@ -133,29 +156,27 @@ class Decoder:
 
         All or nothing: an exception of a signal handler, as from Ctrl-C, changes nothing.
         """
-        if self.fault is not None or self.undecoded() < self._need:
+        if not self.chunks or self.fault is not None or self.undecoded() < self._need:
+            return
+        data = b"".join(self.chunks)
+        found: list[Message | Signal] = []
+        at, need = _take_small(data, 0, found) if self._frames is None else (0, 1)
+        if at == len(data) or need > 1:
+            rest = [data[at:]] if at < len(data) else []
+            self.chunks, self.ready, self._need = rest, found[::-1] + self.ready, need
             return
         after = copy.copy(self)
         after._frames = None if self._frames is None else self._frames.copy()
-        after._run(b"".join(self.chunks))
+        after._run(data, at, found)
         self.__dict__ = after.__dict__
 
-    def _run(self, data: bytes) -> None:
-        at, end = 0, len(data)
-        found: list[Message | Signal] = []
+    def _run(self, data: bytes, at: int, found: list[Message | Signal]) -> None:
         self._need = 1
-        while self.fault is None and self._need <= end - at:
-            # Small messages of one frame, as fast as Python can.
-            while self._frames is None and at + 1 < end and (lead := data[at]) < 0x20:
-                start = at + 1 + (lead >> 4)
-                stop = start + (lead if lead < 16 else 16 + ((lead & 15) << 8) + data[at + 1])
-                if stop > end:
-                    break
-                found.append((data[start:stop],))
-                at = stop
-            if at < end:
-                at = self._step(data, at, found)
-        self.chunks = [data[at:]] if at < end else []
+        while self.fault is None and self._need <= len(data) - at:
+            at = self._step(data, at, found)
+            if self._frames is None and self.fault is None and self._need == 1:
+                at, self._need = _take_small(data, at, found)
+        self.chunks = [data[at:]] if at < len(data) else []
         self.ready = found[::-1] + self.ready
 
     def _step(self, data: bytes, at: int, found: list[Message | Signal]) -> int:

@@ -1,0 +1,154 @@
+#!/usr/bin/env python3
+"""Compares the Python package with pyzmq, between two processes.
+
+Called by scripts/bench --python. Every repetition of a row runs each way of sending once, in
+turn, each run two processes of its own. The receiver compares every message, and its clock
+runs from the first message to the last. A ratio is taken within each repetition; the median
+counts.
+"""
+
+import argparse
+import os
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "python"))
+
+import jactor  # noqa: E402
+import zmq  # noqa: E402
+
+WAYS = {"send": "`send`", "send_many": "`send_many`", "zmq": "pyzmq"}
+ROWS = (("one-way, 32 B", 32, False), ("one-way, 1 KiB", 1024, False), ("round trip of 32 B", 32, True))
+ANSWERS = 10000  # of a run
+
+
+class Jactor:
+    """One end: sends to one endpoint and receives from another."""
+
+    def __init__(self, place, end, many):
+        names = [f"ipc://bench-{Path(place).name}-{k}" for k in (0, 1)]
+        self.push, self.pull = jactor.Push(names[end]), jactor.Pull(names[1 - end])
+        self.many = many
+        self.send, self.receive = self.push.send, self.pull.receive
+
+    def send_all(self, payload, count):
+        if self.many:
+            self.push.send_many((payload,) for _ in range(count))
+            return
+        send = self.push.send
+        for _ in range(count):
+            send(payload)
+
+    def receive_all(self, payload, count):
+        expected = (payload,)
+        for message in self.pull:
+            if message != expected:
+                raise ValueError("a message is damaged")
+            count -= 1
+            if count == 0:
+                break
+
+
+class Zmq:
+    """One end of a PAIR over ipc, with ZeroMQ's defaults."""
+
+    def __init__(self, place, end, _):
+        self.socket = zmq.Context.instance().socket(zmq.PAIR)
+        (self.socket.connect if end else self.socket.bind)(f"ipc://{place}/pair")
+        self.send, self.receive = self.socket.send, self.socket.recv
+
+    def send_all(self, payload, count):
+        send = self.socket.send
+        for _ in range(count):
+            send(payload)
+
+    def receive_all(self, payload, count):
+        receive = self.socket.recv
+        for _ in range(count):
+            if receive() != payload:
+                raise ValueError("a message is damaged")
+
+
+def work(way, size, is_trip, end, place, count):
+    """One process of a run. End 0 measures and prints; end 1 sends, or answers."""
+    peer = (Zmq if way == "zmq" else Jactor)(place, end, way == "send_many")
+    payload = b"x" * size
+    if is_trip and end == 1:
+        for _ in range(count):
+            peer.receive()
+            peer.send(payload)
+    elif end == 1:
+        peer.receive()
+        peer.send_all(payload, count)
+    elif is_trip:
+        times = []
+        for _ in range(count):
+            start = time.perf_counter()
+            peer.send(payload)
+            peer.receive()
+            times.append(time.perf_counter() - start)
+        print(statistics.median(times))
+    else:
+        peer.send(b"begin")
+        peer.receive_all(payload, 1)
+        start = time.perf_counter()
+        peer.receive_all(payload, count - 1)
+        print((count - 1) / (time.perf_counter() - start))
+    if end == 1:
+        sys.stdin.read()  # keeps what is under way until the other end has it
+
+
+def measure(way, size, is_trip, count):
+    with tempfile.TemporaryDirectory() as place:
+        command = [sys.executable, "-B", __file__, "--work", way, str(size), str(int(is_trip))]
+        rest = [place, str(ANSWERS if is_trip else count)]
+        try:
+            with subprocess.Popen([*command, "0", *rest], stdout=subprocess.PIPE, text=True) as measuring, \
+                    subprocess.Popen([*command, "1", *rest], stdin=subprocess.PIPE) as other:
+                figure, _ = measuring.communicate(timeout=120)
+                other.communicate(timeout=120)
+        finally:
+            for fifo in Path("/var/run/jactor").glob(f"Jipc_bench-{Path(place).name}-*"):
+                fifo.unlink()
+        if measuring.returncode or other.returncode:
+            sys.exit(f"bench: {way}, {size} B: a process failed")
+        return float(figure)
+
+
+def shown(figures, is_trip):
+    figure = statistics.median(figures)
+    return f"{figure * 1e6:.1f} us" if is_trip else f"{figure / 1000:,.0f} k/s"
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/bench --python", description=__doc__.splitlines()[0])
+    parser.add_argument("--reps", type=int, default=7, metavar="N", help="repetitions (7)")
+    parser.add_argument("--count", type=int, default=300000, metavar="N", help="messages of a one-way run (300000)")
+    parser.add_argument("--work", nargs="*", help=argparse.SUPPRESS)
+    arguments = parser.parse_args()
+    if arguments.work:
+        way, size, is_trip, end, place, count = arguments.work
+        return work(way, int(size), is_trip == "1", int(end), place, int(count))
+    print(f"Python {sys.version.split()[0]}, pyzmq {zmq.__version__}, ZeroMQ {zmq.zmq_version()}, "
+          f"{len(os.sched_getaffinity(0))} processors, {arguments.reps} repetitions, load {os.getloadavg()[0]:.1f}\n")
+    print("| Row | " + " | ".join(WAYS.values()) + " | `send` to pyzmq | `send_many` to pyzmq |")
+    print("|---|---|---|---|---|---|")
+    for title, size, is_trip in ROWS:
+        ways = [way for way in WAYS if not is_trip or way != "send_many"]
+        figures = {way: [] for way in ways}
+        for _ in range(arguments.reps):
+            for way in ways:
+                figures[way].append(measure(way, size, is_trip, arguments.count))
+        cells = [shown(figures[way], is_trip) if way in figures else "-" for way in WAYS]
+        for way in ("send", "send_many"):
+            ratios = [mine / other for mine, other in zip(figures.get(way, []), figures["zmq"])]
+            cells.append(f"{statistics.median(ratios):.2f}" if ratios else "-")
+        print(f"| {title} | " + " | ".join(cells) + " |", flush=True)
+
+
+if __name__ == "__main__":
+    main()
