@@ -72,9 +72,9 @@ def aim_line(row, aim, results):
         return None
     ratio = statistics.median(values)
     what = "rate" if row.kind == RATE else "time"
-    # Producers that run side by side: only the elapsed time tells.
+    # Pairs that run side by side: only the elapsed time tells.
     processor = "-"
-    to = "that of 1 producer"
+    to = "that of 1 pair"
     if aim.to in NAMES:
         to = NAMES[aim.to] + "'s"
         processor = f"{statistics.median(ratios(row, results, aim.to, cpu_time=True)):.2f}"
@@ -142,10 +142,10 @@ CHARTS = [
     ("latency", "Round trips on one CPU, median (lower is better)", "microseconds", True,
      [("echo-8", "actor, 8 B"), ("echo-1k", "actor, 1 KiB"), ("echo-64k", "actor, 64 KiB"),
       ("process-trip", "processes, 32 B")]),
-    ("producers", "Producers, each with an actor, all CPUs (higher is better)",
+    ("pairs", "Pairs of threads, 32 B, all CPUs (higher is better)",
      "thousand messages of 32 B a second, all together", False,
-     [("producers-1", "1 producer"), ("producers-2", "2 producers"),
-      ("producers-4", "4 producers")]),
+     [("pairs-1", "1 pair"), ("pairs-2", "2 pairs"),
+      ("pairs-4", "4 pairs")]),
 ]
 COLOURS = ["#0b62a4", "#9e9e9e", "#d9822b", "#5a9e4b", "#8e6bb0"]
 

@@ -48,32 +48,33 @@ def one_cpu_rows():
 
     return [
         row("echo-8", "echo, 8 B", TRIP, "--scenario echo --size 8", ACTOR_PEERS,
-            at_most("pipe", 1.6)),
+            at_most("pipe", 1.45)),
         row("echo-1k", "echo, 1 KiB", TRIP, "--scenario echo --size 1024", ACTOR_PEERS),
         row("echo-64k", "echo, 64 KiB", TRIP, "--scenario echo --size 65536", ACTOR_PEERS,
             at_most("pipe", 1.15)),
         row("oneway-32", "one-way, 32 B", RATE, "--scenario streams --size 32", ACTOR_PEERS,
-            at_least("pipe", 0.60), at_least("czmq", 0.60)),
+            at_least("pipe", 0.78), at_least("czmq", 0.60)),
         row("oneway-1k", "one-way, 1 KiB", RATE, "--scenario streams --size 1024", ACTOR_PEERS,
             at_least("pipe", 0.60), at_least("czmq", 0.75)),
         row("oneway-1m", "one-way, 1 MiB", RATE, "--scenario streams --size 1048576",
             ["jactor", "pipe", "czmq", "nng"], at_least("pipe", 0.80)),
         row("frames-8", "one-way, eight frames of 64 B", RATE,
             "--scenario streams --frames 8 --size 64", FRAME_PEERS,
-            at_least("pipe", 0.40), at_least("czmq", 1.0)),
+            at_least("pipe", 0.60), at_least("czmq", 1.0)),
         row("process-32", "between processes, 32 B", RATE, "--scenario processes --size 32",
-            PROCESS_PEERS, at_least("fifo", 0.60), at_least("czmq", 0.75)),
+            PROCESS_PEERS, at_least("fifo", 0.78), at_least("czmq", 0.75)),
         row("process-1k", "between processes, 1 KiB", RATE, "--scenario processes --size 1024",
             PROCESS_PEERS, at_least("czmq", 1.3)),
         row("process-trip", "between processes, round trip of 32 B", TRIP,
-            "--scenario roundtrip --size 32", PROCESS_PEERS, at_most("czmq", 0.20)),
+            "--scenario roundtrip --size 32", PROCESS_PEERS,
+            at_most("fifo", 1.35), at_most("czmq", 0.20)),
         row("four-into-one", "four processes into one, 32 B", RATE,
             "--scenario processes --size 32 --senders 4", PROCESS_PEERS,
-            at_least("fifo", 0.42), at_least("czmq", 1.2)),
+            at_least("fifo", 0.62), at_least("czmq", 1.2)),
         row("build-3", "build and take apart 3 frames of 32 B", TIME,
-            "--scenario build --frames 3 --size 32", ["jactor", "czmq"], at_most("czmq", 1.1)),
+            "--scenario build --frames 3 --size 32", ["jactor", "czmq"], at_most("czmq", 0.95)),
         row("start-stop", "start and stop an actor", TIME, "--scenario start", ACTOR_PEERS,
-            at_most("czmq", 0.40)),
+            at_most("pipe", 1.05), at_most("czmq", 0.40)),
         row("memory", "memory of an idle actor", BYTES, "--scenario memory", ACTOR_PEERS),
     ]
 
@@ -82,25 +83,32 @@ def all_cpu_rows():
     def row(key, title, kind, arguments, systems, *aims):
         return Row(key, title, kind, arguments.split(), systems, list(aims))
 
-    def producers(count, *aims):
-        return row(f"producers-{count}", f"{count} producer{'s' if count > 1 else ''}, "
-                   "each with an actor, 32 B, all CPUs", RATE,
-                   f"--scenario streams --size 32 --senders {count}", FRAME_PEERS, *aims)
+    def pairs(count, *aims):
+        return row(f"pairs-{count}", f"{count} pair{'s' if count > 1 else ''} of threads, "
+                   "32 B, all CPUs", RATE, f"--scenario streams --size 32 --senders {count}",
+                   FRAME_PEERS, at_least("pipe", 0.60), *aims)
+
+    def two_cpus(key, title, kind, arguments, systems, *aims):
+        return row(f"two-cpu-{key}", f"{title}, two CPUs", kind, f"{arguments} --cpus 2", systems,
+                   *aims)
 
     return [
-        producers(1),
-        producers(2, at_least("producers-1", 1.5)),
-        producers(4, at_least("producers-1", 1.5)),
-        row("two-cpu-echo-8", "echo, 8 B, two CPUs", TRIP, "--scenario echo --size 8 --cpus 2",
-            ACTOR_PEERS),
-        row("two-cpu-oneway-32", "one-way, 32 B, two CPUs", RATE,
-            "--scenario streams --size 32 --cpus 2", ACTOR_PEERS),
-        row("two-cpu-oneway-1k", "one-way, 1 KiB, two CPUs", RATE,
-            "--scenario streams --size 1024 --cpus 2", ACTOR_PEERS),
-        row("two-cpu-process-32", "between processes, 32 B, two CPUs", RATE,
-            "--scenario processes --size 32 --cpus 2", PROCESS_PEERS),
-        row("two-cpu-process-trip", "between processes, round trip of 32 B, two CPUs", TRIP,
-            "--scenario roundtrip --size 32 --cpus 2", PROCESS_PEERS),
+        pairs(1),
+        pairs(2, at_least("pairs-1", 1.5)),
+        pairs(4, at_least("pairs-1", 1.5)),
+        two_cpus("echo-8", "echo, 8 B", TRIP, "--scenario echo --size 8", ACTOR_PEERS),
+        two_cpus("oneway-32", "one-way, 32 B", RATE, "--scenario streams --size 32", ACTOR_PEERS,
+                 at_least("pipe", 0.68)),
+        two_cpus("oneway-1k", "one-way, 1 KiB", RATE, "--scenario streams --size 1024",
+                 ACTOR_PEERS, at_least("pipe", 0.65)),
+        two_cpus("oneway-1m", "one-way, 1 MiB", RATE, "--scenario streams --size 1048576",
+                 ["jactor", "pipe", "czmq", "nng"], at_least("pipe", 0.75)),
+        two_cpus("frames-8", "one-way, eight frames of 64 B", RATE,
+                 "--scenario streams --frames 8 --size 64", FRAME_PEERS, at_least("pipe", 0.30)),
+        two_cpus("process-32", "between processes, 32 B", RATE, "--scenario processes --size 32",
+                 PROCESS_PEERS),
+        two_cpus("process-trip", "between processes, round trip of 32 B", TRIP,
+                 "--scenario roundtrip --size 32", PROCESS_PEERS),
     ]
 
 
