@@ -4,7 +4,8 @@
 Called by scripts/bench --python. Every repetition of a row runs each way of sending once, in
 turn, each run two processes of its own. The receiver compares every message, and its clock
 runs from the first message to the last. A ratio is taken within each repetition; the median
-counts.
+counts. Behind each figure stands the processor time of both processes for a message, all
+threads included, which suffers less from other work on the machine.
 """
 
 import argparse
@@ -73,55 +74,75 @@ class Zmq:
                 raise ValueError("a message is damaged")
 
 
-def work(way, size, is_trip, end, place, count):
-    """One process of a run. End 0 measures and prints; end 1 sends, or answers."""
-    peer = (Zmq if way == "zmq" else Jactor)(place, end, way == "send_many")
-    payload = b"x" * size
-    if is_trip and end == 1:
-        for _ in range(count):
-            peer.receive()
-            peer.send(payload)
-    elif end == 1:
-        peer.receive()
-        peer.send_all(payload, count)
-    elif is_trip:
-        times = []
-        for _ in range(count):
-            start = time.perf_counter()
-            peer.send(payload)
-            peer.receive()
-            times.append(time.perf_counter() - start)
-        print(statistics.median(times))
-    else:
-        peer.send(b"begin")
-        peer.receive_all(payload, 1)
+def trips(peer, payload, count):
+    """Their median time."""
+    times = []
+    for _ in range(count):
         start = time.perf_counter()
-        peer.receive_all(payload, count - 1)
-        print((count - 1) / (time.perf_counter() - start))
+        peer.send(payload)
+        peer.receive()
+        times.append(time.perf_counter() - start)
+    return statistics.median(times)
+
+
+def answer(peer, payload, count):
+    for _ in range(count):
+        peer.receive()
+        peer.send(payload)
+
+
+def receive(peer, payload, count):
+    """Messages a second."""
+    peer.send(b"begin")
+    peer.receive_all(payload, 1)
+    start = time.perf_counter()
+    peer.receive_all(payload, count - 1)
+    return (count - 1) / (time.perf_counter() - start)
+
+
+def send(peer, payload, count):
+    peer.receive()
+    peer.send_all(payload, count)
+
+
+def work(way, size, is_trip, end, place, count):
+    """One process of a run. End 0 measures; both print their processor time."""
+    peer = (Zmq if way == "zmq" else Jactor)(place, end, way == "send_many")
+    start = time.process_time()
+    figure = ((trips, answer), (receive, send))[not is_trip][end](peer, b"x" * size, count)
     if end == 1:
         sys.stdin.read()  # keeps what is under way until the other end has it
+    print(figure, time.process_time() - start)
 
 
 def measure(way, size, is_trip, count):
+    """Returns the rate or the time of a round trip, and the processor time, of a message."""
     with tempfile.TemporaryDirectory() as place:
         command = [sys.executable, "-B", __file__, "--work", way, str(size), str(int(is_trip))]
-        rest = [place, str(ANSWERS if is_trip else count)]
         try:
-            with subprocess.Popen([*command, "0", *rest], stdout=subprocess.PIPE, text=True) as measuring, \
-                    subprocess.Popen([*command, "1", *rest], stdin=subprocess.PIPE) as other:
-                figure, _ = measuring.communicate(timeout=120)
-                other.communicate(timeout=120)
+            with subprocess.Popen([*command, "0", place, str(count)], stdout=subprocess.PIPE, text=True) as one, \
+                    subprocess.Popen([*command, "1", place, str(count)], stdin=subprocess.PIPE,
+                                     stdout=subprocess.PIPE, text=True) as other:
+                printed = [one.communicate(timeout=120)[0].split(), other.communicate(timeout=120)[0].split()]
         finally:
             for fifo in Path("/var/run/jactor").glob(f"Jipc_bench-{Path(place).name}-*"):
                 fifo.unlink()
-        if measuring.returncode or other.returncode:
-            sys.exit(f"bench: {way}, {size} B: a process failed")
-        return float(figure)
+    if one.returncode or other.returncode:
+        sys.exit(f"bench: {way}, {size} B: a process failed")
+    return float(printed[0][0]), (float(printed[0][1]) + float(printed[1][1])) / count
 
 
-def shown(figures, is_trip):
-    figure = statistics.median(figures)
-    return f"{figure * 1e6:.1f} us" if is_trip else f"{figure / 1000:,.0f} k/s"
+def shown(runs, is_trip):
+    figure, processor = (statistics.median(column) for column in zip(*runs))
+    told = f"{figure * 1e6:.1f} us" if is_trip else f"{figure / 1000:,.0f} k/s"
+    return f"{told} ({processor * 1e6:.2f} us)"
+
+
+def ratio(runs, others):
+    """The medians of the ratios of figures, and of processor times."""
+    return "{:.2f} ({:.2f})".format(
+        *(statistics.median(mine / other for mine, other in zip(*columns))
+          for columns in zip(zip(*runs), zip(*others))))
 
 
 def main():
@@ -139,14 +160,12 @@ def main():
     print("|---|---|---|---|---|---|")
     for title, size, is_trip in ROWS:
         ways = [way for way in WAYS if not is_trip or way != "send_many"]
-        figures = {way: [] for way in ways}
+        runs = {way: [] for way in ways}
         for _ in range(arguments.reps):
             for way in ways:
-                figures[way].append(measure(way, size, is_trip, arguments.count))
-        cells = [shown(figures[way], is_trip) if way in figures else "-" for way in WAYS]
-        for way in ("send", "send_many"):
-            ratios = [mine / other for mine, other in zip(figures.get(way, []), figures["zmq"])]
-            cells.append(f"{statistics.median(ratios):.2f}" if ratios else "-")
+                runs[way].append(measure(way, size, is_trip, ANSWERS if is_trip else arguments.count))
+        cells = [shown(runs[way], is_trip) if way in runs else "-" for way in WAYS]
+        cells += [ratio(runs[way], runs["zmq"]) if way in runs else "-" for way in ("send", "send_many")]
         print(f"| {title} | " + " | ".join(cells) + " |", flush=True)
 
 
