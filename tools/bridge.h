@@ -1,67 +1,129 @@
-// bridge.h - what export and import share: the ZeroMQ socket, its certificates,
-// and the form of a message on it.
+// bridge.h - how an export and an import talk to each other.
 //
-// On the ZeroMQ side a message is a multi-part message: a first part of one byte,
-// "M" for a data message or "S" for a signal, and then a part for each frame, or
-// one part of one byte with the signal's value. So a message without frames and
-// a signal have a form of their own.
+// Each side first greets the other one with its role and its identity, 16 random bytes.
+// Then the import grants a window: so many messages and bytes may be on their way that
+// it has not confirmed. It confirms a message when it lies in its endpoint. The export
+// keeps what is not confirmed, and sends it again when the same import is back after a
+// loss of the connection, or another one has come. To one import it numbers its
+// messages without a gap, so that the import knows which ones it has.
+//
+// Every message begins with three bytes, a version and a type:
+//
+//   JPB 1 H  role (E or I), identity (16 bytes)                      a greeting
+//   JPB 1 W  last number confirmed (8), messages (4), bytes (4)      import: a window
+//   JPB 1 D  number (8), a message in the form of the endpoints      export: data
+//   JPB 1 E                                        export: nothing more is on its way,
+//                                                  after a window of no messages
+//   JPB 1 R  text                                  a refusal
+//
+// Numbers are big-endian. Signature, version and refusals stay as they are in every
+// version, so that each can tell the other one that they do not fit.
 #ifndef JPIPE_BRIDGE_H
 #define JPIPE_BRIDGE_H
 
-#include <czmq.h>
+#include <jactor.h>
 
-#include <optional>
+#include <map>
 #include <string>
+#include <string_view>
 
-#include "options.h"
-#include "sock.h"
+#include "content.h"
+#include "network.h"
 #include "waiting.h"
 
 namespace jpipe {
 
-// The ZeroMQ socket of a bridge, bound or connected, with its options set.
-class Bridge {
- public:
-  // `type`: ZMQ_PUSH or ZMQ_PULL. `usual`: bind or connect when nothing is said.
-  // Fails with kUsage on an address or certificates that make no sense.
-  Bridge(const Options& options, const std::string& address, int type, Link usual);
-  Bridge(const Bridge&) = delete;
-  Bridge& operator=(const Bridge&) = delete;
-  ~Bridge();
+enum class Role : char { kExport = 'E', kImport = 'I' };
 
-  zsock_t* socket() { return socket_; }
-
-  // Whether a message may be sent (ZMQ_POLLOUT), or one has come (ZMQ_POLLIN).
-  bool Has(int event) { return (zsock_events(socket_) & event) != 0; }
-
-  // Takes no further messages from the network; those that ZeroMQ holds stay.
-  void Unlink();
-
-  // Closes the socket and waits until ZeroMQ has handed all its messages to the
-  // network. Result: kReady, or what ended the wait: then nothing more of ZeroMQ
-  // may be used, and the process must leave with _exit.
-  Outcome Close(Patience& patience);
-
- private:
-  void SetCertificates(const Options& options);
-  void LinkTo(const std::string& address);
-
-  bool binds_;
-  zactor_t* authenticator_ = nullptr;
-  zsock_t* socket_;
-  std::string linked_;  // the address in use
+enum class BridgeType : char {
+  kGreeting = 'H',
+  kWindow = 'W',
+  kData = 'D',
+  kEnd = 'E',
+  kRefusal = 'R',
 };
 
-// The multi-part message for `content`. The caller's.
-zmsg_t* ToZmq(const Content& content);
+using Identity = std::string;
 
-// The message that `zmsg` stands for; the views point into it. Result: empty, or
-// what is wrong with it.
-std::string FromZmq(zmsg_t* zmsg, Content& content);
+// How many messages and bytes may be on their way.
+struct Window {
+  std::uint64_t messages = 0;
+  std::uint64_t bytes = 0;
+};
 
-// Runs `loop` until a handler ends it, a stop request comes, or options.timeout is
-// over; in the last two cases `patience` tells.
-void RunLoop(zloop_t* loop, const Options& options, Patience& patience);
+// The longest form of a message in an endpoint: its frames may be as many as its bytes.
+constexpr std::size_t kMaxOnWire = 2 * std::size_t{JACTOR_MAX_SIZE} + 128 * 1024;
+
+// What there is to count of a message in the form of the endpoints.
+Content ContentToCount(std::string_view bytes);
+
+// Numbers in a message.
+void Append(std::string& bytes, std::uint64_t number, std::size_t size);
+std::uint64_t TakeNumber(std::string_view& bytes, std::size_t size);
+
+// What is done with a bridge: an export or an import. None of these throws.
+class Carrier {
+ public:
+  virtual ~Carrier() = default;
+  virtual void Joined(const Identity& far) = 0;
+  virtual void Left(const Identity& far) = 0;
+  // Result: empty, or why the far end is refused.
+  virtual std::string Got(const Identity& far, BridgeType type, std::string_view body) = 0;
+};
+
+class Bridge : private NetworkEvents {
+ public:
+  // Fails with kUsage on an address or certificates that make no sense.
+  Bridge(const Options& options, const std::string& address, Role role, Link usual,
+         Carrier& carrier);
+
+  // Readable when Serve has something to do. Serve calls the carrier.
+  int fd() const { return network_.fd(); }
+  bool Serve() { return network_.Serve(); }
+
+  // `head` is the body, or its beginning.
+  void Send(const Identity& far, BridgeType type, const std::string& head = {},
+            std::string_view rest = {});
+
+  // Whether anybody has joined and not left.
+  bool IsJoined() const { return !joined_.empty(); }
+  bool IsJoined(const Identity& far) const { return joined_.count(far) != 0; }
+
+  // Fails when there has been no far end for longer than the options allow.
+  void CheckConnection();
+
+  // Loses what waits to be sent.
+  void GiveUp() { network_.GiveUp(); }
+
+ private:
+  struct Far {
+    Identity identity;  // once it has greeted
+    std::string name;
+    bool refused = false;
+    unsigned ignored = 0;  // messages since then
+  };
+
+  void Connected() override;
+  void Received(const std::string& name, std::string_view bytes) override;
+  void Ended(const std::string& name) override;
+
+  std::string Read(const std::string& address, Far& far, std::string_view bytes);
+  std::string Greeted(const std::string& address, Far& far, std::string_view body);
+  void Join(const std::string& address, Far& far, const Identity& identity);
+  void SendTo(const std::string& address, BridgeType type, const std::string& head,
+              std::string_view rest = {});
+  void Refuse(const std::string& address, Far& far, const std::string& why);
+
+  const Options& options_;
+  const Role role_;
+  Carrier& carrier_;
+  const Identity identity_;
+  std::map<std::string, Far> fars_;         // by their address in the network
+  std::map<Identity, std::string> joined_;  // their addresses
+  bool was_joined_ = false;
+  std::optional<Network::Clock::time_point> alone_since_;
+  Network network_;
+};
 
 }  // namespace jpipe
 

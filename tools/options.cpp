@@ -76,11 +76,17 @@ constexpr Spec kSpecs[] = {
      [](Options& o, const std::string&) { o.link = Link::kBind; }},
     {"export import", "--connect", nullptr, "connect to the other side",
      [](Options& o, const std::string&) { o.link = Link::kConnect; }},
-    {"export import", "--hwm", "N", "messages that ZeroMQ may hold (default 1000)",
+    {"export import", "--window", "N", "messages that may be unconfirmed (default 256)",
+     [](Options& o, const std::string& v) { o.window = Number("--window", v, 1, 1 << 20); }},
+    {"export import", "--window-bytes", "N", "and their bytes (default 1048576)",
      [](Options& o, const std::string& v) {
-       o.high_water = static_cast<int>(Number("--hwm", v, 1, INT_MAX));
+       o.window_bytes = Number("--window-bytes", v, 1, 1 << 30);
      }},
-    {"export import", "--linger", "SECONDS", "how long to wait at the end for what is on its way",
+    {"export import", "--connect-timeout", "SECONDS",
+     "give up without a connection (default: 10 when refused)",
+     [](Options& o, const std::string& v) { o.connect_timeout = Seconds("--connect-timeout", v); }},
+    {"export import", "--linger", "SECONDS",
+     "how long to wait at the end for what is on its way (default 5)",
      [](Options& o, const std::string& v) { o.linger = Seconds("--linger", v); }},
     {"export import", "--curve-cert", "FILE", "own certificate, which turns on encryption",
      [](Options& o, const std::string& v) { o.certificate = Given("--curve-cert", v); }},

@@ -28,8 +28,10 @@ struct Options {
   bool watch = false;
 
   Link link = Link::kDefault;
-  int high_water = 1000;         // messages
-  std::optional<double> linger;  // seconds
+  std::size_t window = 256;  // messages
+  std::size_t window_bytes = 1048576;
+  std::optional<double> linger;           // seconds
+  std::optional<double> connect_timeout;  // seconds
   std::optional<std::string> certificate;
   std::optional<std::string> server;
   std::optional<std::string> clients;

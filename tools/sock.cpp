@@ -91,7 +91,9 @@ std::size_t EndpointSock::Waiting() const { return BytesWaiting(fd_); }
 // Waits after EAGAIN. Result: whether the transfer may be tried again.
 bool EndpointSock::MayGoOn(short events, bool begun) {
   if (errno == EAGAIN) {
-    ended_ = patience_->Wait(fd_, events, begun);
+    do {
+      ended_ = patience_->Wait(fd_, events, begun);
+    } while (ended_ == Outcome::kTick);
     return ended_ == Outcome::kReady;
   }
   if (MustRepeat(errno)) {
@@ -107,6 +109,7 @@ int EndpointSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t&
   while (done < len) {
     const ssize_t count = ::read(fd_, buf + done, len - done);
     if (count > 0) {
+      wire_.append(reinterpret_cast<const char*>(buf) + done, static_cast<std::size_t>(count));
       done += static_cast<std::size_t>(count);
       moved_ += static_cast<std::size_t>(count);
     } else if (count == 0 || !MayGoOn(POLLIN, moved_ > 0)) {
@@ -141,7 +144,7 @@ int EndpointSock::WriteBlocking(unsigned char* buf, std::size_t len, std::size_t
     } else if (errno == EAGAIN && !waits_for_room_ && moved_ == 0) {
       ended_ = Outcome::kFull;
       return -1;
-    } else if (!MayGoOn(POLLOUT, moved_ > 0 || sends_what_was_taken_)) {
+    } else if (!MayGoOn(POLLOUT, moved_ > 0 || goes_on_in_grace_)) {
       return -1;
     }
   }
@@ -206,7 +209,12 @@ Outcome EndpointSock::Unfinished(Direction direction) {
 
 Outcome EndpointSock::Take(Content& content) {
   Begin();
-  if (const Outcome outcome = patience_->Wait(fd_, POLLIN, false); outcome != Outcome::kReady) {
+  wire_.clear();
+  Outcome outcome = Outcome::kTick;
+  while (outcome == Outcome::kTick) {
+    outcome = patience_->Wait(fd_, POLLIN, goes_on_in_grace_);
+  }
+  if (outcome != Outcome::kReady) {
     return outcome;
   }
   const Msg msg(j_msg_recv(static_cast<JCXXSock*>(this)));
@@ -215,6 +223,14 @@ Outcome EndpointSock::Take(Content& content) {
   }
   TakeApart(msg.get(), content);
   return Outcome::kReady;
+}
+
+Outcome EndpointSock::PutWire(std::string& bytes) {
+  Begin();
+  std::size_t written = 0;
+  return WriteBlocking(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), written) == 0
+             ? Outcome::kReady
+             : Unfinished(Direction::kPush);
 }
 
 Outcome EndpointSock::Put(const Content& content) {
@@ -265,7 +281,7 @@ Outcome EndpointSock::WaitUntilSafeToLeave() {
                  Counted(Waiting(), "byte").c_str(), endpoint_.c_str()));
       }
     }
-    const Outcome outcome = patience_->Wait(-1, 0, sends_what_was_taken_, kLookInterval);
+    const Outcome outcome = patience_->Wait(-1, 0, goes_on_in_grace_, kLookInterval);
     if (outcome != Outcome::kTick) {
       SayWhatLeavingLoses();
       return outcome;

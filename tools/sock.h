@@ -38,9 +38,15 @@ class EndpointSock final : public JCXXSock {
   // message is too large, or cannot be written.
   Outcome Put(const Content& content);
 
-  // Has Put treat every message as begun: one that was taken from elsewhere gets
-  // the grace period even when no byte of it is written.
-  void SendsWhatWasTaken() { sends_what_was_taken_ = true; }
+  // The bytes of the message that was received last.
+  const std::string& wire() const { return wire_; }
+
+  // Sends a message that is such bytes.
+  Outcome PutWire(std::string& bytes);
+
+  // Has Take and Put treat every message as begun: it gets the grace period even when no
+  // byte of it was read or written.
+  void GoesOnInGrace() { goes_on_in_grace_ = true; }
 
   // Has Put send a message whole and at once, or not at all: its result then is kFull.
   void NeverWaitForRoom() { waits_for_room_ = false; }
@@ -89,8 +95,9 @@ class EndpointSock final : public JCXXSock {
   Patience* patience_;
   JCXXSock* opened_;
   int fd_;
-  bool sends_what_was_taken_ = false;
   bool waits_for_room_ = true;
+  bool goes_on_in_grace_ = false;
+  std::string wire_;
   std::size_t moved_ = 0;            // bytes of the message under way
   std::size_t size_on_wire_ = 0;     // of the message being sent
   Outcome ended_ = Outcome::kReady;  // what ended the message under way

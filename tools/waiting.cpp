@@ -101,11 +101,17 @@ void Patience::Interrupt(Outcome cause) {
   }
 }
 
+void Patience::Serve(int fd, std::function<bool()> serve) {
+  served_ = fd;
+  serve_ = std::move(serve);
+}
+
 Outcome Patience::Wait(int fd, short events, bool begun, int slice) {
   std::optional<Clock::time_point> slice_end;
   if (slice >= 0) {
     slice_end = Clock::now() + std::chrono::milliseconds(slice);
   }
+  const std::optional<Outcome> before = cause_;
   for (;;) {
     Progress::Tick();
     const bool late = deadline_ && Clock::now() >= *deadline_;
@@ -119,9 +125,12 @@ Outcome Patience::Wait(int fd, short events, bool begun, int slice) {
       Note(said_in_grace_);
       said_in_grace_.clear();
     }
-    pollfd watched[3] = {
-        {fd, events, 0}, {StopRequests::fd(), POLLIN, 0}, {cause_ ? -1 : output_, 0, 0}};
-    const int ready = ::poll(watched, 3, Milliseconds(slice_end));
+    const bool served = serve_ && serve_();
+    pollfd watched[4] = {{fd, events, 0},
+                         {StopRequests::fd(), POLLIN, 0},
+                         {cause_ ? -1 : output_, 0, 0},
+                         {served_, POLLIN, 0}};
+    const int ready = ::poll(watched, 4, served ? 0 : Milliseconds(slice_end));
     if (watched[1].revents != 0) {
       StopRequests::Take();
       Interrupt(Outcome::kStopped);
@@ -129,10 +138,14 @@ Outcome Patience::Wait(int fd, short events, bool begun, int slice) {
       return Outcome::kReady;
     } else if (watched[2].revents != 0) {
       Interrupt(Outcome::kOutputClosed);
-    } else if (ready == 0 && !cause_ && deadline_ && Clock::now() >= *deadline_) {
+    } else if (ready == 0 && !served && !cause_ && deadline_ && Clock::now() >= *deadline_) {
       Interrupt(Outcome::kTimedOut);
-    } else if (ready == 0 && slice_end && Clock::now() >= *slice_end) {
+    } else if (served || watched[3].revents != 0 ||
+               (ready == 0 && slice_end && Clock::now() >= *slice_end)) {
       return Outcome::kTick;
+    }
+    if (serve_ && cause_ != before) {
+      return Outcome::kTick;  // there may be other things to do now
     }
   }
 }

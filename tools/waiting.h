@@ -5,6 +5,7 @@
 #define JPIPE_WAITING_H
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -51,12 +52,16 @@ class Patience {
   // Has a hang-up of `fd` end a wait with kOutputClosed.
   void WatchOutput(int fd) { output_ = fd; }
 
+  // Has `serve` be called before each wait, and again when `fd` is readable. Its result:
+  // whether it had anything to do.
+  void Serve(int fd, std::function<bool()> serve);
+
   // Said once on standard error when something is waited for in the grace period.
   void SayInGrace(const std::string& text) { said_in_grace_ = text; }
 
   // Waits for `events` on `fd` (-1: for nothing). `begun`: a message is under way.
-  // Result: kReady, kTick after `slice` milliseconds (negative: never), or what
-  // ended it.
+  // Result: kReady; kTick after `slice` milliseconds (negative: never), and after something
+  // was served or a stop request has come in the grace period; or what ended it.
   Outcome Wait(int fd, short events, bool begun, int slice = -1);
 
   // Ends every wait from now on, as a stop request does.
@@ -76,6 +81,8 @@ class Patience {
   std::optional<Outcome> cause_;
   std::string said_in_grace_;
   int output_ = -1;
+  int served_ = -1;
+  std::function<bool()> serve_;
 };
 
 // The exit code of a command that ended so. `complete`: it had nothing left to do.

@@ -39,6 +39,9 @@ class MessageScan {
     return verdict;
   }
 
+  // After kWhole: the bytes of the message.
+  std::size_t size() const { return next_; }
+
  private:
   Verdict Begin(wire::Header what) {
     if (what.kind != wire::Kind::kMsgHeader || what.number == 0) {

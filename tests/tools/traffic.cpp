@@ -1,19 +1,34 @@
-// traffic.cpp - sends numbered messages of mixed shape to an endpoint, or receives
-// them and compares every byte.
+// traffic.cpp - sends numbered messages to an endpoint, or receives them and compares
+// every byte; and plays the far ends of a bridge that jpipe has to stand.
 //
 //   traffic send ENDPOINT COUNT SHAPE
-//   traffic check ENDPOINT COUNT SHAPE [PAUSE]
 //
-// SHAPE is "mixed" (anything that the wire can carry; the check wants every message
-// in its order) or "numbered" (messages that name themselves and fit into PIPE_BUF;
-// the check allows gaps, wants the order kept, and tells what is missing). After
-// PAUSE messages the check prints "paused" and waits for a line of input.
+// sends COUNT messages, or fewer when it is told to stop with SIGTERM, and a signal as
+// their end, and prints how many it were.
 //
-//   traffic foreign ADDRESS
+//   traffic check ENDPOINT SHAPE
 //
-// sends what no jpipe export sends on a ZeroMQ PUSH socket, and a message behind it.
+// receives them up to that signal, prints a line for every 200, and in the end how many
+// there were, how many are missing, and how many came again.
+//
+// SHAPE is "mixed" (anything that the wire can carry, each in its order, none missing)
+// or "numbered" (messages that name themselves and fit into PIPE_BUF).
+//
+//   traffic dealer|push ADDRESS BYTES...
+//
+// sends messages of one part, with \xHH for a byte, on such a socket, and prints what
+// comes back first, if anything may.
+//
+//   traffic endless ADDRESS
+//
+// sends a message whose parts do not end, until the other side ends the connection, and
+// prints "ended"; its parts have one byte, where memory is used most for what is sent.
+#include <arpa/inet.h>
 #include <czmq.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
+#include <csignal>
 #include <iostream>
 #include <random>
 #include <vector>
@@ -21,6 +36,9 @@
 #include "jactor.hpp"
 
 namespace {
+
+constexpr unsigned char kEnd = 255;
+volatile std::sig_atomic_t stopped = 0;
 
 struct Content {
   std::optional<unsigned char> signal;
@@ -37,7 +55,7 @@ std::string RandomBytes(std::minstd_rand& random, std::size_t size) {
 // What the wire can carry, the rare and large kinds now and then.
 Content Mixed(unsigned long k, std::minstd_rand& random) {
   if (k % 11 == 3) {
-    return {static_cast<unsigned char>(random()), {}};
+    return {static_cast<unsigned char>(random() % kEnd), {}};
   }
   if (k % 4999 == 7) {
     return {{}, {RandomBytes(random, 70000), "", RandomBytes(random, JACTOR_MAX_SIZE - 70000)}};
@@ -82,57 +100,122 @@ Content Receive(const jactor::Sock& sock) {
   return content;
 }
 
-int Check(const jactor::Sock& sock, unsigned long count, const std::string& shape,
-          unsigned long pause) {
+int Check(const jactor::Sock& sock, const std::string& shape) {
+  unsigned long next = 0;
   unsigned long lost = 0;
-  for (unsigned long next = 0, received = 0; next < count; ++next) {
+  unsigned long repeated = 0;
+  for (unsigned long count = 1;; ++count) {
     const Content content = Receive(sock);
+    if (content.signal == kEnd) {
+      std::cout << "received " << next - lost << " lost " << lost << " repeated " << repeated
+                << std::endl;
+      return 0;
+    }
     const bool named = shape == "numbered" && !content.frames.empty();
     const unsigned long k = named ? std::strtoul(content.frames[0].c_str(), nullptr, 10) : next;
-    if (k < next || content != Make(k, shape)) {
-      std::cout << "other bytes than were sent at message " << next << '\n';
+    if (content != Make(k, shape)) {
+      std::cout << "other bytes than were sent at message " << next << std::endl;
       return 1;
     }
-    if (k > next) {
-      std::cout << "missing " << next << " to " << k - 1 << '\n';
-      lost += k - next;
-      next = k;
+    if (k < next) {
+      ++repeated;
+      continue;
     }
-    if (++received == pause) {
-      std::cout << "paused" << std::endl;
-      std::cin.ignore(INT_MAX, '\n');
+    lost += k - next;
+    next = k + 1;
+    if (count % 200 == 0) {
+      std::cout << count << std::endl;
     }
   }
-  std::cout << "received " << count - lost << " lost " << lost << '\n';
-  return 0;
 }
 
-int SendForeign(const std::string& address) {
-  zsock_t* push = zsock_new_push(address.c_str());
-  const std::string half(JACTOR_MAX_SIZE / 2 + 1, 'x');
-  zstr_send(push, "X");
-  zstr_sendx(push, "S", "ab", nullptr);
-  zstr_sendx(push, "M", half.c_str(), half.c_str(), nullptr);
-  const int rc = zstr_sendx(push, "M", "good", nullptr);
-  zsock_set_linger(push, -1);
-  zsock_destroy(&push);
-  return rc;
+void SendAll(const jactor::Sock& sock, unsigned long count, const std::string& shape) {
+  std::signal(SIGTERM, [](int) { stopped = 1; });
+  unsigned long k = 0;
+  for (; k < count && !stopped; ++k) {
+    Send(sock, Make(k, shape));
+  }
+  sock.signal(kEnd);
+  std::cout << "sent " << k << std::endl;
+}
+
+std::string Unescaped(const std::string& word) {
+  std::string bytes;
+  for (std::size_t k = 0; k < word.size(); ++k) {
+    if (word.compare(k, 2, "\\x") == 0) {
+      bytes.push_back(static_cast<char>(std::stoi(word.substr(k + 2, 2), nullptr, 16)));
+      k += 3;
+    } else {
+      bytes.push_back(word[k]);
+    }
+  }
+  return bytes;
+}
+
+void SendParts(const std::string& type, const std::vector<std::string>& words) {
+  zsock_t* sock = zsock_new(type == "push" ? ZMQ_PUSH : ZMQ_DEALER);
+  zsock_connect(sock, "%s", words[1].c_str());
+  for (std::size_t k = 2; k < words.size(); ++k) {
+    const std::string bytes = Unescaped(words[k]);
+    zmq_send(zsock_resolve(sock), bytes.data(), bytes.size(), 0);
+  }
+  char answer[1000];
+  while (type == "dealer") {
+    const int count = zmq_recv(zsock_resolve(sock), answer, sizeof answer, 0);
+    if (count >= 5 && answer[4] == 'R') {
+      std::cout << std::string(answer + 5, static_cast<std::size_t>(count) - 5) << std::endl;
+      break;
+    }
+  }
+  zsock_destroy(&sock);
+}
+
+// A ZeroMQ without a queue of its own: the parts go to the network at once.
+void SendEndless(const std::string& address) {
+  const std::size_t colon = address.rfind(':');
+  const std::string host = address.substr(6, colon - 6);
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in to = {};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<std::uint16_t>(std::stoi(address.substr(colon + 1))));
+  ::inet_pton(AF_INET, host.c_str(), &to.sin_addr);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+    throw std::runtime_error("cannot connect");
+  }
+  // ZMTP 3.0: the greeting with no security, and the command READY of a DEALER.
+  std::string bytes("\xff\0\0\0\0\0\0\0\1\x7f\3\0NULL", 16);
+  bytes.resize(64);
+  bytes += std::string("\4\x1c\5READY\13Socket-Type\0\0\0\6DEALER", 30);
+  ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  ::recv(fd, bytes.data(), bytes.size(), MSG_WAITALL);  // its greeting, and most of its READY
+  bytes.clear();
+  for (int k = 0; k < 1000; ++k) {
+    bytes += std::string("\1\1x", 3);  // a part of one byte, and more to come
+  }
+  std::size_t at = 0;
+  for (ssize_t count = 0; count >= 0; at = (at + static_cast<std::size_t>(count)) % bytes.size()) {
+    count = ::send(fd, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
+    if (count < 0) {
+      break;
+    }
+  }
+  ::close(fd);
+  std::cout << "ended" << std::endl;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::vector<std::string> words(argv + 1, argv + argc);
-  if (words.size() == 2) {
-    return SendForeign(words[1]);
+  const std::string& what = words.at(0);
+  if (what == "check") {
+    return Check(jactor::Sock::pull(words.at(1)), words.at(2));
   }
-  const unsigned long count = std::stoul(words.at(2));
-  if (words[0] == "check") {
-    return Check(jactor::Sock::pull(words[1]), count, words.at(3),
-                 words.size() > 4 ? std::stoul(words[4]) : 0);
-  }
-  const auto sock = jactor::Sock::push(words[1]);
-  for (unsigned long k = 0; k < count; ++k) {
-    Send(sock, Make(k, words.at(3)));
+  if (what == "send") {
+    SendAll(jactor::Sock::push(words.at(1)), std::stoul(words.at(2)), words.at(3));
+  } else if (what == "endless") {
+    SendEndless(words.at(1));
+  } else {
+    SendParts(what, words);
   }
 }

@@ -1,197 +1,294 @@
-// export.cpp - jpipe export: messages from an endpoint to a ZeroMQ PUSH socket.
+// export.cpp - jpipe export: messages from an endpoint to imports.
 //
-// A message is taken from the endpoint only when ZeroMQ has room for it: a full
-// far end stops the reading, the FIFO fills, and the senders wait.
-#include <unistd.h>
+// A message is taken from the endpoint only when an import has room for it: a full far
+// end stops the reading, the FIFO fills, and the senders wait. Messages that an import
+// has not confirmed are kept in its lane.
+#include <poll.h>
 
 #include <algorithm>
+#include <deque>
 
 #include "bridge.h"
 #include "commands.h"
 #include "holders.h"
 #include "progress.h"
 #include "report.h"
+#include "sock.h"
+#include "whole_reader.h"
 
 namespace jpipe {
 namespace {
 
-constexpr int kBatch = 100;        // messages between two looks at the other events
-constexpr int kLookInterval = 20;  // milliseconds
+constexpr double kUsualLinger = 5;  // seconds
 
-class Exporter {
+class Exporter final : private Carrier {
  public:
   explicit Exporter(const Options& options)
       : options_(options),
-        reading_(options.timeout),
-        sock_(options.operands[0], Direction::kPull, reading_),
-        bridge_(options, options.operands[1], ZMQ_PUSH, Link::kConnect),
+        patience_(options.timeout, options.linger.value_or(kUsualLinger)),
+        sock_(options.operands[0], Direction::kPull, patience_),
+        reader_(sock_.fd()),
+        bridge_(options, options.operands[1], Role::kExport, Link::kConnect, *this),
         progress_(options.progress) {
     if (options.count || options.timeout) {
       sock_.WillLeave();
     }
+    patience_.Serve(bridge_.fd(), [this] { return bridge_.Serve(); });
+    patience_.SayInGrace("waiting for the confirmations; interrupt again to give up");
   }
-  Exporter(const Exporter&) = delete;
-  Exporter& operator=(const Exporter&) = delete;
-  ~Exporter() { zmsg_destroy(&pending_); }
 
   Exit Run();
 
  private:
-  static int OnMessages(zloop_t* loop, j_sock_t* sock, void* self);
-  static int OnRoom(zloop_t* loop, zmq_pollitem_t* item, void* self);
+  struct Held {
+    std::uint64_t number;
+    std::string bytes;
+  };
+  // What is on its way to one import.
+  struct Lane {
+    Window window;
+    bool ending = false;  // the import takes nothing more
+    std::uint64_t last = 0;
+    std::deque<Held> held;
+    std::uint64_t bytes = 0;  // of what is held
+  };
 
-  void Listen(zloop_t* loop);
-  void AwaitRoom(zloop_t* loop);
-  void Loop();
-  bool TakeOne();
-  bool TakeAnother();
-  bool SendPending();
+  void Joined(const Identity& far) override;
+  void Left(const Identity& far) override;
+  std::string Got(const Identity& far, BridgeType type, std::string_view body) override;
+
+  std::string SetWindow(const Identity& far, std::string_view body);
+  bool Confirm(Lane& lane, std::uint64_t number);
+  void Send(const Identity& far, const Held& held);
+  void SendNew(const Identity& far, std::string bytes);
+  void SendAgain();
+  void TakeBack(const Identity& far);
+  const Identity* Ready();
+  std::uint64_t Unconfirmed() const;
   bool Enough() const { return options_.count && progress_.messages() >= *options_.count; }
-  Outcome SendRest(Patience& patience);
-  Exit Finish(Exit code);
+  Outcome TakeOne();
+  Outcome Carry();
+  Outcome Finish();
 
   const Options& options_;
-  Patience reading_;
-  std::optional<Patience> not_waiting_;  // for the rest, after the loop
+  Patience patience_;
   EndpointSock sock_;
+  WholeReader reader_;
+  std::map<Identity, Lane> lanes_;
+  Identity latest_;                // whose turn it was
+  std::deque<std::string> again_;  // for an import that is not the one they went to
   Bridge bridge_;
   Progress progress_;
-  zmsg_t* pending_ = nullptr;  // taken, and not yet handed to ZeroMQ
   std::optional<Failure> failure_;
 };
 
-// Takes the next message. Result: whether there was one; the loop is to end
-// otherwise.
-bool Exporter::TakeOne() {
-  Content content;
-  if (sock_.Take(content) != Outcome::kReady) {
+void Exporter::Send(const Identity& far, const Held& held) {
+  std::string head;
+  Append(head, held.number, 8);
+  bridge_.Send(far, BridgeType::kData, head, held.bytes);
+}
+
+void Exporter::SendNew(const Identity& far, std::string bytes) {
+  Lane& lane = lanes_[far];
+  latest_ = far;
+  lane.bytes += bytes.size();
+  lane.held.push_back({++lane.last, std::move(bytes)});
+  Send(far, lane.held.back());
+}
+
+// An import whose turn it is and that has room; nullptr when there is none.
+const Identity* Exporter::Ready() {
+  const auto ready = [this](const auto& entry) {
+    const Lane& lane = entry.second;
+    return bridge_.IsJoined(entry.first) && lane.held.size() < lane.window.messages &&
+           lane.bytes < lane.window.bytes;
+  };
+  const auto after = lanes_.upper_bound(latest_);
+  auto found = std::find_if(after, lanes_.end(), ready);
+  if (found == lanes_.end()) {
+    found = std::find_if(lanes_.begin(), after, ready);
+    found = found == after ? lanes_.end() : found;
+  }
+  return found != lanes_.end() ? &found->first : nullptr;
+}
+
+// Takes what an import has not confirmed back, to be sent to others.
+void Exporter::TakeBack(const Identity& far) {
+  const auto lane = lanes_.find(far);
+  std::deque<Held>& held = lane->second.held;
+  for (; !held.empty(); held.pop_back()) {
+    again_.push_front(std::move(held.back().bytes));
+  }
+  lanes_.erase(lane);
+}
+
+void Exporter::SendAgain() {
+  while (!again_.empty()) {
+    const Identity* far = Ready();
+    if (far == nullptr) {
+      return;
+    }
+    std::string bytes = std::move(again_.front());
+    again_.pop_front();
+    SendNew(Identity(*far), std::move(bytes));
+  }
+}
+
+// An import that has not been here takes over what went to those who have gone.
+void Exporter::Joined(const Identity& far) {
+  if (lanes_.count(far) != 0) {
+    lanes_[far].window = {};
+    return;
+  }
+  for (auto lane = lanes_.begin(); lane != lanes_.end();) {
+    const Identity gone = (lane++)->first;
+    if (!bridge_.IsJoined(gone)) {
+      TakeBack(gone);
+    }
+  }
+  lanes_[far];
+}
+
+void Exporter::Left(const Identity& far) {
+  lanes_[far].window = {};
+  if (bridge_.IsJoined()) {
+    TakeBack(far);
+    SendAgain();
+  }
+}
+
+std::string Exporter::Got(const Identity& far, BridgeType type, std::string_view body) {
+  return type == BridgeType::kWindow && body.size() == 16 ? SetWindow(far, body)
+                                                          : "it sends what no import sends";
+}
+
+// Result: false when that number was not sent.
+bool Exporter::Confirm(Lane& lane, std::uint64_t number) {
+  if (number > lane.last) {
     return false;
   }
-  progress_.Add(content);
-  pending_ = ToZmq(content);
+  while (!lane.held.empty() && lane.held.front().number <= number) {
+    lane.bytes -= lane.held.front().bytes.size();
+    lane.held.pop_front();
+  }
   return true;
 }
 
-// Hands the pending message to ZeroMQ. Result: false when it has no room.
-bool Exporter::SendPending() {
-  while (pending_ != nullptr && zmsg_size(pending_) > 0) {
-    zframe_t* part = zmsg_pop(pending_);
-    const int more = zmsg_size(pending_) > 0 ? ZFRAME_MORE : 0;
-    if (zframe_send(&part, bridge_.socket(), more | ZFRAME_DONTWAIT) != 0) {
-      zmsg_prepend(pending_, &part);
-      return false;
+// The first window on a connection comes behind a loss of what was on its way.
+std::string Exporter::SetWindow(const Identity& far, std::string_view body) {
+  Lane& lane = lanes_[far];
+  if (!Confirm(lane, TakeNumber(body, 8))) {
+    return "it confirms what was not sent";
+  }
+  const bool is_first = lane.window.bytes == 0;
+  lane.window.messages = std::min<std::uint64_t>(TakeNumber(body, 4), options_.window);
+  lane.window.bytes = std::min<std::uint64_t>(TakeNumber(body, 4), options_.window_bytes);
+  if (is_first) {
+    for (const Held& held : lane.held) {
+      Send(far, held);
     }
   }
-  zmsg_destroy(&pending_);
-  return true;
+  if (lane.window.messages == 0 && lane.held.empty()) {
+    bridge_.Send(far, BridgeType::kEnd);
+  }
+  SendAgain();
+  return {};
 }
 
-int Exporter::OnMessages(zloop_t* loop, j_sock_t* /*sock*/, void* self) {
-  auto& exporter = *static_cast<Exporter*>(self);
-  try {
-    for (int k = 0; k < kBatch && exporter.sock_.Waiting() > 0; ++k) {
-      if (!exporter.bridge_.Has(ZMQ_POLLOUT)) {
-        exporter.AwaitRoom(loop);
-        return 0;
-      }
-      if (!exporter.TakeOne()) {
-        return -1;
-      }
-      if (!exporter.SendPending()) {
-        exporter.AwaitRoom(loop);
-        return 0;
-      }
-      if (exporter.Enough()) {
-        return -1;
-      }
+std::uint64_t Exporter::Unconfirmed() const {
+  std::uint64_t count = again_.size();
+  for (const auto& [far, lane] : lanes_) {
+    count += lane.held.size();
+  }
+  return count;
+}
+
+// Takes a message and sends it.
+Outcome Exporter::TakeOne() {
+  std::string bytes;
+  if (!reader_.Take(bytes)) {
+    Content content;
+    if (const Outcome outcome = sock_.Take(content); outcome != Outcome::kReady) {
+      return outcome;
     }
-    return 0;
-  } catch (const Failure& failure) {  // no exception may cross the loop, which is C
-    exporter.failure_ = failure;
-    return -1;
+    bytes = sock_.wire();
   }
-}
-
-int Exporter::OnRoom(zloop_t* loop, zmq_pollitem_t* item, void* self) {
-  auto& exporter = *static_cast<Exporter*>(self);
-  if (!exporter.SendPending()) {
-    return 0;
+  progress_.Add(ContentToCount(bytes));
+  if (bytes.size() > kMaxOnWire) {
+    throw Failure(kFailed, Text("a message takes %zu bytes in %s, and the most that a bridge "
+                                "carries is %zu: it is lost; let its sender use shorter headers",
+                                bytes.size(), sock_.endpoint().c_str(), kMaxOnWire));
   }
-  if (exporter.Enough()) {
-    return -1;
-  }
-  zloop_poller_end(loop, item);
-  exporter.Listen(loop);
-  return 0;
+  again_.push_back(std::move(bytes));
+  SendAgain();  // the import may have gone while the message was being taken
+  return Outcome::kReady;
 }
 
-void Exporter::Listen(zloop_t* loop) { hybrid_zloop_reader(loop, &sock_, OnMessages, this); }
-
-void Exporter::AwaitRoom(zloop_t* loop) {
-  hybrid_zloop_reader_end(loop, &sock_);
-  zmq_pollitem_t room = {};
-  room.socket = zsock_resolve(bridge_.socket());
-  room.events = ZMQ_POLLOUT;
-  zloop_poller(loop, &room, OnRoom, this);
-}
-
-void Exporter::Loop() {
-  zloop_t* loop = zloop_new();
-  Listen(loop);
-  RunLoop(loop, options_, reading_);
-  hybrid_zloop_reader_end(loop, &sock_);
-  zloop_destroy(&loop);
-}
-
-// TakeOne, outside the loop.
-bool Exporter::TakeAnother() {
-  try {
-    return TakeOne();
-  } catch (const Failure& failure) {
-    Note(failure.what());
-    failure_ = failure;
-    return false;
-  }
-}
-
-// After the loop: hands over the pending message, takes what would be lost in the
-// FIFO when nobody else has it open, and waits for ZeroMQ.
-Outcome Exporter::SendRest(Patience& patience) {
-  sock_.WaitWith(not_waiting_.emplace(0.0, 0.0));
-  const bool takes_all = !Enough() && !failure_ && !IsHeldElsewhere(sock_.fd());
-  do {
-    while (!SendPending()) {
-      const Outcome outcome = patience.Wait(-1, 0, false, kLookInterval);
-      if (outcome != Outcome::kTick) {
-        return outcome;
-      }
+// Carries messages until it is stopped, or there were enough.
+Outcome Exporter::Carry() {
+  while (!Enough()) {
+    bridge_.CheckConnection();
+    Outcome outcome = patience_.Wait(Ready() != nullptr ? sock_.fd() : -1, POLLIN, false);
+    if (outcome == Outcome::kReady && Ready() != nullptr) {
+      outcome = TakeOne();
     }
-  } while (takes_all && sock_.Waiting() > 0 && TakeAnother());
-  sock_.SayWhatLeavingLoses();
-  return bridge_.Close(patience);
+    if (outcome != Outcome::kReady && outcome != Outcome::kTick) {
+      return outcome;
+    }
+  }
+  return Outcome::kReady;
 }
 
-Exit Exporter::Finish(Exit code) {
-  Patience patience(options_.linger, 0.0);
-  const Outcome outcome = SendRest(patience);
-  Note("exported " + progress_.Counts());
-  if (outcome == Outcome::kReady) {
-    return failure_ ? failure_->code() : code;
+// Takes what would be lost in the FIFO as nobody else has it open, and waits until all is
+// confirmed. Result: kReady, or what ended the wait.
+Outcome Exporter::Finish() {
+  sock_.GoesOnInGrace();
+  bool takes = false;
+  bool looked = false;
+  for (;;) {
+    const bool more = !Enough() && !failure_ && sock_.Waiting() > 0;
+    if (more && !looked) {
+      takes = !IsHeldElsewhere(sock_.fd());
+      looked = true;
+    }
+    if (Unconfirmed() == 0 && !(more && takes)) {
+      return Outcome::kReady;
+    }
+    Outcome outcome = Outcome::kTick;
+    if (more && takes && Ready() != nullptr) {
+      outcome = TakeOne();
+    } else {
+      bridge_.CheckConnection();
+      outcome = patience_.Wait(-1, 0, true);
+    }
+    if (outcome != Outcome::kReady && outcome != Outcome::kTick) {
+      return outcome;
+    }
   }
-  const auto held = std::min<unsigned long long>(
-      progress_.messages(), static_cast<unsigned long long>(options_.high_water) + 1);
-  Note("not everything has left: the last messages, at most " + std::to_string(held) +
-       ", are lost; see that the other side runs and can be reached");
-  ::_exit(kFailed);
 }
 
 Exit Exporter::Run() {
-  Loop();
-  if (failure_) {
-    Note(failure_->what());
+  Outcome carried = Outcome::kReady;
+  Outcome finished = Outcome::kReady;
+  try {
+    carried = Carry();
+    finished = Finish();
+  } catch (const Failure& failure) {
+    Note(failure.what());
+    failure_ = failure;
   }
-  const Outcome outcome = reading_.cause().value_or(Outcome::kReady);
-  return Finish(ExitFor(outcome, !options_.count));
+  const std::uint64_t unconfirmed = Unconfirmed();
+  sock_.SayWhatLeavingLoses();
+  Note("exported " + progress_.Counts());
+  if (unconfirmed > 0) {
+    bridge_.GiveUp();
+    Note(Counted(unconfirmed, "message") +
+         " of them were not confirmed: an import that runs may still have and deliver them");
+  }
+  if (failure_ || finished != Outcome::kReady || unconfirmed > 0) {
+    return failure_ ? failure_->code() : carried == Outcome::kTimedOut ? kTimedOut : kFailed;
+  }
+  return ExitFor(carried, !options_.count);
 }
 
 }  // namespace

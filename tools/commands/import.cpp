@@ -1,179 +1,244 @@
-// import.cpp - jpipe import: messages from a ZeroMQ PULL socket to an endpoint.
+// import.cpp - jpipe import: messages from exports to an endpoint.
 //
-// A message is taken from ZeroMQ only when the one before lies in the FIFO: a full
-// FIFO stops the receiving, and the far end waits.
-#include <unistd.h>
+// What has come waits in a queue, which the windows bound, until it lies in the FIFO; then
+// it is confirmed.
+#include <algorithm>
+#include <deque>
 
 #include "bridge.h"
 #include "commands.h"
+#include "message_scan.h"
 #include "progress.h"
 #include "report.h"
+#include "sock.h"
 
 namespace jpipe {
 namespace {
 
-constexpr int kBatch = 100;  // messages between two looks at the other events
-constexpr int kQuiet = 100;  // milliseconds without a message: none is on its way inside
-constexpr std::chrono::seconds kCatchUp{1};         // then nothing may wait once
-constexpr unsigned long long kUnderWay = 32 << 20;  // more than the buffers of TCP hold
-constexpr const char* kStopping =
-    "stopping when what has arrived is delivered; interrupt again to give up";
+constexpr double kUsualLinger = 5;             // seconds
+constexpr std::size_t kMostRemembered = 1000;  // exports
 
-struct DestroyZmsg {
-  void operator()(zmsg_t* zmsg) const { zmsg_destroy(&zmsg); }
-};
-
-class Importer {
+class Importer final : private Carrier {
  public:
   explicit Importer(const Options& options)
       : options_(options),
-        writing_(options.timeout, options.linger),
-        sock_(options.operands[1], Direction::kPush, writing_),
-        bridge_(options, options.operands[0], ZMQ_PULL, Link::kBind),
+        patience_(options.timeout, options.linger.value_or(kUsualLinger)),
+        sock_(options.operands[1], Direction::kPush, patience_),
+        bridge_(options, options.operands[0], Role::kImport, Link::kBind, *this),
         progress_(options.progress) {
-    sock_.SendsWhatWasTaken();
-    writing_.SayInGrace(kStopping);
+    sock_.GoesOnInGrace();
+    patience_.Serve(bridge_.fd(), [this] { return Serve(); });
+    patience_.SayInGrace("stopping when what has arrived is delivered; interrupt again to give up");
   }
 
   Exit Run();
 
  private:
-  static int OnMessages(zloop_t* loop, zsock_t* socket, void* self);
+  // What has come from one export.
+  struct Lane {
+    std::uint64_t accepted = 0;  // the last number in the queue
+    std::uint64_t written = 0;   // and in the endpoint
+    std::uint64_t confirmed = 0;
+    std::uint64_t bytes = 0;          // that are not confirmed
+    std::uint64_t written_bytes = 0;  // of these in the endpoint
+    bool ended = false;               // it sends nothing more
+    unsigned long long used = 0;      // when, to forget the one that has been gone longest
+  };
+  struct Arrived {
+    Identity from;
+    std::uint64_t number;
+    std::string bytes;
+  };
 
-  bool DeliverOne();
-  void Loop();
-  bool DeliverWhatComes(bool limited);
-  bool DeliverRest();
-  unsigned long long CountUndelivered();
+  void Joined(const Identity& far) override;
+  void Left(const Identity& /*far*/) override {}
+  std::string Got(const Identity& far, BridgeType type, std::string_view body) override;
+
+  bool Serve();
+  void Grant(const Identity& far, Lane& lane);
+  std::string Accept(const Identity& far, std::string_view body);
+  void ForgetOne();
+  Outcome DeliverOne();
+  Outcome DeliverAll();
+  void ConfirmAll();
+  bool AllHaveEnded() const;
 
   const Options& options_;
-  Patience writing_;
+  Patience patience_;
   EndpointSock sock_;
+  std::map<Identity, Lane> lanes_;
+  std::deque<Arrived> queue_;
+  unsigned long long joined_ = 0;
+  bool stopping_ = false;
   Bridge bridge_;
   Progress progress_;
-  unsigned long long refused_ = 0;
-  unsigned long long undelivered_ = 0;
-  std::optional<Failure> failure_;
 };
 
-// Moves one message. Result: false when it could not be delivered.
-bool Importer::DeliverOne() {
-  const std::unique_ptr<zmsg_t, DestroyZmsg> zmsg(zmsg_recv_nowait(bridge_.socket()));
-  if (zmsg == nullptr) {
-    return true;
-  }
-  Content content;
-  if (const std::string wrong = FromZmq(zmsg.get(), content); !wrong.empty()) {
-    ++refused_;
-    Note("refused a message from the network: " + wrong);
-    return true;
-  }
-  if (sock_.Put(content) != Outcome::kReady) {
-    ++undelivered_;
-    return false;
-  }
-  progress_.Add(content);
-  return true;
+// Confirms what lies in the endpoint, and grants the window again.
+void Importer::Grant(const Identity& far, Lane& lane) {
+  lane.confirmed = lane.written;
+  lane.bytes -= lane.written_bytes;
+  lane.written_bytes = 0;
+  std::string body;
+  Append(body, lane.confirmed, 8);
+  Append(body, stopping_ ? 0 : options_.window, 4);
+  Append(body, options_.window_bytes, 4);
+  bridge_.Send(far, BridgeType::kWindow, body);
 }
 
-int Importer::OnMessages(zloop_t* /*loop*/, zsock_t* /*socket*/, void* self) {
-  auto& importer = *static_cast<Importer*>(self);
-  try {
-    for (int k = 0; k < kBatch && importer.bridge_.Has(ZMQ_POLLIN); ++k) {
-      if (!importer.DeliverOne() || importer.writing_.cause()) {
-        return -1;
-      }
+void Importer::ForgetOne() {
+  auto oldest = lanes_.end();
+  for (auto lane = lanes_.begin(); lane != lanes_.end(); ++lane) {
+    const bool idle =
+        !bridge_.IsJoined(lane->first) && lane->second.accepted == lane->second.written;
+    if (idle && (oldest == lanes_.end() || lane->second.used < oldest->second.used)) {
+      oldest = lane;
     }
-    return 0;
-  } catch (const Failure& failure) {  // no exception may cross the loop, which is C
-    importer.failure_ = failure;
-    ++importer.undelivered_;
-    return -1;
+  }
+  if (oldest != lanes_.end()) {
+    lanes_.erase(oldest);
   }
 }
 
-void Importer::Loop() {
-  zloop_t* loop = zloop_new();
-  zloop_reader(loop, bridge_.socket(), OnMessages, this);
-  RunLoop(loop, options_, writing_);
-  zloop_destroy(&loop);
+void Importer::Joined(const Identity& far) {
+  if (lanes_.size() >= kMostRemembered) {
+    ForgetOne();
+  }
+  Lane& lane = lanes_[far];
+  lane.used = ++joined_;
+  lane.ended = false;
+  Grant(far, lane);
 }
 
-// Delivers messages until none has come for a moment. `limited`, for a far end that
-// may go on sending for ever: at most what can have been on its way. Result: whether
-// all were delivered.
-bool Importer::DeliverWhatComes(bool limited) {
-  const unsigned long long most = progress_.bytes() + kUnderWay;
-  const auto limit = Patience::Clock::now() + kCatchUp;
+std::string Importer::Got(const Identity& far, BridgeType type, std::string_view body) {
+  if (type == BridgeType::kEnd) {
+    lanes_[far].ended = stopping_;
+    return {};
+  }
+  return type == BridgeType::kData && body.size() > 8 ? Accept(far, body)
+                                                      : "it sends what no export sends";
+}
+
+// Whether these are one message, and nothing behind it.
+bool IsOneMessage(std::string_view bytes) {
+  MessageScan scan;
+  return scan.Look(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()) ==
+             MessageScan::Verdict::kWhole &&
+         scan.size() == bytes.size();
+}
+
+std::string Importer::Accept(const Identity& far, std::string_view body) {
+  Lane& lane = lanes_[far];
+  const std::uint64_t number = TakeNumber(body, 8);
+  if (number <= lane.accepted) {
+    return {};  // it was sent again, as its confirmation had not arrived
+  }
+  if (lane.accepted != 0 && number != lane.accepted + 1) {
+    return "a message is missing before the one that has come";
+  }
+  if (lane.accepted - lane.confirmed >= options_.window || lane.bytes >= options_.window_bytes) {
+    return "it sends more than was granted";
+  }
+  if (!IsOneMessage(body)) {
+    return "what it sends is no message of an endpoint";
+  }
+  if (lane.accepted == 0) {
+    lane.written = lane.confirmed = number - 1;
+  }
+  lane.accepted = number;
+  lane.bytes += body.size();
+  queue_.push_back({far, number, std::string(body)});
+  return {};
+}
+
+bool Importer::Serve() {
+  const bool any = bridge_.Serve();
+  if (!stopping_ && patience_.cause()) {
+    stopping_ = true;
+    for (auto& [far, lane] : lanes_) {
+      Grant(far, lane);
+    }
+  }
+  return any;
+}
+
+Outcome Importer::DeliverOne() {
+  Arrived& arrived = queue_.front();
+  if (const Outcome outcome = sock_.PutWire(arrived.bytes); outcome != Outcome::kReady) {
+    return outcome;
+  }
+  progress_.Add(ContentToCount(arrived.bytes));
+  Lane& lane = lanes_[arrived.from];
+  lane.written = arrived.number;
+  lane.written_bytes += arrived.bytes.size();
+  if (4 * (lane.written - lane.confirmed) >= options_.window ||
+      4 * lane.written_bytes >= options_.window_bytes) {
+    Grant(arrived.from, lane);
+  }
+  queue_.pop_front();
+  return Outcome::kReady;
+}
+
+void Importer::ConfirmAll() {
+  for (auto& [far, lane] : lanes_) {
+    if (lane.written != lane.confirmed) {
+      Grant(far, lane);
+    }
+  }
+}
+
+bool Importer::AllHaveEnded() const {
+  return std::all_of(lanes_.begin(), lanes_.end(), [this](const auto& entry) {
+    return entry.second.ended || !bridge_.IsJoined(entry.first);
+  });
+}
+
+// Delivers what comes until it is stopped, and then what has come. Result: kReady, or what
+// ended it.
+Outcome Importer::DeliverAll() {
   for (;;) {
-    if (bridge_.Has(ZMQ_POLLIN)) {
-      if (limited && progress_.bytes() > most) {
-        return true;
+    if (queue_.empty()) {
+      Serve();
+    }
+    Outcome outcome = Outcome::kReady;
+    if (!queue_.empty()) {
+      outcome = DeliverOne();
+    } else {
+      ConfirmAll();
+      if (stopping_ && AllHaveEnded()) {
+        return sock_.WaitUntilSafeToLeave();
       }
-      if (!DeliverOne()) {
-        return false;
-      }
-      continue;
+      bridge_.CheckConnection();
+      outcome = patience_.Wait(-1, 0, true);
     }
-    if (limited && Patience::Clock::now() > limit) {
-      return true;
-    }
-    if (writing_.Wait(-1, 0, true, kQuiet) != Outcome::kTick) {
-      return false;
-    }
-    if (!bridge_.Has(ZMQ_POLLIN)) {
-      return true;
+    if (outcome != Outcome::kReady && outcome != Outcome::kTick) {
+      return outcome;
     }
   }
-}
-
-// After the loop: catches up with a far end that has finished, takes nothing more
-// from the network, delivers what has come, and waits for its reader. Result:
-// whether nothing of it is lost.
-bool Importer::DeliverRest() {
-  if (undelivered_ > 0) {
-    return false;
-  }
-  if (!DeliverWhatComes(true)) {
-    return false;
-  }
-  bridge_.Unlink();
-  return DeliverWhatComes(false) && sock_.WaitUntilSafeToLeave() == Outcome::kReady;
-}
-
-// Takes what nobody will deliver, in order to tell how much it is.
-unsigned long long Importer::CountUndelivered() {
-  bridge_.Unlink();
-  unsigned long long count = undelivered_;
-  while (bridge_.Has(ZMQ_POLLIN)) {
-    zmsg_t* zmsg = zmsg_recv_nowait(bridge_.socket());
-    count += zmsg != nullptr ? 1 : 0;
-    zmsg_destroy(&zmsg);
-  }
-  return count;
 }
 
 Exit Importer::Run() {
-  Loop();
-  bool all_delivered = false;
+  std::optional<Failure> failure;
+  Outcome outcome = Outcome::kReady;
   try {
-    if (failure_) {
-      throw Failure(*failure_);
-    }
-    all_delivered = DeliverRest();
-  } catch (const Failure& failure) {
-    Note(failure.what());
+    outcome = DeliverAll();
+  } catch (const Failure& caught) {
+    Note(caught.what());
+    failure = caught;
   }
-  const unsigned long long lost = CountUndelivered();
+  ConfirmAll();
   Note("imported " + progress_.Counts());
-  if (lost > 0) {
-    Note(Counted(lost, "message") + " that had arrived could not be delivered to " +
-         sock_.endpoint() + " and are lost");
+  if (!queue_.empty()) {
+    Note(Counted(queue_.size(), "message") + " that had arrived could not be delivered to " +
+         sock_.endpoint() + ": the exports that run keep what was not confirmed");
   }
-  if (!all_delivered || lost > 0 || refused_ > 0) {
-    return kFailed;
+  if (failure) {
+    return failure->code();
   }
-  return ExitFor(writing_.cause().value_or(Outcome::kReady), true);
+  if (outcome != Outcome::kReady || !queue_.empty()) {
+    return patience_.cause() == Outcome::kTimedOut ? kTimedOut : kFailed;
+  }
+  return ExitFor(patience_.cause().value_or(Outcome::kReady), true);
 }
 
 }  // namespace

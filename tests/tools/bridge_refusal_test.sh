@@ -1,0 +1,89 @@
+#!/bin/bash
+# What a bridge does with far ends that do not fit, or mean it harm.
+. "$(dirname "$0")/lib.sh"
+near=$(endpoint near)
+far=$(endpoint far)
+said() { until_true grep -q -- "$2" "$scratch/$1"; }
+
+start_import "tcp://$loopback:*" "$far"
+
+# Another version is told on both sides, as is whoever is no export.
+greeting='E0123456789abcdef'
+for far_end in "JPB\\x02H$greeting|*version 1*version 2*" "hello|*does not speak as a jpipe*" \
+  "JPB\\x01HI0123456789abcdef|*both sides are an import*" "JPB\\x01Hshort|*greeting is damaged*" \
+  "JPB\\x01D12345678x|*without a greeting*" ; do
+  has "the answer to ${far_end%|*}" "${far_end#*|}" \
+    "$("$TRAFFIC" dealer "$address" "${far_end%|*}")"
+done
+said import 'refused .*version'
+# Data that is no message, numbers with a gap, a window from an export.
+for data in 'D\x00\x00\x00\x00\x00\x00\x00\x01\x05ab|*no message of an endpoint*' \
+  'W0000000000000000|*no export sends*'; do
+  has "the answer to ${data%|*}" "${data#*|}" \
+    "$("$TRAFFIC" dealer "$address" "JPB\\x01H$greeting" "JPB\\x01${data%|*}")"
+done
+one='D\x00\x00\x00\x00\x00\x00\x00\x01\x01a'
+three='D\x00\x00\x00\x00\x00\x00\x00\x03\x01c'
+has 'the answer to a gap' '*a message is missing*' \
+  "$("$TRAFFIC" dealer "$address" "JPB\\x01H$greeting" "JPB\\x01$one" "JPB\\x01$three")"
+is 'what came before the gap is there' a "$("$JPIPE" pull "$far" --count 1)"
+
+# The sockets of an older jpipe do not fit: ZeroMQ itself ends the connection.
+"$TRAFFIC" push "$address" old &
+said import 'an older jpipe'
+wait $!
+
+# A message without an end is cut off before it takes much memory, and the others go on.
+before=$(awk '/VmHWM/ { print $2 }' "/proc/$import/status")
+is 'endless parts' ended "$("$TRAFFIC" endless "$address")"
+said import 'does not end'
+after=$(awk '/VmHWM/ { print $2 }' "/proc/$import/status")
+echo "endless parts took $((after - before)) KiB"
+is 'memory is bounded' yes "$([ $((after - before)) -lt 500000 ] && echo yes || echo "$after")"
+start_export "$near" "$address"
+"$JPIPE" push "$near" good
+is 'others go on' good "$("$JPIPE" pull "$far" --count 1)"
+
+# An export that is refused gives up after its time, with all still in the endpoint.
+for process in $export $import; do ends_cleanly "what goes on" $process; done
+start_export "$near" "tcp://$loopback:*" --bind
+"$JPIPE" push "$near" kept
+"$JPIPE" export "$(endpoint other)" "$address" --connect-timeout 0.2 2>"$scratch/refused"
+is 'the refused export fails' 1 $?
+has 'and says why' '*both sides are an export*no connection for 0.2 seconds*exported 0 messages*' \
+  "$(tr '\n' ' ' <"$scratch/refused")"
+start_import --connect "$address" "$far"
+is 'what was there arrives' kept "$("$JPIPE" pull "$far" --count 1)"
+kill -TERM $import
+wait $import
+ends_cleanly export $export
+
+# More connections than descriptors: the ones there are go on, and nobody spins.
+(
+  ulimit -n 40
+  exec "$JPIPE" import "tcp://$loopback:*" "$far" 2>"$scratch/few"
+) &
+few=$!
+await_link "$scratch/few"
+start_export "$near" "$address"
+said few 'has connected'
+idle=()
+for ((k = 0; k < 200; k++)); do
+  { exec {fd}<>"/dev/tcp/$loopback/${address##*:}"; } 2>/dev/null && idle+=("$fd")
+done
+said few 'too many connections'
+ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
+before=$(ticks $few)
+"$JPIPE" push "$near" one two
+is 'a message gets through' $'one\ttwo' "$("$JPIPE" pull "$far" --count 1)"
+"$JPIPE" pull "$(endpoint other)" --timeout 1
+spent=$(($(ticks $few) - before))
+is 'and it rests' yes "$([ $spent -lt 50 ] && echo yes || echo "$spent ticks")"
+for fd in "${idle[@]}"; do exec {fd}>&-; done
+ends_cleanly export $export
+start_export "$near" "$address"
+"$JPIPE" push "$near" again
+is 'others are let in again' again "$("$JPIPE" pull "$far" --count 1)"
+ends_cleanly export $export
+ends_cleanly import $few
+finish

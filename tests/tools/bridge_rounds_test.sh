@@ -1,0 +1,120 @@
+#!/bin/bash
+# Export and import are stopped and killed again and again under steady traffic, and
+# started again. What was sent is compared with what arrives. $BRIDGE_ROUNDS rounds of
+# each kind.
+. "$(dirname "$0")/lib.sh"
+near=$(endpoint near)
+far=$(endpoint far)
+rounds=${BRIDGE_ROUNDS:-4}
+window=64
+
+# begin BINDING-SIDE - starts traffic, import and export, one of which binds.
+begin() {
+  address="tcp://$loopback:*"
+  if [ "$1" = import ]; then
+    import_link=--bind export_link=--connect
+    new_import
+    new_export
+  else
+    import_link=--connect export_link=--bind
+    new_export
+    new_import
+  fi
+  "$TRAFFIC" check "$far" numbered >"$scratch/check" &
+  check=$!
+  "$TRAFFIC" send "$near" 1000000000 numbered >"$scratch/send" &
+  send=$!
+}
+# new_import LINGER, new_export LINGER
+new_import() {
+  start_import "$address" "$far" "$import_link" --window $window --linger "${1:-100}"
+}
+new_export() {
+  start_export "$near" "$address" "$export_link" --window $window --linger "${1:-100}"
+}
+
+# flows - waits until messages have passed through all.
+flows() {
+  local before
+  before=$(wc -l <"$scratch/check")
+  until_true more_than $((before + 1))
+}
+more_than() { [ "$(wc -l <"$scratch/check")" -gt "$1" ] || ! kill -0 $check; }
+
+# finally WHAT PATTERN - stops all, and compares what has arrived. The sender goes first,
+# and its end goes through all.
+finally() {
+  kill -TERM $send
+  wait $check
+  wait $send
+  ends_cleanly "$1: export" $export
+  ends_cleanly "$1: import" $import
+  figures=$(tail -n 1 "$scratch/check")
+  lost=$(sed -n 's/.*lost \([0-9]*\).*/\1/p' <<<"$figures")
+  repeated=$(sed -n 's/.*repeated //p' <<<"$figures")
+  echo "$1, $rounds rounds: $(cat "$scratch/send"), $figures"
+  is "$1: messages got lost within the bound" yes "$([ "$lost" -le "$2" ] && echo yes || echo "$lost")"
+  is "$1: and came again within it" yes "$([ "$repeated" -le "$3" ] && echo yes || echo "$repeated")"
+}
+
+# One after the other, and in either order; the reader runs.
+for side in import export; do
+  begin $side
+  for ((round = 0; round < rounds; round++)); do
+    flows
+    case $((round % 4)) in
+      0) ends_cleanly 'import alone' $import && new_import ;;
+      1) ends_cleanly 'export alone' $export && new_export ;;
+      2) ends_cleanly 'import before export' $import
+         ends_cleanly 'export behind import' $export
+         new_export && new_import ;;
+      3) ends_cleanly 'export before import' $export
+         ends_cleanly 'import behind export' $import
+         new_import && new_export ;;
+    esac
+  done
+  finally "stopped, $side binds" 0 0
+done
+
+# The reader stands still meanwhile: the side that is stopped ends all the same, and may
+# have to leave messages to the other one.
+begin import
+for ((round = 0; round < rounds; round++)); do
+  flows
+  if ((round % 2)); then
+    ends_cleanly 'import' $import && new_import 0.1
+    flows
+    kill -STOP $check
+    kill -TERM $import
+    wait $import
+    new_import
+  else
+    ends_cleanly 'export' $export && new_export 0.1
+    flows
+    kill -STOP $check
+    kill -TERM $export
+    wait $export
+    new_export
+  fi
+  kill -CONT $check
+done
+finally 'stopped with a reader that stands still' 0 0
+
+begin import
+for ((round = 0; round < rounds; round++)); do
+  flows
+  kill -KILL $import
+  wait $import 2>/dev/null
+  new_import
+done
+finally 'import killed' 0 $((rounds * window))
+
+begin import
+for ((round = 0; round < rounds; round++)); do
+  flows
+  kill -KILL $export
+  wait $export 2>/dev/null
+  new_export
+done
+finally 'export killed' $((rounds * window)) 0
+finish

@@ -1,0 +1,151 @@
+// network.h - the ZeroMQ socket of a bridge, and what happens to its connections.
+//
+// The side that connects has a DEALER socket and one far end, whose name is empty. The
+// side that binds has a ROUTER socket and many far ends, each named by its routing id.
+// All messages have one part: what has more is no message of a bridge, and as ZeroMQ
+// keeps the parts until the last one is there, a connection that sends more bytes than
+// it may without a whole message is closed.
+//
+// One thread: the one that runs the command.
+#ifndef JPIPE_NETWORK_H
+#define JPIPE_NETWORK_H
+
+#include <czmq.h>
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "options.h"
+
+namespace jpipe {
+
+// What a network tells its owner. None of these throws.
+class NetworkEvents {
+ public:
+  virtual ~NetworkEvents() = default;
+  // The side that connects: the connection is up.
+  virtual void Connected() = 0;
+  // A message has come; `bytes` is empty when it was none of one part.
+  virtual void Received(const std::string& far, std::string_view bytes) = 0;
+  // The connection of a far end that had sent something, or was up, has ended, and all
+  // that it sent was received.
+  virtual void Ended(const std::string& far) = 0;
+};
+
+class Network {
+ public:
+  // Binds or connects: as the options say, or else as `usual`. `most_under_way`: the
+  // bytes that a far end may have sent and this side not taken. `most_queued`: the
+  // messages that may wait to be sent to one, 0 for any number.
+  // Fails with kUsage on an address or certificates that make no sense.
+  Network(const Options& options, const std::string& address, Link usual,
+          std::size_t most_under_way, int most_queued, NetworkEvents& events);
+  Network(const Network&) = delete;
+  Network& operator=(const Network&) = delete;
+  ~Network();
+
+  bool binds() const { return binds_; }
+
+  // Readable when Serve has something to do.
+  int fd() const { return epoll_; }
+
+  // Tells what has happened. Result: whether anything has.
+  bool Serve();
+
+  // Sends one message of two pieces. A far end that does not take it is cut off.
+  void Send(const std::string& far, std::string_view head, std::string_view body = {});
+
+  // Closes the connection to a far end, and says why.
+  void Cut(const std::string& far, const std::string& why);
+
+  // The side that connects: the connection is refused. It is tried again later.
+  void Refused(const std::string& reason);
+
+  // The far end is one to work with.
+  void Accepted();
+
+  // Says a sentence once, until the next Accepted.
+  void SayOnce(const std::string& text);
+
+  // The address of the far end.
+  std::string NameOf(const std::string& far) const;
+
+  // Since when the connection is refused without an Accepted, and why.
+  using Clock = std::chrono::steady_clock;
+  std::optional<Clock::time_point> refused_since() const { return refused_since_; }
+  const std::string& why_refused() const { return why_refused_; }
+
+  // The own address.
+  const std::string& address() const { return linked_; }
+
+  // Has fd() be readable at that moment too.
+  void WakeAt(Clock::time_point moment);
+
+  // Loses what waits to be sent, where the socket would stay for a second for it.
+  void GiveUp() { zsock_set_linger(socket_, 0); }
+
+ private:
+  struct Connection {
+    int fd = -1;
+    unsigned long long order = 0;
+    std::string name;  // host and port
+    bool heard = false;
+    std::string far;             // who was heard
+    bool cut = false;            // by this side
+    std::uint64_t received = 0;  // bytes, as of the last message
+    bool took = false;           // a message since then
+  };
+  struct Happening {
+    int event;
+    std::uint32_t value;
+    std::shared_ptr<Connection> connection;  // that has ended
+  };
+
+  void Open(const Options& options, std::size_t most_under_way, int most_queued);
+  void LinkTo(const std::string& address);
+  void Watch(int fd, std::uint32_t events) const;
+  void SetTimer();
+  void ServeTimer();
+  void Added(int fd);
+  void ReadMonitor();
+  std::shared_ptr<Connection> ConnectionOf(int fd, const std::string& far);
+  bool ReceiveOne();
+  void Cut(Connection& connection, const std::string& why);
+  void CheckBytes(Connection& connection);
+  bool CheckArrivals();
+  void Tell(const Happening& happening);
+  void TellEnd(const Connection& connection);
+  void MakeRoom();
+
+  const bool binds_;
+  NetworkEvents& events_;
+  zactor_t* authenticator_ = nullptr;
+  zsock_t* socket_ = nullptr;
+  zsock_t* monitor_ = nullptr;
+  int epoll_;
+  int timer_;
+  std::string linked_;  // the address in use
+  std::size_t most_connections_ = 1;
+  const std::uint64_t most_under_way_;
+  std::map<int, std::shared_ptr<Connection>> connections_;
+  unsigned long long connections_made_ = 0;
+  std::vector<Happening> happenings_;  // not yet told
+  bool up_ = false;                    // the side that connects: it is connected
+  std::string reason_;                 // why the last handshake failed
+  std::string why_refused_;
+  std::optional<Clock::time_point> refused_since_;
+  std::optional<Clock::time_point> retry_;
+  std::optional<Clock::time_point> wake_;
+  std::set<std::string> said_;
+};
+
+}  // namespace jpipe
+
+#endif
