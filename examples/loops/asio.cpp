@@ -1,7 +1,6 @@
 // asio.cpp - an endpoint and a worker actor in an asio loop, with a timer, until SIGTERM
 //
-// Prints the first message of the endpoint (argv[1]), then has the worker do one message at a
-// time and prints the answers.
+// Prints the first message of the endpoint argv[1]. The worker does the others, one at a time.
 #include <asio.hpp>
 #include <chrono>
 #include <csignal>

@@ -1,8 +1,7 @@
 /*
  * glib.c - an endpoint and a worker actor in a GLib loop, with a timer, until SIGTERM
  *
- * Prints the first message of the endpoint (argv[1]), then has the worker do one message at
- * a time and prints the answers.
+ * Prints the first message of the endpoint argv[1]. The worker does the others, one at a time.
  */
 #include <glib-unix.h>
 #include <jactor.h>
@@ -18,13 +17,10 @@ static int status = EXIT_SUCCESS;
 
 /* The actor: adds a frame to each message, and sends a signal back as it is. */
 static void work(j_sock_t* sock, void* args) {
-  JCXXMsg* msg = NULL;
   j_sock_signal(sock, 0);
-  while ((msg = j_msg_recv(sock)) != NULL) {
+  for (JCXXMsg* msg = NULL; (msg = j_msg_recv(sock)) != NULL; j_msg_destroy(&msg)) {
     j_msg_addstr(msg, args);
-    if (j_msg_send(&msg, sock) != 0) {
-      j_msg_destroy(&msg);
-    }
+    j_msg_send(&msg, sock); /* leaves nothing to destroy */
   }
 }
 

@@ -1,8 +1,7 @@
 /*
  * libevent.c - an endpoint and a worker actor in a libevent loop, with a timer, until SIGTERM
  *
- * Prints the first message of the endpoint (argv[1]), then has the worker do one message at
- * a time and prints the answers.
+ * Prints the first message of the endpoint argv[1]. The worker does the others, one at a time.
  */
 #include <event2/event.h>
 #include <jactor.h>
@@ -18,13 +17,10 @@ static int status = EXIT_SUCCESS;
 
 /* The actor: adds a frame to each message, and sends a signal back as it is. */
 static void work(j_sock_t* sock, void* args) {
-  JCXXMsg* msg = NULL;
   j_sock_signal(sock, 0);
-  while ((msg = j_msg_recv(sock)) != NULL) {
+  for (JCXXMsg* msg = NULL; (msg = j_msg_recv(sock)) != NULL; j_msg_destroy(&msg)) {
     j_msg_addstr(msg, args);
-    if (j_msg_send(&msg, sock) != 0) {
-      j_msg_destroy(&msg);
-    }
+    j_msg_send(&msg, sock); /* leaves nothing to destroy */
   }
 }
 
@@ -47,7 +43,7 @@ static void proceed(struct event_base* base) {
     } else if (msg == NULL || j_msg_send(&msg, source[WORKER]) != 0) {
       perror("libevent"); /* the end of the stream, or bytes that are no message */
       status = EXIT_FAILURE;
-      event_base_loopbreak(base);
+      event_base_loopexit(base, NULL);
       return;
     }
     next = next == JOBS ? WORKER : JOBS;
@@ -68,7 +64,7 @@ static void on_timer(evutil_socket_t fd, short events, void* arg) {
 
 static void on_sigterm(evutil_socket_t number, short events, void* base) {
   (void)number, (void)events;
-  event_base_loopbreak(base);
+  event_base_loopexit(base, NULL);
 }
 
 int main(int argc, char** argv) {
@@ -94,9 +90,7 @@ int main(int argc, char** argv) {
     watch[i] = event_new(base, j_sock_fd(source[i]), EV_READ, on_readable, base);
   }
   proceed(base);
-  if (status == EXIT_SUCCESS) {
-    event_base_dispatch(base);
-  }
+  event_base_dispatch(base);
   event_free(watch[JOBS]); /* before their descriptors are closed */
   event_free(watch[WORKER]);
   event_free(timer);

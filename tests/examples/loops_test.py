@@ -93,11 +93,15 @@ def takes_everything(command):
 
 
 def ends_at_bytes_that_are_no_message(command):
-    with run(command, "bad", message(b"title")) as program:
-        program.expect("title: title")
+    damage = b"\x7f" * 5
+    with run(command, "later", message(b"apples")) as program:
+        program.expect("title: apples")
         program.expect_ticks(1)
-        program.write(b"\x7f" * 5)
+        program.write(damage)
         program.expect("stopped")
+        program.expect_end(1, "Bad message")
+    with run(command, "ahead", message(b"plums") + damage) as program:  # before the loop
+        program.expect("title: plums", "stopped")
         program.expect_end(1, "Bad message")
 
 
