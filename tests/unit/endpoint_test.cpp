@@ -120,6 +120,8 @@ TEST_F(EndpointTest, ObstaclesAreReplacedOrRefused) {
       {"unable to create tmpdir", false, Fail(EEXIST), [&] { fs::remove_all(dir); }},
       {"tmpdir exists but is not a directory.; unable to remove non-directory tmpdir", false,
        Fail(EPERM), [&] { MakeFile(dir); }},
+      {"tmpdir exists but is not a directory.; unable to remove non-directory tmpdir", false,
+       Fail(ENOENT), [&] { MakeFile(dir); }},
   };
   for (const auto& obstacle : kObstacles) {
     fs::remove_all(dir);

@@ -30,6 +30,7 @@ TEST_F(ActorTest, AnActorAnswersUntilItIsDestroyed) {
   JCXXActor* actor = j_actor_new(Echo, &stopped);
   for (void* end : {static_cast<void*>(actor), static_cast<void*>(j_actor_sock(actor))}) {
     EXPECT_EQ(j_sock_signal(end, 255), 0);
+    EXPECT_EQ(j_sock_wait(end, -1), 1);
     JCXXMsg* msg = j_msg_recv(end);
     EXPECT_EQ(j_msg_signal(msg), 255);
     j_msg_destroy(&msg);

@@ -39,6 +39,15 @@ TEST_F(FrameTest, AHeaderTakesTheShortestFormAtEverySizeBoundary) {
   }
 }
 
+TEST_F(FrameTest, AHeaderOfASignalHoldsItsValue) {
+  const std::pair<unsigned char, std::string> kSignals[] = {
+      {0, "\x80"}, {1, "\x81"}, {63, "\xBF"}, {64, "\xC0\x40"}, {255, "\xC0\xFF"}};
+  for (const auto& [value, header] : kSignals) {
+    JCXXFrame signal(value);
+    EXPECT_EQ(Header(signal), header) << int{value};
+  }
+}
+
 TEST_F(FrameTest, AFrameIsWrittenAsItsHeaderAndItsBytes) {
   JCXXFrame data;
   data.SetSize(3);

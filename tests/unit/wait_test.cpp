@@ -66,6 +66,35 @@ TEST_F(WaitTest, ATimeLimitBetweenAnyTwoBytesLosesNothing) {
   EXPECT_EQ(Wait(), 0);
 }
 
+// A half message behind one that was taken moves to the front of the buffer.
+TEST_F(WaitTest, WhatWasReadAheadGivesWayToTheRest) {
+  Feed("\1x\5he");
+  EXPECT_EQ(Receive(), 1U);
+  EXPECT_EQ(j_sock_buffered(b.get()), 3U);
+  Feed("l");
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_EQ(j_sock_buffered(b.get()), 4U);
+  Feed("lo");
+  EXPECT_EQ(Receive(), 5U);
+}
+
+TEST_F(WaitTest, AReadThatIsInterruptedIsRepeated) {
+  Feed("\5he");
+  const Script reads(Call::kRead, {Fail(EINTR), Fail(EAGAIN)});
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_EQ(reads.count(), 3U);
+  EXPECT_EQ(j_sock_buffered(b.get()), 3U);
+}
+
+TEST_F(WaitTest, AReadThatFailsIsLeftToTheReceive) {
+  Feed("\5hello");
+  for (const Step& step : {Fail(EIO), Return(0)}) {
+    const Script reads(Call::kRead, {step});
+    EXPECT_EQ(Wait(), 1);
+  }
+  EXPECT_EQ(Receive(), 5U);
+}
+
 // What a receive does not wait for either, and says so.
 TEST_F(WaitTest, AnEndAndDamageAreToldByTheReceive) {
   for (const std::string& damage : {std::string("\x45\x81"), std::string("\x41\2xx"),
