@@ -61,6 +61,7 @@ endforeach()
 # The documents, which refer to each other by these paths, and the examples to copy.
 install(FILES README.md NEWS.md SECURITY.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(DIRECTORY docs DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(FILES python/README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}/python")
 install(DIRECTORY examples DESTINATION "${CMAKE_INSTALL_DOCDIR}"
   PATTERN CMakeLists.txt EXCLUDE)
 

@@ -159,7 +159,7 @@ class Endpoint:
     def _forget(self) -> None:
         """In the child of a fork: what has been read ahead or half sent is the parent's."""
         self._discard()
-        self._close()
+        Endpoint._close(self)
         self._why_closed = "opened before a fork, by the parent process: open the endpoint in this one"
 
 

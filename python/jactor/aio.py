@@ -61,6 +61,10 @@ class _Asynchronous(Endpoint):
             self._stop_waiting()
         super()._close()
 
+    def _forget(self) -> None:
+        self._stop_waiting = None  # the child shares what its parent's loop waits with
+        super()._forget()
+
 
 class Pull(_Asynchronous, Reader):
     """Receives from an endpoint as `jactor.Pull` does, in `async with` and `async for`."""

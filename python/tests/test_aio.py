@@ -209,3 +209,20 @@ async def test_closing_gives_a_message_that_has_begun_time_for_its_rest(endpoint
         closing = asyncio.create_task(push.aclose())
         assert await pull.receive() == (LARGE,)
         await closing
+
+
+@run
+async def test_a_fork_leaves_the_parents_wait_alone(endpoint):
+    async with aio.Pull(endpoint) as pull, aio.Push(endpoint) as push:
+        waiting = asyncio.create_task(pull.receive())
+        await settle()
+        pid = os.fork()
+        if pid == 0:
+            try:
+                waiting.get_coro().close()
+            finally:
+                os._exit(not pull.closed)
+        assert os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) == 0
+        await push.send("after")
+        async with asyncio.timeout(10):
+            assert await waiting == (b"after",)
