@@ -32,11 +32,11 @@ void print(const char* what, Message message) {
 }
 
 // What was read ahead is received like everything else, and half a message holds up nothing.
-asio::awaitable<void> serve(SockRef jobs, SockRef worker) {
+asio::awaitable<void> serve(SockRef jobs, const jactor::Actor& worker) {
   while (auto job = co_await jactor::async_receive(jobs, asio::use_awaitable)) {
     co_await jactor::async_send(worker, std::move(*job), asio::use_awaitable);
     auto answer = co_await jactor::async_receive(worker, asio::use_awaitable);
-    print("answer", std::move(answer.value()));
+    print("answer", std::move(answer.value()));  // none would be the worker's end
   }
 }
 
@@ -63,7 +63,7 @@ void run(const char* endpoint) {
   asio::io_context loop;
   asio::signal_set sigterm(loop, SIGTERM);
   sigterm.async_wait([&](asio::error_code, int) { loop.stop(); });
-  asio::co_spawn(loop, serve(jobs, worker.sock()), pass_on);
+  asio::co_spawn(loop, serve(jobs, worker), pass_on);
   asio::co_spawn(loop, tick(), pass_on);
   loop.run();
 }

@@ -437,6 +437,7 @@ class Stream {
 };
 
 class ActorState;
+class ReceiveOperation;  // in jactor_asio.hpp
 
 }  // namespace detail
 
@@ -644,6 +645,7 @@ class Actor : public detail::Stream<Actor> {
 
  private:
   friend detail::Stream<Actor>;
+  friend detail::ReceiveOperation;
   int done_fd() const noexcept { return state_ == nullptr ? -1 : state_->done_fd(); }
 
   std::unique_ptr<detail::ActorState> state_;  // outlives the actor

@@ -13,6 +13,8 @@
 #define JACTOR_ASIO_HPP
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -49,6 +51,17 @@ namespace detail {
 
 inline asio_error error_from(int reason) { return {reason, asio::error::get_system_category()}; }
 
+// asio closes what it is not told to release.
+struct EndWatch {
+  bool lent = true;
+  void operator()(asio::posix::stream_descriptor* watched) const {
+    if (lent && watched->is_open()) {
+      watched->release();
+    }
+    delete watched;
+  }
+};
+
 // What both operations are made of. `Self` is asio's part of one: it owns the operation, and
 // has the handler with its executor and its cancellation.
 class AsioOperation {
@@ -78,14 +91,25 @@ class AsioOperation {
 #endif
   }
 
-  // Has the loop watch the descriptor. Result: why not, such as EBUSY when it does so for
-  // another operation.
+  // Has the loop watch the descriptor, which is the sock's own: asio must not close it. (A
+  // duplicate would keep the pipe open when the sock or the actor is destroyed.) Result: why
+  // not, such as EBUSY when it does so for another operation.
   template <class Self>
   asio_error watch(Self& self, int fd) {
     watched_.reset(new asio::posix::stream_descriptor(self.get_executor()));
     asio_error failure;
     watched_->assign(fd, failure);
     return failure == error_from(EEXIST) ? error_from(EBUSY) : failure;
+  }
+  // The same with a descriptor that is closed afterwards.
+  template <class Self>
+  asio_error watch_own(Self& self, int fd) {
+    const asio_error failure = watch(self, fd);
+    watched_.get_deleter().lent = bool(failure);
+    if (failure) {
+      ::close(fd);
+    }
+    return failure;
   }
   bool watches() const { return watched_ != nullptr; }
 
@@ -101,24 +125,14 @@ class AsioOperation {
   }
 
  private:
-  // asio is lent the sock's own descriptor, and must not close it. (A duplicate would keep
-  // the pipe open when the sock or the actor is destroyed.)
-  struct Release {
-    void operator()(asio::posix::stream_descriptor* watched) const {
-      if (watched->is_open()) {
-        watched->release();
-      }
-      delete watched;
-    }
-  };
-
   bool started_ = false;
-  std::unique_ptr<asio::posix::stream_descriptor, Release> watched_;
+  std::unique_ptr<asio::posix::stream_descriptor, EndWatch> watched_;
 };
 
 class ReceiveOperation : AsioOperation {
  public:
   explicit ReceiveOperation(SockRef sock) : sock_(sock) {}
+  explicit ReceiveOperation(const Actor& actor) : sock_(actor.sock()), done_fd_(actor.done_fd()) {}
 
   template <class Self>
   void operator()(Self& self, asio_error waited = {}) {
@@ -131,7 +145,7 @@ class ReceiveOperation : AsioOperation {
     failure_ = failure_ ? failure_ : waited;
     bool ready = is_ready();
     if (!ready && !watches()) {
-      failure_ = watch(self, j_sock_fd(sock_.get()));
+      failure_ = watch_source(self);
       ready = bool(failure_);
     }
     if (!ready) {
@@ -149,18 +163,45 @@ class ReceiveOperation : AsioOperation {
     if (failure_) {
       return true;
     }
+    // Asked first: what was written before the callable's end is seen after it.
+    pollfd done = {done_fd_, POLLIN, 0};
+    ended_ = done_fd_ >= 0 && ::poll(&done, 1, 0) > 0;
     const int ready = j_sock_wait(sock_.get(), 0);
     if (ready < 0 && errno != EINTR) {
       failure_ = error_from(errno);
+    } else if (ready > 0) {
+      ended_ = false;
+    } else if (ended_ && j_sock_buffered(sock_.get()) > 0) {
+      failure_ = error_from(EBADMSG);
     }
-    return ready > 0 || failure_;
+    return ready > 0 || ended_ || failure_;
+  }
+
+  // An actor is watched by a descriptor that stands for two: its pipe and its end.
+  template <class Self>
+  asio_error watch_source(Self& self) {
+    const int fd = j_sock_fd(sock_.get());
+    if (done_fd_ < 0) {
+      return watch(self, fd);
+    }
+    const int both = ::epoll_create1(EPOLL_CLOEXEC);
+    for (const int part : {fd, done_fd_}) {
+      epoll_event event = {};
+      event.events = EPOLLIN;
+      if (both < 0 || ::epoll_ctl(both, EPOLL_CTL_ADD, part, &event) != 0) {
+        const asio_error failure = error_from(errno);
+        ::close(both);
+        return failure;
+      }
+    }
+    return watch_own(self, both);
   }
 
   template <class Self>
   void complete(Self& self) {
     end_watch();
     std::optional<Message> message;
-    if (!failure_) {
+    if (!failure_ && !ended_) {
       if (JCXXMsg* msg = j_msg_recv(sock_.get()); msg != nullptr) {
         message.emplace(msg);
       } else if (errno != 0) {
@@ -171,6 +212,8 @@ class ReceiveOperation : AsioOperation {
   }
 
   SockRef sock_;
+  int done_fd_ = -1;  // readable when the actor's callable has ended
+  bool ended_ = false;
   asio_error failure_;
 };
 
@@ -302,12 +345,18 @@ class SendOperation : AsioOperation {
 // executor's loop watches the descriptor, which is non-blocking from then on; the sock's other
 // receives go on as before.
 //
-// One receive at a time on a sock: a second one that has to wait fails with EBUSY. It does not
-// see that an actor's callable has ended.
+// One receive at a time on a sock: a second one that has to wait fails with EBUSY. On an actor
+// the stream ends when its callable has ended and all that it sent is received; a receive on
+// Actor::sock() does not see that.
 template <class Token>
 auto async_receive(SockRef sock, Token&& token) {
   return asio::async_compose<Token, void(asio_error, std::optional<Message>)>(
       detail::ReceiveOperation(sock), token);
+}
+template <class Token>
+auto async_receive(const Actor& actor, Token&& token) {
+  return asio::async_compose<Token, void(asio_error, std::optional<Message>)>(
+      detail::ReceiveOperation(actor), token);
 }
 
 // Sends the message, without holding up the loop: what the pipe has no room for is written as
@@ -326,6 +375,10 @@ template <class Token>
 auto async_send(SockRef sock, Message message, Token&& token) {
   return asio::async_compose<Token, void(asio_error)>(
       detail::SendOperation(sock, std::move(message)), token);
+}
+template <class Token>
+auto async_send(const Actor& actor, Message message, Token&& token) {
+  return async_send(actor.sock(), std::move(message), std::forward<Token>(token));
 }
 
 }  // namespace jactor

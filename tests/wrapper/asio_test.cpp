@@ -1,5 +1,6 @@
 // asio_test.cpp - jactor_asio.hpp: messages in asio's loop, and what a cancellation leaves.
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
@@ -358,6 +359,37 @@ TEST_F(Asio, AnActorCanBeDestroyedUnderAReceive) {
     Turn();
   }
   EXPECT_EQ(outcome.what, "pending");
+}
+
+// As the actor's own receive does; its sock alone would wait for ever.
+TEST_F(Asio, AReceiveOnAnActorEndsWithItsCallable) {
+  for (const bool inside_a_message : {false, true}) {
+    Actor actor([&](SockRef sock) {
+      sock.ready();
+      Message request = *sock.receive();
+      sock.send(std::move(request));
+      int fd = -1;
+      if (inside_a_message && sock.get()->GetWriteFD(fd) == 0) {
+        EXPECT_EQ(::write(fd, kFirstPart.data(), kFirstPart.size()), ssize_t(kFirstPart.size()));
+      }
+    });
+    Outcome answer;
+    Outcome at_end;
+    Outcome sent;
+    async_receive(actor, answer.handler(loop));
+    Turn();
+    EXPECT_EQ(answer.what, "pending");
+    async_send(actor, Message{"question"}, sent.send_handler(loop));
+    loop.restart();
+    loop.run();
+    async_receive(actor, at_end.handler(loop));
+    loop.restart();
+    loop.run();
+    EXPECT_EQ(answer.what, "question");
+    EXPECT_EQ(at_end.what, inside_a_message
+                               ? asio::error_code(EBADMSG, std::system_category()).message()
+                               : "nothing");
+  }
 }
 
 TEST_F(Asio, AFutureCanBeWaitedForWhileAnotherThreadRunsTheLoop) {
