@@ -11,7 +11,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -64,7 +63,7 @@ class GatherList {
 
 int WriteSignalFrame(JCXXSock* psock, unsigned char value) {
   JACTOR_TRACE_AS(kWriteMessage, "write a signal message");
-  const int rc = JCXXFrame(value).WriteFrameToSock(psock);
+  const int rc = registry::Private<JCXXFrame>(value)->WriteFrameToSock(psock);
   JACTOR_TRACE_AS(kWriteMessage, "WriteMessage rc=%d", rc);
   return rc;
 }
@@ -103,9 +102,7 @@ int WriteData(JCXXSock* psock, JCXXMsg& msg) {
     return WriteFrames(psock, msg, list);
   }
   JACTOR_TRACE_AS(kWriteMessage, "message has either zero or multiple frames");
-  const registry::MakingTogether unentered;  // the header, which nobody else sees
-  std::optional<JCXXFrame> header;
-  registry::Construct([&] { header.emplace(msg.msg_size); });
+  registry::Private<JCXXFrame> header(msg.msg_size);
   if (const int rc = list.Add(*header); rc != 0) {
     return rc;
   }
@@ -314,7 +311,7 @@ JCXXMsg* JCXXMsg::ReadMessage(JCXXSock* psock) {
 }
 
 int JCXXMsg::WriteSignalMessage(JCXXSock* psock, unsigned char value) {
-  return JCXXMsg(value).WriteMessage(psock);
+  return registry::Private<JCXXMsg>(value)->WriteMessage(psock);
 }
 
 int JCXXMsg::WaitForSignal(JCXXSock* psock) {

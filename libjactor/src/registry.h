@@ -389,7 +389,7 @@ void Leave(JCXXActorAPI& api, Object* p, Refused refused) {
   }
 }
 
-// While it lives, what this thread makes with Construct() or New() has not entered the registry,
+// While it lives, what this thread makes with New() has not entered the registry,
 // and need not when it is destroyed before Enter().
 class MakingTogether {
  public:
@@ -415,17 +415,30 @@ class MakingTogether {
   Memory* memory_;
 };
 
-// Constructs one object, by calling `construct`, for the MakingTogether around it if there
-// is one.
-template <class Constructor>
-auto Construct(Constructor construct) {
-  const Making::Constructing constructing(Memory::own != nullptr ? Memory::own->making : nullptr);
-  return construct();
-}
+// Makes an object, for the MakingTogether around it if there is one.
 template <class Object, class... Arguments>
 std::unique_ptr<Object> New(Arguments... arguments) {
-  return Construct([=] { return std::make_unique<Object>(arguments...); });
+  const Making::Constructing constructing(Memory::own != nullptr ? Memory::own->making : nullptr);
+  return std::make_unique<Object>(arguments...);
 }
+
+// An object that a call has for itself, and that never enters.
+template <class Object>
+class Private {
+ public:
+  template <class... Arguments>
+  explicit Private(Arguments... arguments) {
+    const Making::Constructing constructing(Memory::own != nullptr ? Memory::own->making : nullptr);
+    object_.emplace(arguments...);
+  }
+
+  Object& operator*() { return *object_; }
+  Object* operator->() { return &*object_; }
+
+ private:
+  MakingTogether scope_;
+  std::optional<Object> object_;
+};
 
 // Takes a message's frames, and then the message, out of their sets at once; they are
 // destroyed next, in this order. Those that are not there are left to leave one by one,
