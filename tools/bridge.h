@@ -51,6 +51,9 @@ struct Window {
   std::uint64_t bytes = 0;
 };
 
+// How long a side that was asked to stop waits for the other one.
+constexpr double kUsualLinger = 5;  // seconds
+
 // The longest form of a message in an endpoint: its frames may be as many as its bytes.
 constexpr std::size_t kMaxOnWire = 2 * std::size_t{JACTOR_MAX_SIZE} + 128 * 1024;
 

@@ -19,8 +19,6 @@
 namespace jpipe {
 namespace {
 
-constexpr double kUsualLinger = 5;  // seconds
-
 class Exporter final : private Carrier {
  public:
   explicit Exporter(const Options& options)

@@ -15,7 +15,6 @@
 namespace jpipe {
 namespace {
 
-constexpr double kUsualLinger = 5;             // seconds
 constexpr std::size_t kMostRemembered = 1000;  // exports
 
 class Importer final : private Carrier {
