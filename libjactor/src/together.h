@@ -8,7 +8,6 @@
 #define JACTOR_TOGETHER_H
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <type_traits>
 #include <utility>
@@ -22,15 +21,15 @@ template <class Object>
 class Unentered {
  public:
   bool empty() const { return first_ == end_; }
-  bool full() const { return end_ == std::ptrdiff_t{kRoom}; }
+  bool full() const { return end_ == kRoom; }
   void Add(Object* p) { objects_[end_++] = p; }
 
   // Drops `p`, which its maker has no use for; false when it is not among them. They
   // mostly go in the order in which they came, or the last one first.
   bool Drop(const Object* p) {
-    const auto begin = objects_.begin() + first_;
-    const auto end = objects_.begin() + end_;
-    const auto found = !empty() && *(end - 1) == p ? end - 1 : std::find(begin, end, p);
+    Object** const begin = objects_ + first_;
+    Object** const end = objects_ + end_;
+    Object** const found = !empty() && *(end - 1) == p ? end - 1 : std::find(begin, end, p);
     if (found == end) {
       return false;
     }
@@ -55,9 +54,9 @@ class Unentered {
  private:
   static constexpr std::size_t kRoom = 64;
 
-  std::array<Object*, kRoom> objects_;
-  std::ptrdiff_t first_ = 0;
-  std::ptrdiff_t end_ = 0;
+  Object* objects_[kRoom];
+  std::size_t first_ = 0;
+  std::size_t end_ = 0;
 };
 
 // What one call makes, until it enters.
@@ -77,15 +76,15 @@ struct Making {
 
   class Constructing {
    public:
-    explicit Constructing(Making* making) : making_(making) { Set(true); }
+    explicit Constructing(Making* what) : making_(what) { Set(true); }
     Constructing(Constructing const&) = delete;
     Constructing& operator=(Constructing const&) = delete;
     ~Constructing() { Set(false); }
 
    private:
-    void Set(bool constructing) {
+    void Set(bool now) {
       if (making_ != nullptr) {
-        making_->constructing = constructing;
+        making_->constructing = now;
       }
     }
 
