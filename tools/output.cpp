@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "report.h"
+#include "terminal.h"
 
 namespace jpipe {
 namespace {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "report.h"
+#include "terminal.h"
 
 namespace jpipe {
 namespace {

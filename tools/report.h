@@ -2,7 +2,6 @@
 #ifndef JPIPE_REPORT_H
 #define JPIPE_REPORT_H
 
-#include <cstddef>
 #include <stdexcept>
 #include <string>
 
@@ -29,24 +28,6 @@ std::string Counted(unsigned long long number, const char* noun);
 
 // Writes "jpipe: TEXT" and a newline to standard error with one write.
 void Note(const std::string& text);
-
-// The size of the terminal `fd`; the usual one when it is not known.
-struct TerminalSize {
-  std::size_t columns = 80;
-  std::size_t rows = 24;
-};
-TerminalSize SizeOfTerminal(int fd);
-
-// The status: a line at the bottom of the terminal on standard error, which gives way
-// to everything else. It is cut to the terminal's width.
-void ShowStatus(const std::string& line);
-
-// The same for the last time: the line stays.
-void EndStatus(const std::string& line);
-
-// Removes the line before something is written to a terminal on standard output, whose
-// last byte will be `last`: an unfinished line keeps the status away.
-void GiveWay(char last);
 
 // The reason in the last failure line that the library logged, without the
 // source position; empty when there is none since the last ForgetLibraryError.

@@ -19,6 +19,7 @@
 #include "holders.h"
 #include "output.h"
 #include "report.h"
+#include "terminal.h"
 
 namespace jpipe {
 namespace {
