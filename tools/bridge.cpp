@@ -31,14 +31,14 @@ Identity RandomIdentity() {
 
 const char* NameOf(Role role) { return role == Role::kExport ? "export" : "import"; }
 
-// More than an honest far end has on its way.
-std::size_t MostUnderWay(const Options& options) {
-  return options.window_bytes + kMaxOnWire + (options.window + 16) * kOverhead;
-}
-
-// An import queues its confirmations; what an export queues is bounded by the window.
-int MostQueued(const Options& options, Role role) {
-  return role == Role::kExport ? 0 : static_cast<int>(2 * options.window + 16);
+// What an honest far end has on its way. An import queues its confirmations; what an
+// export queues is bounded by the window.
+Network::Limits LimitsOf(const Options& options, Role role) {
+  Network::Limits limits;
+  limits.message = kMaxOnWire + kOverhead;
+  limits.under_way = options.window_bytes + limits.message + (options.window + 16) * kOverhead;
+  limits.queued = role == Role::kExport ? 0 : static_cast<int>(2 * options.window + 16);
+  return limits;
 }
 
 }  // namespace
@@ -77,7 +77,7 @@ Bridge::Bridge(const Options& options, const std::string& address, Role role, Li
       carrier_(carrier),
       identity_(RandomIdentity()),
       alone_since_(Network::Clock::now()),
-      network_(options, address, usual, MostUnderWay(options), MostQueued(options, role), *this) {}
+      network_(options, address, usual, LimitsOf(options, role), *this) {}
 
 void Bridge::SendTo(const std::string& address, BridgeType type, const std::string& head,
                     std::string_view rest) {

@@ -4,8 +4,8 @@
 // Then the import grants a window: so many messages and bytes may be on their way that
 // it has not confirmed. It confirms a message when it lies in its endpoint. The export
 // keeps what is not confirmed, and sends it again when the same import is back after a
-// loss of the connection, or another one has come. To one import it numbers its
-// messages without a gap, so that the import knows which ones it has.
+// loss of the connection, or another one has come. The numbers that it gives its messages
+// grow, so that the import knows which ones it has.
 //
 // Every message begins with three bytes, a version and a type:
 //

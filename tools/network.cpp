@@ -83,8 +83,8 @@ std::string HostOf(const std::string& name) { return name.substr(0, name.rfind('
 std::string WhyRefused(int event, std::uint32_t value, bool binds) {
   if (event == 0 || event == ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL) {
     return binds ? "it went without a greeting: it is an older jpipe, or none"
-                 : "the other side broke off: it is an older jpipe, or none, or has another "
-                   "certificate than the one in --curve-server";
+                 : "the other side broke off: it is an older jpipe, or none, or encrypts alone, or "
+                   "has another certificate than the one in --curve-server";
   }
   if (event == ZMQ_EVENT_HANDSHAKE_FAILED_AUTH) {
     return binds ? "its certificate is not among those in --curve-clients"
@@ -104,12 +104,12 @@ std::string WhyRefused(int event, std::uint32_t value, bool binds) {
 }  // namespace
 
 Network::Network(const Options& options, const std::string& address, Link usual,
-                 std::size_t most_under_way, int most_queued, NetworkEvents& events)
+                 const Limits& limits, NetworkEvents& events)
     : binds_((options.link == Link::kDefault ? usual : options.link) == Link::kBind),
       events_(events),
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
-      most_under_way_(most_under_way) {
+      limits_(limits) {
   CheckAddress(address, binds_);
   CheckCertificateOptions(options, binds_);
   zsys_handler_set(nullptr);  // the signals are jpipe's own
@@ -119,7 +119,7 @@ Network::Network(const Options& options, const std::string& address, Link usual,
   if (socket_ == nullptr || monitor_ == nullptr || epoll_ < 0 || timer_ < 0) {
     throw Failure(kFailed, std::string("cannot make a ZeroMQ socket: ") + std::strerror(errno));
   }
-  Open(options, most_under_way, most_queued);
+  Open(options);
   LinkTo(address);
 }
 
@@ -131,9 +131,9 @@ Network::~Network() {
   ::close(epoll_);
 }
 
-void Network::Open(const Options& options, std::size_t most_under_way, int most_queued) {
-  zsock_set_maxmsgsize(socket_, static_cast<int>(most_under_way));
-  zsock_set_sndhwm(socket_, most_queued);
+void Network::Open(const Options& options) {
+  zsock_set_maxmsgsize(socket_, static_cast<int>(limits_.message));
+  zsock_set_sndhwm(socket_, limits_.queued);
   zsock_set_linger(socket_, kClosing);
   zsock_set_immediate(socket_, 1);  // what is queued for a connection ends with it
   if (binds_) {
@@ -331,7 +331,7 @@ void Network::CheckBytes(Connection& connection) {
   if (connection.took) {
     connection.took = false;
     connection.received = received;
-  } else if (received - connection.received > most_under_way_) {
+  } else if (received - connection.received > limits_.under_way) {
     Cut(connection, "it sends a message that does not end");
   }
 }

@@ -41,12 +41,17 @@ class NetworkEvents {
 
 class Network {
  public:
-  // Binds or connects: as the options say, or else as `usual`. `most_under_way`: the
-  // bytes that a far end may have sent and this side not taken. `most_queued`: the
-  // messages that may wait to be sent to one, 0 for any number.
+  // For each far end.
+  struct Limits {
+    std::size_t message = 0;    // bytes of one
+    std::size_t under_way = 0;  // bytes that it has sent and this side not taken
+    int queued = 0;             // messages that wait to be sent to it, 0 for any number
+  };
+
+  // Binds or connects: as the options say, or else as `usual`.
   // Fails with kUsage on an address or certificates that make no sense.
-  Network(const Options& options, const std::string& address, Link usual,
-          std::size_t most_under_way, int most_queued, NetworkEvents& events);
+  Network(const Options& options, const std::string& address, Link usual, const Limits& limits,
+          NetworkEvents& events);
   Network(const Network&) = delete;
   Network& operator=(const Network&) = delete;
   ~Network();
@@ -108,7 +113,7 @@ class Network {
     std::shared_ptr<Connection> connection;  // that has ended
   };
 
-  void Open(const Options& options, std::size_t most_under_way, int most_queued);
+  void Open(const Options& options);
   void LinkTo(const std::string& address);
   void Watch(int fd, std::uint32_t events) const;
   void SetTimer();
@@ -133,7 +138,7 @@ class Network {
   int timer_;
   std::string linked_;  // the address in use
   std::size_t most_connections_ = 1;
-  const std::uint64_t most_under_way_;
+  const Limits limits_;
   std::map<int, std::shared_ptr<Connection>> connections_;
   unsigned long long connections_made_ = 0;
   std::vector<Happening> happenings_;  // not yet told

@@ -60,8 +60,9 @@ class Patience {
   void SayInGrace(const std::string& text) { said_in_grace_ = text; }
 
   // Waits for `events` on `fd` (-1: for nothing). `begun`: a message is under way.
-  // Result: kReady; kTick after `slice` milliseconds (negative: never), and after something
-  // was served or a stop request has come in the grace period; or what ended it.
+  // Result: kReady; kTick after `slice` milliseconds (negative: never), after something was
+  // served, and, where there is something to serve, when a stop request has just come; or
+  // what ended it.
   Outcome Wait(int fd, short events, bool begun, int slice = -1);
 
   // Ends every wait from now on, as a stop request does.

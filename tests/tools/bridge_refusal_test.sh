@@ -16,17 +16,12 @@ for far_end in "JPB\\x02H$greeting|*version 1*version 2*" "hello|*does not speak
     "$("$TRAFFIC" dealer "$address" "${far_end%|*}")"
 done
 said import 'refused .*version'
-# Data that is no message, numbers with a gap, a window from an export.
+# Data that is no message, a window from an export.
 for data in 'D\x00\x00\x00\x00\x00\x00\x00\x01\x05ab|*no message of an endpoint*' \
   'W0000000000000000|*no export sends*'; do
   has "the answer to ${data%|*}" "${data#*|}" \
     "$("$TRAFFIC" dealer "$address" "JPB\\x01H$greeting" "JPB\\x01${data%|*}")"
 done
-one='D\x00\x00\x00\x00\x00\x00\x00\x01\x01a'
-three='D\x00\x00\x00\x00\x00\x00\x00\x03\x01c'
-has 'the answer to a gap' '*a message is missing*' \
-  "$("$TRAFFIC" dealer "$address" "JPB\\x01H$greeting" "JPB\\x01$one" "JPB\\x01$three")"
-is 'what came before the gap is there' a "$("$JPIPE" pull "$far" --count 1)"
 
 # The sockets of an older jpipe do not fit: ZeroMQ itself ends the connection.
 "$TRAFFIC" push "$address" old &
@@ -45,18 +40,18 @@ start_export "$near" "$address"
 is 'others go on' good "$("$JPIPE" pull "$far" --count 1)"
 
 # An export that is refused gives up after its time, with all still in the endpoint.
-for process in $export $import; do ends_cleanly "what goes on" $process; done
+ends_cleanly export "$export"
+ends_cleanly import "$import"
 start_export "$near" "tcp://$loopback:*" --bind
 "$JPIPE" push "$near" kept
-"$JPIPE" export "$(endpoint other)" "$address" --connect-timeout 0.2 2>"$scratch/refused"
+"$JPIPE" export "$(endpoint other)" "$address" 2>"$scratch/refused"
 is 'the refused export fails' 1 $?
-has 'and says why' '*both sides are an export*no connection for 0.2 seconds*exported 0 messages*' \
+has 'and says why' '*both sides are an export*no connection for 10 seconds*exported 0 messages*' \
   "$(tr '\n' ' ' <"$scratch/refused")"
 start_import --connect "$address" "$far"
 is 'what was there arrives' kept "$("$JPIPE" pull "$far" --count 1)"
-kill -TERM $import
-wait $import
-ends_cleanly export $export
+ends_cleanly export "$export"
+ends_cleanly import "$import"
 
 # More connections than descriptors: the ones there are go on, and nobody spins.
 (

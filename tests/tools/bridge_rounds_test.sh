@@ -1,11 +1,12 @@
 #!/bin/bash
 # Export and import are stopped and killed again and again under steady traffic, and
 # started again. What was sent is compared with what arrives. $BRIDGE_ROUNDS rounds of
-# each kind.
+# each of $BRIDGE_KINDS.
 . "$(dirname "$0")/lib.sh"
 near=$(endpoint near)
 far=$(endpoint far)
 rounds=${BRIDGE_ROUNDS:-4}
+kinds=${BRIDGE_KINDS:-import_binds export_binds reader_stands import_killed export_killed}
 window=64
 
 # begin BINDING-SIDE - starts traffic, import and export, one of which binds.
@@ -39,16 +40,16 @@ flows() {
   before=$(wc -l <"$scratch/check")
   until_true more_than $((before + 1))
 }
-more_than() { [ "$(wc -l <"$scratch/check")" -gt "$1" ] || ! kill -0 $check; }
+more_than() { [ "$(wc -l <"$scratch/check")" -gt "$1" ] || ! kill -0 "$check"; }
 
 # finally WHAT PATTERN - stops all, and compares what has arrived. The sender goes first,
 # and its end goes through all.
 finally() {
-  kill -TERM $send
-  wait $check
-  wait $send
-  ends_cleanly "$1: export" $export
-  ends_cleanly "$1: import" $import
+  kill -TERM "$send"
+  wait "$check"
+  wait "$send"
+  ends_cleanly "$1: export" "$export"
+  ends_cleanly "$1: import" "$import"
   figures=$(tail -n 1 "$scratch/check")
   lost=$(sed -n 's/.*lost \([0-9]*\).*/\1/p' <<<"$figures")
   repeated=$(sed -n 's/.*repeated //p' <<<"$figures")
@@ -58,63 +59,75 @@ finally() {
 }
 
 # One after the other, and in either order; the reader runs.
-for side in import export; do
-  begin $side
+stop_all_ways() { # BINDING-SIDE
+  begin "$1"
   for ((round = 0; round < rounds; round++)); do
     flows
     case $((round % 4)) in
-      0) ends_cleanly 'import alone' $import && new_import ;;
-      1) ends_cleanly 'export alone' $export && new_export ;;
-      2) ends_cleanly 'import before export' $import
-         ends_cleanly 'export behind import' $export
+      0) ends_cleanly 'import alone' "$import" && new_import ;;
+      1) ends_cleanly 'export alone' "$export" && new_export ;;
+      2) ends_cleanly 'import before export' "$import"
+         ends_cleanly 'export behind import' "$export"
          new_export && new_import ;;
-      3) ends_cleanly 'export before import' $export
-         ends_cleanly 'import behind export' $import
+      3) ends_cleanly 'export before import' "$export"
+         ends_cleanly 'import behind export' "$import"
          new_import && new_export ;;
     esac
   done
-  finally "stopped, $side binds" 0 0
-done
+  finally "stopped, $1 binds" 0 0
+}
+import_binds() { stop_all_ways import; }
+export_binds() { stop_all_ways export; }
 
 # The reader stands still meanwhile: the side that is stopped ends all the same, and may
 # have to leave messages to the other one.
-begin import
-for ((round = 0; round < rounds; round++)); do
-  flows
-  if ((round % 2)); then
-    ends_cleanly 'import' $import && new_import 0.1
+reader_stands() {
+  begin import
+  for ((round = 0; round < rounds; round++)); do
     flows
-    kill -STOP $check
-    kill -TERM $import
-    wait $import
+    if ((round % 2)); then
+      ends_cleanly 'import' "$import" && new_import 0.1
+      flows
+      kill -STOP "$check"
+      kill -TERM "$import"
+      wait "$import"
+      new_import
+    else
+      ends_cleanly 'export' "$export" && new_export 0.1
+      flows
+      kill -STOP "$check"
+      kill -TERM "$export"
+      wait "$export"
+      new_export
+    fi
+    kill -CONT "$check"
+  done
+  finally 'stopped with a reader that stands still' 0 0
+}
+
+import_killed() {
+  begin import
+  for ((round = 0; round < rounds; round++)); do
+    flows
+    kill -KILL "$import"
+    wait "$import" 2>/dev/null
     new_import
-  else
-    ends_cleanly 'export' $export && new_export 0.1
+  done
+  finally 'import killed' 0 $((rounds * window))
+}
+
+export_killed() {
+  begin import
+  for ((round = 0; round < rounds; round++)); do
     flows
-    kill -STOP $check
-    kill -TERM $export
-    wait $export
+    kill -KILL "$export"
+    wait "$export" 2>/dev/null
     new_export
-  fi
-  kill -CONT $check
-done
-finally 'stopped with a reader that stands still' 0 0
+  done
+  finally 'export killed' $((rounds * window)) 0
+}
 
-begin import
-for ((round = 0; round < rounds; round++)); do
-  flows
-  kill -KILL $import
-  wait $import 2>/dev/null
-  new_import
+for kind in $kinds; do
+  $kind
 done
-finally 'import killed' 0 $((rounds * window))
-
-begin import
-for ((round = 0; round < rounds; round++)); do
-  flows
-  kill -KILL $export
-  wait $export 2>/dev/null
-  new_export
-done
-finally 'export killed' $((rounds * window)) 0
 finish

@@ -73,7 +73,7 @@ done <<'LINES'
 2 export E tcp://host:70000
 2 export E tcp://*:5000
 2 export tcp://host:5000 E
-2 export E tcp://host:1 --hwm 0
+2 export E tcp://host:1 --window 0
 2 export E tcp://host:1 --bind --connect
 2 export E tcp://host:1 --curve-cert x
 2 export E tcp://host:1 --curve-server x

@@ -46,7 +46,6 @@ class Exporter final : private Carrier {
   struct Lane {
     Window window;
     bool ending = false;  // the import takes nothing more
-    std::uint64_t last = 0;
     std::deque<Held> held;
     std::uint64_t bytes = 0;  // of what is held
   };
@@ -73,6 +72,7 @@ class Exporter final : private Carrier {
   EndpointSock sock_;
   WholeReader reader_;
   std::map<Identity, Lane> lanes_;
+  std::uint64_t last_ = 0;         // number of a message
   Identity latest_;                // whose turn it was
   std::deque<std::string> again_;  // for an import that is not the one they went to
   Bridge bridge_;
@@ -90,7 +90,7 @@ void Exporter::SendNew(const Identity& far, std::string bytes) {
   Lane& lane = lanes_[far];
   latest_ = far;
   lane.bytes += bytes.size();
-  lane.held.push_back({++lane.last, std::move(bytes)});
+  lane.held.push_back({++last_, std::move(bytes)});
   Send(far, lane.held.back());
 }
 
@@ -162,7 +162,7 @@ std::string Exporter::Got(const Identity& far, BridgeType type, std::string_view
 
 // Result: false when that number was not sent.
 bool Exporter::Confirm(Lane& lane, std::uint64_t number) {
-  if (number > lane.last) {
+  if (number > last_) {
     return false;
   }
   while (!lane.held.empty() && lane.held.front().number <= number) {

@@ -35,13 +35,12 @@ class Importer final : private Carrier {
  private:
   // What has come from one export.
   struct Lane {
-    std::uint64_t accepted = 0;  // the last number in the queue
-    std::uint64_t written = 0;   // and in the endpoint
-    std::uint64_t confirmed = 0;
-    std::uint64_t bytes = 0;          // that are not confirmed
-    std::uint64_t written_bytes = 0;  // of these in the endpoint
-    bool ended = false;               // it sends nothing more
-    unsigned long long used = 0;      // when, to forget the one that has been gone longest
+    std::uint64_t accepted = 0;   // the last number in the queue
+    std::uint64_t written = 0;    // and in the endpoint
+    Window unconfirmed;           // what has come and is not confirmed
+    Window to_confirm;            // what of it lies in the endpoint
+    bool ended = false;           // it sends nothing more
+    unsigned long long used = 0;  // when, to forget the one that has been gone longest
   };
   struct Arrived {
     Identity from;
@@ -75,11 +74,11 @@ class Importer final : private Carrier {
 
 // Confirms what lies in the endpoint, and grants the window again.
 void Importer::Grant(const Identity& far, Lane& lane) {
-  lane.confirmed = lane.written;
-  lane.bytes -= lane.written_bytes;
-  lane.written_bytes = 0;
+  lane.unconfirmed.messages -= lane.to_confirm.messages;
+  lane.unconfirmed.bytes -= lane.to_confirm.bytes;
+  lane.to_confirm = {};
   std::string body;
-  Append(body, lane.confirmed, 8);
+  Append(body, lane.written, 8);
   Append(body, stopping_ ? 0 : options_.window, 4);
   Append(body, options_.window_bytes, 4);
   bridge_.Send(far, BridgeType::kWindow, body);
@@ -132,20 +131,16 @@ std::string Importer::Accept(const Identity& far, std::string_view body) {
   if (number <= lane.accepted) {
     return {};  // it was sent again, as its confirmation had not arrived
   }
-  if (lane.accepted != 0 && number != lane.accepted + 1) {
-    return "a message is missing before the one that has come";
-  }
-  if (lane.accepted - lane.confirmed >= options_.window || lane.bytes >= options_.window_bytes) {
+  if (lane.unconfirmed.messages >= options_.window ||
+      lane.unconfirmed.bytes >= options_.window_bytes) {
     return "it sends more than was granted";
   }
   if (!IsOneMessage(body)) {
     return "what it sends is no message of an endpoint";
   }
-  if (lane.accepted == 0) {
-    lane.written = lane.confirmed = number - 1;
-  }
   lane.accepted = number;
-  lane.bytes += body.size();
+  ++lane.unconfirmed.messages;
+  lane.unconfirmed.bytes += body.size();
   queue_.push_back({far, number, std::string(body)});
   return {};
 }
@@ -169,9 +164,10 @@ Outcome Importer::DeliverOne() {
   progress_.Add(ContentToCount(arrived.bytes));
   Lane& lane = lanes_[arrived.from];
   lane.written = arrived.number;
-  lane.written_bytes += arrived.bytes.size();
-  if (4 * (lane.written - lane.confirmed) >= options_.window ||
-      4 * lane.written_bytes >= options_.window_bytes) {
+  ++lane.to_confirm.messages;
+  lane.to_confirm.bytes += arrived.bytes.size();
+  if (4 * lane.to_confirm.messages >= options_.window ||
+      4 * lane.to_confirm.bytes >= options_.window_bytes) {
     Grant(arrived.from, lane);
   }
   queue_.pop_front();
@@ -180,7 +176,7 @@ Outcome Importer::DeliverOne() {
 
 void Importer::ConfirmAll() {
   for (auto& [far, lane] : lanes_) {
-    if (lane.written != lane.confirmed) {
+    if (lane.to_confirm.messages > 0) {
       Grant(far, lane);
     }
   }
@@ -227,6 +223,9 @@ Exit Importer::Run() {
   }
   ConfirmAll();
   Note("imported " + progress_.Counts());
+  if (outcome != Outcome::kReady && queue_.empty() && !AllHaveEnded()) {
+    Note("an export has not stopped in time: it keeps what was not confirmed");
+  }
   if (!queue_.empty()) {
     Note(Counted(queue_.size(), "message") + " that had arrived could not be delivered to " +
          sock_.endpoint() + ": the exports that run keep what was not confirmed");
