@@ -243,7 +243,7 @@ def test_ctrl_c_ends_a_receive(endpoint):
             "  try:\n"
             "    print(pull.receive(), flush=True)\n"
             "    pull.receive()\n"
-            "  except KeyboardInterrupt: print('interrupted')\n"
+            "  except KeyboardInterrupt: print('interrupted', flush=True)\n"
             "  print(pull.receive())\n")
     with jactor.Push(endpoint) as push, subprocess.Popen(
             [sys.executable, "-c", code, endpoint], stdout=subprocess.PIPE, text=True) as receiver:
