@@ -4,6 +4,7 @@
 
 #include "jactor_asio.hpp"
 #include "support.h"
+#include "wrapper/common.h"
 
 using namespace jactor;
 namespace asio = boost::asio;
@@ -13,12 +14,7 @@ namespace {
 using AsioBoost = support::Test;
 
 TEST_F(AsioBoost, AQuestionIsAnsweredInTheLoop) {
-  Actor echo([](SockRef sock) {
-    sock.ready();
-    while (auto message = sock.receive()) {
-      sock.send(std::move(*message));
-    }
-  });
+  const Actor echo(wrapper::Echo);
   const std::string large(JACTOR_MAX_SIZE, 'x');
   asio::io_context loop;
   int sent = 0;
