@@ -10,15 +10,14 @@
 #include <atomic>
 #include <functional>
 #include <future>
-#include <memory>
+#include <list>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "jactor.h"
 #include "jcxxactorapi.h"
-#include "jcxxsock.h"
+#include "messages.h"
 
 namespace {
 
@@ -142,34 +141,21 @@ TEST_F(JlogTest, ASinkCallsLibjactorWhileLibjactorLogs) {
   jlog_set_level(9);
   jlog_set_sink(RunAction, &work);
   JCXXActorAPI* api = JCXXActorAPI::GetInstance();
-  JCXXMsg* msg = j_msg_new();
+  JCXXMsg* msg = messages::BuildEqual(100, 5);
   api->JCXXMsgPtrAdd(msg);  // is there already
   api->JCXXMsgPtrRemove(msg);
   api->JCXXMsgPtrRemove(msg);  // is there no more
   api->JCXXMsgPtrAdd(msg);
-  j_msg_destroy(&msg);
   JCXXActor* actor = j_actor_new(
       [](j_sock_t* sock, void*) {
         j_sock_signal(sock, 0);
+        JCXXMsg* received = j_msg_recv(sock);  // logs before it has entered the registry
+        EXPECT_TRUE(messages::TakeApartEqual(received, 100, 5));
         EXPECT_EQ(j_msg_recv(sock), nullptr);  // logs on the actor's thread
       },
       nullptr);
+  EXPECT_EQ(j_msg_send(&msg, actor), 0);
   j_actor_destroy(&actor);
-  const auto [a, b] = SockFromPipes::MakeSockPairFromPipes();
-  const std::unique_ptr<JCXXSock> ends[] = {std::unique_ptr<JCXXSock>(a),
-                                            std::unique_ptr<JCXXSock>(b)};
-  msg = j_msg_new();
-  for (int i = 0; i < 100; ++i) {
-    j_msg_addstr(msg, "frame");
-  }
-  EXPECT_EQ(j_msg_send(&msg, a), 0);
-  msg = j_msg_recv(b);  // logs while what it makes has not entered the registry
-  for (int i = 0; i < 100; ++i) {
-    JCXXFrame* frame = j_msg_pop(msg);
-    EXPECT_EQ(j_frame_size(frame), 5U);
-    j_frame_destroy(&frame);
-  }
-  j_msg_destroy(&msg);
   jlog_set_sink(nullptr, nullptr);
   EXPECT_GT(lines, 10);
 }
@@ -189,10 +175,10 @@ void Count(int /*level*/, int /*module*/, const char* /*line*/, void* arg) {
 TEST_F(JlogTest, NoLineIsLostOrLateWhileThreadsLogAndSinksChange) {
   constexpr int kThreads = 4;
   constexpr int kLines = 3000;
-  auto present = std::make_unique<Counter>();
-  jlog_set_sink(Count, present.get());
+  std::list<Counter> counters(1);
+  jlog_set_sink(Count, &counters.back());
   std::atomic<int> running = kThreads;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&] {
       for (int line = 0; line < kLines; ++line) {
@@ -201,25 +187,18 @@ TEST_F(JlogTest, NoLineIsLostOrLateWhileThreadsLogAndSinksChange) {
       --running;
     });
   }
-  int lines = 0;
-  int late = 0;
-  const auto retire = [&](std::unique_ptr<Counter> former) {
-    former->replaced = true;
-    lines += former->lines;
-    late += former->late;
-  };
   while (running > 0) {
-    auto next = std::make_unique<Counter>();
-    jlog_set_sink(Count, next.get());
-    retire(std::exchange(present, std::move(next)));
+    Counter& former = counters.back();
+    jlog_set_sink(Count, &counters.emplace_back());
+    former.replaced = true;
   }
-  for (std::thread& thread : threads) {
-    thread.join();
+  threads.clear();
+  int lines = 0;
+  for (const Counter& counter : counters) {
+    lines += counter.lines;
+    EXPECT_EQ(counter.late, 0);
   }
-  jlog_set_sink(nullptr, nullptr);
-  retire(std::move(present));
   EXPECT_EQ(lines, kThreads * kLines);
-  EXPECT_EQ(late, 0);
 }
 
 // A thread that is inside a sink until it is released; other lines pass the sink.
@@ -252,17 +231,15 @@ class ThreadInASink {
 TEST_F(JlogTest, AChangeWaitsForTheFormerSinkAndHoldsNobodyElseUp) {
   ThreadInASink former;
   Counter next;
-  bool left_before_return = false;
-  std::thread setter([&] {
+  auto left_before_return = std::async(std::launch::async, [&] {
     jlog_set_sink(Count, &next);
-    left_before_return = former.left();
+    return former.left();
   });
   while (next.lines == 0) {  // until the change has begun
     jlog_printf(2, 281, "line\n");
   }
   former.Release();
-  setter.join();
-  EXPECT_TRUE(left_before_return);
+  EXPECT_TRUE(left_before_return.get());
 }
 
 TEST_F(JlogTest, AChildWaitsForNoThreadOfItsParent) {
