@@ -9,9 +9,11 @@
 
 #include "jactor_zloop.hpp"
 #include "support.h"
+#include "wrapper/common.h"
 
 using namespace std::chrono_literals;
 using namespace jactor;
+using namespace wrapper;
 
 template <class T>
 constexpr bool kMoveOnly =
@@ -35,46 +37,14 @@ namespace {
 
 using Wrapper = support::Test;
 
-void Echo(SockRef sock) {
-  sock.ready();
-  while (auto message = sock.receive()) {
-    sock.send(std::move(*message));
-  }
-}
-
 using Loop = detail::Owner<zloop_t, zloop_destroy>;
-
-// Runs the loop until a handler ends it, at the latest at the second tick of a timer: it
-// has looked at every sock by then.
-int RunLoop(const Loop& loop) {
-  int ticks = 0;
-  const auto tick = [](zloop_t*, int, void* arg) {
-    return ++*static_cast<int*>(arg) == 2 ? -1 : 0;
-  };
-  const int timer = zloop_timer(loop.get(), 1, 0, tick, &ticks);
-  const int rc = zloop_start(loop.get());
-  zloop_timer_end(loop.get(), timer);
-  return rc;
-}
 
 // Both ends of an endpoint of the test's own.
 struct Endpoint {
   support::UniqueEndpoint endpoint;
   std::optional<Sock> pull{Sock::pull("@" + endpoint.name)};
   Sock push{Sock::push(">" + endpoint.name)};
-
-  // Puts bytes onto the stream that are perhaps not a message.
-  void Write(std::string_view bytes) const {
-    ASSERT_EQ(::write(push.fd(), bytes.data(), bytes.size()), ssize_t(bytes.size()));
-  }
 };
-
-// A message of one frame, "half", cut where a sender may have stopped.
-constexpr std::string_view kFirstPart("\4ha", 3);
-constexpr std::string_view kSecondPart("lf", 2);
-
-// A message with a signal inside.
-constexpr std::string_view kDamage("\x45\x81", 2);
 
 // The reason for which `call` throws; 0 when it does not.
 template <class Call>
@@ -110,32 +80,15 @@ TEST_F(Wrapper, FramesTravelUnchangedAndAreIteratedInOrder) {
   EXPECT_EQ(echo.receive()->signal(), 255);
 }
 
-TEST_F(Wrapper, SendEmptiesItsMessageOnlyOnSuccess) {
-  Actor echo(Echo);
-  const std::string half(JACTOR_MAX_SIZE / 2, 'x');
-  Message message{half, half, "!"};
-  EXPECT_THROW(message.add(std::string(JACTOR_MAX_SIZE + 1, 'x')), error);
-  EXPECT_THROW(echo.send(std::move(message)), error);
-  ASSERT_TRUE(message);
-  EXPECT_EQ(message.pop_string(), half);
-
-  echo.send(std::move(message));
-  EXPECT_FALSE(message);
-  EXPECT_THROW(echo.send(std::move(message)), error);
-  EXPECT_THROW(message.add("more"), error);
-  EXPECT_FALSE(message.pop());
-  EXPECT_FALSE(message.signal());
-  EXPECT_EQ(echo.receive()->pop_string(), half);
-}
-
-TEST_F(Wrapper, AnErrorCarriesTheReason) {
+TEST_F(Wrapper, AnErrorCarriesTheReasonAndLosesNothing) {
   const Endpoint jobs;
   const std::string half(JACTOR_MAX_SIZE / 2, 'x');
   Message large{half, half, "!"};
-  Message nothing{nullptr};
+  Message nothing;
+  jobs.push.send(std::move(nothing));
+  jobs.pull->receive();
   Actor gone([](SockRef) {});
   gone.join();
-  Actor deaf([](SockRef sock) { sock.ready(); });
   const struct {
     int reason;
     std::function<void()> call;
@@ -150,14 +103,16 @@ TEST_F(Wrapper, AnErrorCarriesTheReason) {
       {EINVAL, [&] { gone.signal(1); }},
       {EINVAL, [&] { gone.receive(); }},
       {EINVAL, [&] { gone.receive_for(0s); }},
-      {EBADMSG, [&] { jobs.Write(kDamage), jobs.pull->receive(); }},
+      {EBADMSG, [&] { Write(jobs.push, kDamage), jobs.pull->receive(); }},
   };
   for (const auto& row : kRows) {
     EXPECT_EQ(ReasonOf(row.call), row.reason) << &row - kRows;
   }
+  EXPECT_FALSE(nothing || nothing.pop() || nothing.signal());
   EXPECT_EQ(jobs.push.try_send(std::move(large)), std::errc::message_size);
-  EXPECT_TRUE(large);
-  EXPECT_FALSE(deaf.try_send(Message{"hello"}));
+  EXPECT_EQ(large.pop_string(), half);
+  EXPECT_FALSE(Actor(Echo).try_send(std::move(large)));
+  EXPECT_FALSE(large);
 }
 
 TEST_F(Wrapper, AnActorIsStartedWhateverItsCallableDoes) {
@@ -265,20 +220,15 @@ TEST_F(Wrapper, ATimeLimitTellsTimeOutFromEnd) {
 
 TEST_F(Wrapper, ATimeLimitCoversTheWholeMessage) {
   const Endpoint jobs;
-  jobs.Write(kFirstPart);
+  Write(jobs.push, kFirstPart);
   EXPECT_TRUE(jobs.pull->receive_for(1ms).timed_out);
-  jobs.Write(kSecondPart);
+  Write(jobs.push, kSecondPart);
   EXPECT_EQ(jobs.pull->receive_for(0s).message->pop_string(), "half");
 
-  Actor stops_inside([](SockRef sock) {
-    sock.ready();
-    sock.receive();
-    int fd = -1;
-    sock.get()->GetWriteFD(fd);
-    EXPECT_EQ(::write(fd, kFirstPart.data(), kFirstPart.size()), ssize_t(kFirstPart.size()));
-  });
+  Actor stops_inside(EndInsideAMessage);
   EXPECT_TRUE(stops_inside.receive_for(1ms).timed_out);
   stops_inside.signal(1);
+  EXPECT_EQ(stops_inside.receive()->signal(), 1);
   EXPECT_EQ(ReasonOf([&] { stops_inside.receive(); }), EBADMSG);
 }
 
@@ -323,110 +273,119 @@ TEST_F(Wrapper, ALoopSeesAnEndThatComesWithData) {
   ::alarm(0);
 }
 
+// A loop, and an endpoint whose messages it handles.
+class WrapperWatch : public support::Test {
+ protected:
+  Watch Begin() {
+    return watch(loop.get(), *jobs.pull,
+                 [this](Message message) { handled += *message.pop_string(); });
+  }
+
+  // Runs the loop until a handler ends it, at the latest at the second tick of a timer:
+  // it has looked at every sock by then.
+  void Run() {
+    int ticks = 0;
+    const auto tick = [](zloop_t*, int, void* arg) {
+      return ++*static_cast<int*>(arg) == 2 ? -1 : 0;
+    };
+    const int timer = zloop_timer(loop.get(), 1, 0, tick, &ticks);
+    EXPECT_EQ(zloop_start(loop.get()), -1);
+    zloop_timer_end(loop.get(), timer);
+  }
+
+  const Loop loop{zloop_new()};
+  Endpoint jobs;
+  std::string handled;
+};
+
 // What the sock holds when the watch begins is not seen by poll().
-TEST_F(Wrapper, AWatchHandlesWhatWasReadAheadBeforeIt) {
+TEST_F(WrapperWatch, HandlesWhatWasReadAheadBeforeIt) {
   const std::string large(10000, 'x');
-  for (const int received : {0, 1, 2, 3}) {
-    const Endpoint jobs;
+  for (const std::size_t received : {0U, 1U, 2U, 3U}) {
     for (int i = 0; i < 3; ++i) {
       jobs.push.send(Message{large});
     }
-    for (int i = 0; i < received; ++i) {
+    for (std::size_t i = 0; i < received; ++i) {
       jobs.pull->receive();
     }
-    const Loop loop(zloop_new());
-    int handled = received;
-    const Watch watching = watch(loop.get(), *jobs.pull, [&](Message) { ++handled; });
-    EXPECT_EQ(handled, received) << "not inside the call";
-    EXPECT_EQ(RunLoop(loop), -1);
-    EXPECT_EQ(handled, 3) << received;
+    handled.clear();
+    const Watch watching = Begin();
+    EXPECT_EQ(handled, "") << "not inside the call";
+    Run();
+    EXPECT_EQ(handled.size(), (3 - received) * large.size());
   }
 }
 
-TEST_F(Wrapper, HalfAMessageDoesNotStopTheLoop) {
-  const Endpoint jobs;
-  const Loop loop(zloop_new());
-  std::string handled;
-  const Watch watching =
-      watch(loop.get(), *jobs.pull, [&](Message message) { handled += *message.pop_string(); });
-  jobs.Write(kFirstPart);
-  EXPECT_EQ(RunLoop(loop), -1);
+TEST_F(WrapperWatch, HalfAMessageDoesNotStopTheLoopAndDamageDoes) {
+  Watch watching = Begin();
+  Write(jobs.push, kFirstPart);
+  Run();
   EXPECT_EQ(handled, "");
-  jobs.Write(kSecondPart);
-  EXPECT_EQ(RunLoop(loop), -1);
+  Write(jobs.push, kSecondPart);
+  Run();
   EXPECT_EQ(handled, "half");
-}
+  EXPECT_NO_THROW(watching.rethrow());
 
-TEST_F(Wrapper, DamageEndsTheWatchWithAnError) {
-  const Endpoint jobs;
-  const Loop loop(zloop_new());
-  Watch watching = watch(loop.get(), *jobs.pull, [](Message) {});
-  jobs.Write(kDamage);
+  Write(jobs.push, kDamage);
   EXPECT_EQ(zloop_start(loop.get()), -1);
   EXPECT_FALSE(watching.active());
   EXPECT_EQ(ReasonOf([&] { watching.rethrow(); }), EBADMSG);
 }
 
-TEST_F(Wrapper, ASockHasOneWatchAtATime) {
-  const Endpoint jobs;
-  const Loop first(zloop_new());
+TEST_F(WrapperWatch, IsTheOnlyOneOfItsSock) {
   const Loop second(zloop_new());
-  int handled = 0;
-  Watch watching = watch(first.get(), *jobs.pull, [&](Message) { ++handled; });
-  for (const Loop* loop : {&first, &second}) {
-    EXPECT_EQ(ReasonOf([&] { auto more = watch(loop->get(), *jobs.pull, [](Message) {}); }), EBUSY);
+  Watch watching = Begin();
+  for (const Loop* any : {&loop, &second}) {
+    EXPECT_EQ(ReasonOf([&] { auto more = watch(any->get(), *jobs.pull, [](Message) {}); }), EBUSY);
   }
   Watch& same = watching;
   watching = std::move(same);
-  jobs.push.signal(1);
-  EXPECT_EQ(RunLoop(first), -1);
-  EXPECT_EQ(handled, 1);
+  jobs.push.send(Message{"1"});
+  Run();
+  EXPECT_EQ(handled, "1");
+
   watching.end();
-  watching = watch(second.get(), *jobs.pull, [&](Message) { handled += 10; });
-  jobs.push.signal(1);
-  EXPECT_EQ(RunLoop(second), -1);
-  EXPECT_EQ(handled, 11);
+  const auto stop = [&](Message) { throw std::logic_error("handled"); };
+  watching = watch(second.get(), *jobs.pull, stop);
+  jobs.push.send(Message{"2"});
+  EXPECT_EQ(zloop_start(second.get()), -1);
+  EXPECT_THROW(watching.rethrow(), std::logic_error);
 }
 
-TEST_F(Wrapper, AHandlersExceptionEndsTheLoopAndLosesNothing) {
-  const Endpoint jobs;
+TEST_F(WrapperWatch, AHandlersExceptionEndsTheLoopAndLosesNothing) {
   for (const char* text : {"1", "2", "bad", "4"}) {
     jobs.push.send(Message{text});
   }
-  const Loop loop(zloop_new());
-  std::string handled;
   Watch watching = watch(loop.get(), *jobs.pull, [&](Message message) {
     handled += message.pop_string().value();
     if (handled == "12bad") {
       throw std::invalid_argument(handled);
     }
   });
-  EXPECT_EQ(zloop_start(loop.get()), -1);
+  Run();
+  EXPECT_EQ(handled, "12bad");
   EXPECT_TRUE(watching.active());
-  EXPECT_EQ(RunLoop(loop), -1) << "what is left is handled by the next run";
+  Run();
   EXPECT_EQ(handled, "12bad4");
   EXPECT_THROW(watching.rethrow(), std::invalid_argument);
   EXPECT_NO_THROW(watching.rethrow());
 }
 
-TEST_F(Wrapper, AHandlerMayDestroyItsWatchAndThenItsSock) {
+TEST_F(WrapperWatch, AHandlerMayDestroyItsWatchAndThenItsSock) {
+  std::optional<Watch> watching;
   for (const bool sock_too : {false, true}) {
-    const Loop loop(zloop_new());
-    Endpoint jobs;
-    int handled = 0;
-    std::optional<Watch> gone;
-    gone = watch(loop.get(), *jobs.pull, [&, sock_too](Message) {
-      ++handled;
-      gone.reset();
+    watching = watch(loop.get(), *jobs.pull, [&, sock_too](Message message) {
+      handled += *message.pop_string();
+      watching.reset();
       if (sock_too) {
         jobs.pull.reset();
       }
     });
-    jobs.push.signal(1);
-    jobs.push.signal(2);
-    EXPECT_EQ(RunLoop(loop), -1);
-    EXPECT_EQ(handled, 1);
+    jobs.push.send(Message{"1"});
+    jobs.push.send(Message{"2"});
+    Run();
   }
+  EXPECT_EQ(handled, "12");
 }
 
 }  // namespace
