@@ -197,13 +197,14 @@ int JCXXSock::WriteBlockingIOV(const iovec* iov, int iovcnt, std::size_t& writte
   JACTOR_TRACE("total_size=%zd", total_size);
   JACTOR_TRACE("before writev");
   const ssize_t waswritten = ::writev(fd, iov, iovcnt);
+  const int error = errno;
   JACTOR_TRACE("after writev, waswritten=%zd", waswritten);
   if (waswritten < 0) {
-    LogWriteFailure(errno);
-    if (!MustRepeat(errno)) {
-      JACTOR_ERROR("other error, errno=%d", errno);
+    LogWriteFailure(error);
+    if (!MustRepeat(error)) {
+      JACTOR_ERROR("other error, errno=%d", error);
     }
-    return reason::Fail(errno == EINVAL ? EMSGSIZE : errno);  // too many entries
+    return reason::Fail(error == EINVAL ? EMSGSIZE : error);  // too many entries
   }
   const auto sent = static_cast<std::size_t>(waswritten);
   if (sent == total_size) {

@@ -19,17 +19,22 @@
 // The whole format of a line, from its text.
 #define JACTOR_LINE(text) "%s.%d.%s: " text "\n"
 
-// Writes a line with a whole format, for a function named by the caller.
+#define JACTOR_WRITE_LINE(level, function, format, ...)                  \
+  jlog_printf(level, JACTOR_LOG_MODULE, format, __FILE_NAME__, __LINE__, \
+              function __VA_OPT__(, ) __VA_ARGS__)
+
+// Writes a line with a whole format, for a function named by the caller. Keeps errno, which
+// the line may be about.
 #define JACTOR_LOG_FORMAT(level, function, format, ...)                    \
   do {                                                                     \
     const int errno_before_log = errno;                                    \
-    jlog_printf(level, JACTOR_LOG_MODULE, format, __FILE_NAME__, __LINE__, \
-                function __VA_OPT__(, ) __VA_ARGS__);                      \
+    JACTOR_WRITE_LINE(level, function, format __VA_OPT__(, ) __VA_ARGS__); \
     errno = errno_before_log;                                              \
   } while (false)
 
+// The same for what has worked, where nobody asks for errno: the exported call restores it.
 #define JACTOR_TRACE_AS(function, text, ...) \
-  JACTOR_LOG_FORMAT(JACTOR_LEVEL_TRACE, function, JACTOR_LINE(text) __VA_OPT__(, ) __VA_ARGS__)
+  JACTOR_WRITE_LINE(JACTOR_LEVEL_TRACE, function, JACTOR_LINE(text) __VA_OPT__(, ) __VA_ARGS__)
 #define JACTOR_ERROR_AS(function, text, ...) \
   JACTOR_LOG_FORMAT(JACTOR_LEVEL_ERROR, function, JACTOR_LINE(text) __VA_OPT__(, ) __VA_ARGS__)
 
