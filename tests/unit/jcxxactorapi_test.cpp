@@ -2,6 +2,7 @@
 // behind it answers to handles that are none.
 #include "jcxxactorapi.h"
 
+#include <cerrno>
 #include <thread>
 
 #include "calls.h"
@@ -45,7 +46,11 @@ TEST_F(ApiTest, EveryCallRefusesNullStaleForeignAndWrongHandles) {
           line = api == nullptr ? "" : line + (name == "j_actor_destroy" ? " 2" : "");
         }
         ClearLog();
+        errno = 0;
         EXPECT_TRUE(call.fails(api, handle, rest)) << name << " of " << kind;
+        if (api == nullptr) {
+          EXPECT_EQ(errno, destroys && handle == nullptr ? 0 : EINVAL) << name;
+        }
         EXPECT_EQ(Log(), line);
         EXPECT_EQ(Log(kErrors, name), line);
         EXPECT_EQ(rest.left, destroys && api == nullptr ? nullptr : handle);

@@ -56,16 +56,6 @@ TEST_F(WaitTest, EveryCutOfAMessageIsWaitedForAndNothingOfItIsLost) {
   EXPECT_EQ(Log(), "");
 }
 
-TEST_F(WaitTest, ATimeLimitBetweenAnyTwoBytesLosesNothing) {
-  for (const char byte : std::string("\x45\2ab\3cde")) {
-    EXPECT_EQ(Wait(1), 0);
-    Feed(std::string(1, byte));
-  }
-  EXPECT_EQ(Wait(), 1);
-  EXPECT_EQ(Receive(), 5U);
-  EXPECT_EQ(Wait(), 0);
-}
-
 // A half message behind one that was taken moves to the front of the buffer.
 TEST_F(WaitTest, WhatWasReadAheadGivesWayToTheRest) {
   Feed("\1x\5he");
@@ -192,9 +182,6 @@ TEST_F(WaitTest, WithoutMemoryNothingIsLost) {
   Feed("llo");
   EXPECT_EQ(Wait(), 1);
   EXPECT_EQ(Receive(), 5U);
-  JCXXSock plain;
-  EXPECT_EQ(j_sock_wait(&plain, -1), -1);
-  EXPECT_EQ(errno, EBADF);
 }
 
 }  // namespace
