@@ -1,7 +1,7 @@
 // schedule.h - running a small case with one thread at a time, in an order that a plan
 // says.
 //
-// A program that links schedule.cpp replaces the locks, the system calls and the thread
+// A program that links shim.cpp replaces the locks, the system calls and the thread
 // calls of libc. In a case each thread stops at every one of them, before it and after
 // it, and the plan says which thread goes on. A thread that would wait there is not
 // asked: the one that finds a held lock, an empty or full pipe, or a thread that has not
