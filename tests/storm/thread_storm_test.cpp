@@ -119,23 +119,30 @@ void NeverIdle(j_sock_t* sock, void*) {
   }
 }
 
-// Until it is asked to stop.
-void Idle(j_sock_t* sock, void*) {
+// Until it is asked to stop, which it must have been by the process's end.
+void Echo(j_sock_t* sock, void* stopped) {
   j_sock_signal(sock, 0);
-  j_msg_recv(sock);
+  while (const std::unique_ptr<JCXXMsg> msg{j_msg_recv(sock)}) {
+    msg->WriteMessage(sock);
+  }
+  *static_cast<std::atomic<bool>*>(stopped) = true;
 }
+std::atomic<bool> echo_stopped{false};
 
 // Made before the library's first use, and so destroyed after its own end, with what
 // it holds.
 struct Early {
   std::unique_ptr<JCXXMsg> msg;
   std::unique_ptr<JCXXActor> ended;
-  JCXXActor* idle = nullptr;
+  JCXXActor* echo = nullptr;
   ~Early() {
-    if (j_msg_addstr(msg.get(), "late") != 0) {
+    const bool sent =
+        j_msg_addstr(msg.get(), "late") == 0 && msg->WriteMessage(j_actor_sock(echo)) == 0;
+    const bool answered = sent && std::unique_ptr<JCXXMsg>(j_msg_recv(echo)) != nullptr;
+    j_actor_destroy(&echo);
+    if (!answered || !echo_stopped) {
       std::_Exit(3);
     }
-    j_actor_destroy(&idle);
     UseTheLibrary();
   }
 };
@@ -145,7 +152,7 @@ struct Early {
   early.msg.reset(j_msg_new());
   early.ended.reset(j_actor_new([](j_sock_t* sock, void*) { j_sock_signal(sock, 0); }, nullptr));
   static const JCXXMsg late;
-  early.idle = j_actor_new(Idle, nullptr);
+  early.echo = j_actor_new(Echo, &echo_stopped);
   for (int i = 0; i < 3; ++i) {
     j_actor_new(NeverIdle, nullptr);
   }
