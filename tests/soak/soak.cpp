@@ -20,10 +20,9 @@
 #include "jcxxframe.h"
 #include "jcxxmsg.h"
 #include "jlog.h"
+#include "messages.h"
 
 namespace {
-
-std::mt19937 chance(281);
 
 // Ends the program when a condition of some line does not hold.
 void Require(bool holds, int line = __builtin_LINE()) {
@@ -33,45 +32,35 @@ void Require(bool holds, int line = __builtin_LINE()) {
   }
 }
 
-std::uint32_t Sum(const unsigned char* bytes, std::size_t size) {
-  std::uint32_t sum = 2166136261U;  // FNV-1a
-  for (std::size_t i = 0; i < size; ++i) {
-    sum = (sum ^ bytes[i]) * 16777619U;
-  }
-  return sum;
-}
-
-// A message: its number, then frames of random bytes, each followed by its checksum.
+// A message: its number, then frames of bytes that follow from it.
 JCXXMsg* Make(std::uint64_t number, std::size_t most) {
-  JCXXMsg* msg = j_msg_new();
-  Require(j_msg_addmem(msg, &number, sizeof number) == 0);
-  for (auto frames = chance() % 6; frames > 0; --frames) {
-    std::vector<unsigned char> bytes(1 + chance() % (chance() % 50 == 0 ? most : most / 100 + 1));
-    std::generate(bytes.begin(), bytes.end(), std::ref(chance));
-    const std::uint32_t sum = Sum(bytes.data(), bytes.size());
-    Require(j_msg_addmem(msg, bytes.data(), bytes.size()) == 0);
-    Require(j_msg_addmem(msg, &sum, sizeof sum) == 0);
-  }
+  std::mt19937 chance(static_cast<std::uint32_t>(number));
+  std::vector<unsigned char> bytes(sizeof number);
+  std::memcpy(bytes.data(), &number, sizeof number);
+  JCXXMsg* msg = messages::Build(1 + chance() % 6, [&](std::size_t frame) {
+    if (frame != 0) {
+      bytes.resize(1 + chance() % (chance() % 50 == 0 ? most : most / 100 + 1));
+      std::generate(bytes.begin(), bytes.end(), std::ref(chance));
+    }
+    return messages::Bytes(bytes);
+  });
+  Require(msg != nullptr);
   return msg;
 }
 
-void Check(JCXXMsg* msg, std::uint64_t number, std::size_t& bytes) {
-  Require(msg != nullptr);
-  JCXXFrame* frame = j_msg_pop(msg);
-  Require(j_frame_size(frame) == sizeof number &&
-          std::memcmp(j_frame_data(frame), &number, sizeof number) == 0);
-  j_frame_destroy(&frame);
-  while ((frame = j_msg_pop(msg)) != nullptr) {
-    const std::uint32_t sum = Sum(j_frame_data(frame), j_frame_size(frame));
-    bytes += j_frame_size(frame);
-    j_frame_destroy(&frame);
-    frame = j_msg_pop(msg);
-    Require(j_frame_size(frame) == sizeof sum &&
-            std::memcmp(j_frame_data(frame), &sum, sizeof sum) == 0);
-    j_frame_destroy(&frame);
-  }
+// Destroys the message, which must be the one of that number.
+void Check(JCXXMsg* msg, std::uint64_t number, std::size_t most, std::size_t& bytes) {
+  JCXXMsg* wanted = Make(number, most);
+  const auto data = [](const JCXXFrame* frame) -> const auto& { return frame->data; };
+  Require(msg != nullptr &&
+          std::ranges::equal(msg->GetFrameList(), wanted->GetFrameList(), {}, data, data));
+  bytes += msg->GetSize();
+  j_msg_destroy(&wanted);
   j_msg_destroy(&msg);
 }
+
+constexpr std::size_t kMost = 200000;     // bytes in a frame
+constexpr std::size_t kMostQueued = 500;  // where ten messages wait in a pipe
 
 void Echo(j_sock_t* sock, void*) {
   j_sock_signal(sock, 0);
@@ -91,7 +80,7 @@ struct Watched {
 int OnMessage(zloop_t*, j_sock_t* sock, void* arg) {
   auto& watched = *static_cast<Watched*>(arg);
   do {
-    Check(j_msg_recv(sock), watched.expected++, watched.bytes);
+    Check(j_msg_recv(sock), watched.expected++, kMostQueued, watched.bytes);
   } while (watched.expected < watched.end && j_sock_buffered(sock) > 0);
   return watched.expected == watched.end ? -1 : 0;
 }
@@ -102,16 +91,16 @@ void Round(std::uint64_t& number, std::size_t& bytes) {
   static const std::string name = "ipc://soak-" + std::to_string(::getpid());
   JCXXActor* actor = j_actor_new(Echo, nullptr);
   for (int i = 0; i < 50; ++i, ++number) {
-    JCXXMsg* msg = Make(number, 200000);
+    JCXXMsg* msg = Make(number, kMost);
     Require(j_msg_send(&msg, actor) == 0);
-    Check(j_msg_recv(actor), number, bytes);
+    Check(j_msg_recv(actor), number, kMost, bytes);
   }
   j_actor_destroy(&actor);
   JCXXSock* push = j_pipe_new_push(name.c_str());
   JCXXSock* pull = j_pipe_new_pull(name.c_str());
   Watched watched = {number, number + 10, 0};
   for (; number < watched.end; ++number) {
-    JCXXMsg* msg = Make(number, 500);
+    JCXXMsg* msg = Make(number, kMostQueued);
     Require(j_msg_send(&msg, push) == 0);
   }
   zloop_t* loop = zloop_new();
