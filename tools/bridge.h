@@ -95,9 +95,6 @@ class Bridge : private NetworkEvents {
   // Fails when there has been no far end for longer than the options allow.
   void CheckConnection();
 
-  // Loses what waits to be sent.
-  void GiveUp() { network_.GiveUp(); }
-
  private:
   struct Far {
     Identity identity;  // once it has greeted

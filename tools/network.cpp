@@ -393,7 +393,7 @@ void Network::Tell(const Happening& happening) {
       }
       break;
     case ZMQ_EVENT_CONNECT_RETRIED:
-      SayOnce(linked_ + " cannot be reached: trying again until it can");
+      SayOnce("no connection to " + linked_ + ": trying until there is one");
       break;
     default:
       break;
@@ -485,8 +485,11 @@ void Network::Send(const std::string& far, std::string_view head, std::string_vi
   zsock_events(socket_);  // has ZeroMQ look at its connections first
   if ((binds_ && zmq_send(socket, far.data(), far.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) < 0) ||
       zmq_msg_send(&message, socket, ZMQ_DONTWAIT) < 0) {
+    const bool is_full = errno == EAGAIN && limits_.queued > 0;  // and not gone
     zmq_msg_close(&message);
-    Cut(far, "it does not take what is sent to it");
+    if (is_full) {
+      Cut(far, "it does not take what is sent to it");
+    }
   }
 }
 

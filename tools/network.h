@@ -93,9 +93,6 @@ class Network {
   // Has fd() be readable at that moment too.
   void WakeAt(Clock::time_point moment);
 
-  // Loses what waits to be sent, where the socket would stay for a second for it.
-  void GiveUp() { zsock_set_linger(socket_, 0); }
-
  private:
   struct Connection {
     int fd = -1;

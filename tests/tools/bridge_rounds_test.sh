@@ -6,7 +6,8 @@
 near=$(endpoint near)
 far=$(endpoint far)
 rounds=${BRIDGE_ROUNDS:-4}
-kinds=${BRIDGE_KINDS:-import_binds export_binds reader_stands import_killed export_killed}
+kinds=${BRIDGE_KINDS:-import_binds export_binds reader_stands import_killed export_killed
+  connection_cut}
 window=64
 
 # begin BINDING-SIDE - starts traffic, import and export, one of which binds.
@@ -125,6 +126,21 @@ export_killed() {
     new_export
   done
   finally 'export killed' $((rounds * window)) 0
+}
+
+# The system ends the TCP connection, where it has that and this user may.
+connection_cut() {
+  if [ "$(id -u)" -ne 0 ] || ! ss -K dst 127.255.255.254 >"$scratch/ss" 2>&1; then
+    echo 'connections cannot be cut here'
+    return
+  fi
+  begin import
+  for ((round = 0; round < rounds; round++)); do
+    flows
+    ss -K dst "$loopback" >"$scratch/ss"
+  done
+  finally 'connection cut' 0 0
+  echo "$(grep -c again "$scratch/export") times again"
 }
 
 for kind in $kinds; do

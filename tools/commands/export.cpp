@@ -279,7 +279,6 @@ Exit Exporter::Run() {
   sock_.SayWhatLeavingLoses();
   Note("exported " + progress_.Counts());
   if (unconfirmed > 0) {
-    bridge_.GiveUp();
     Note(Counted(unconfirmed, "message") +
          " of them were not confirmed: an import that runs may still have and deliver them");
   }
