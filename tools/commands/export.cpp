@@ -175,7 +175,8 @@ bool Exporter::Confirm(Lane& lane, std::uint64_t number) {
 // The first window on a connection comes behind a loss of what was on its way.
 std::string Exporter::SetWindow(const Identity& far, std::string_view body) {
   Lane& lane = lanes_[far];
-  if (!Confirm(lane, TakeNumber(body, 8))) {
+  const std::uint64_t confirmed = TakeNumber(body, 8);
+  if (!Confirm(lane, confirmed)) {
     return "it confirms what was not sent";
   }
   const bool is_first = lane.window.bytes == 0;
@@ -186,8 +187,10 @@ std::string Exporter::SetWindow(const Identity& far, std::string_view body) {
       Send(far, held);
     }
   }
-  if (lane.window.messages == 0 && lane.held.empty()) {
-    bridge_.Send(far, BridgeType::kEnd);
+  if (lane.window.messages == 0) {
+    std::string head;
+    Append(head, confirmed, 8);
+    bridge_.Send(far, BridgeType::kEnd, head);
   }
   SendAgain();
   return {};

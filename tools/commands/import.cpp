@@ -15,6 +15,7 @@
 namespace jpipe {
 namespace {
 
+constexpr double kClosing = 1;                 // seconds for the exports' answers at the end
 constexpr std::size_t kMostRemembered = 1000;  // exports
 
 class Importer final : private Carrier {
@@ -39,6 +40,7 @@ class Importer final : private Carrier {
     std::uint64_t written = 0;    // and in the endpoint
     Window unconfirmed;           // what has come and is not confirmed
     Window to_confirm;            // what of it lies in the endpoint
+    std::uint64_t known = 0;      // the last number that the export knows to be confirmed
     bool ended = false;           // it sends nothing more
     unsigned long long used = 0;  // when, to forget the one that has been gone longest
   };
@@ -52,6 +54,7 @@ class Importer final : private Carrier {
   void Left(const Identity& /*far*/) override {}
   std::string Got(const Identity& far, BridgeType type, std::string_view body) override;
 
+  void Stop();
   bool Serve();
   void Grant(const Identity& far, Lane& lane);
   std::string Accept(const Identity& far, std::string_view body);
@@ -60,6 +63,7 @@ class Importer final : private Carrier {
   Outcome DeliverAll();
   void ConfirmAll();
   bool AllHaveEnded() const;
+  void AwaitEnds();
 
   const Options& options_;
   Patience patience_;
@@ -109,8 +113,9 @@ void Importer::Joined(const Identity& far) {
 }
 
 std::string Importer::Got(const Identity& far, BridgeType type, std::string_view body) {
-  if (type == BridgeType::kEnd) {
+  if (type == BridgeType::kEnd && body.size() == 8) {
     lanes_[far].ended = stopping_;
+    lanes_[far].known = TakeNumber(body, 8);
     return {};
   }
   return type == BridgeType::kData && body.size() > 8 ? Accept(far, body)
@@ -145,13 +150,18 @@ std::string Importer::Accept(const Identity& far, std::string_view body) {
   return {};
 }
 
+// Has the exports stop, which answer it.
+void Importer::Stop() {
+  stopping_ = true;
+  for (auto& [far, lane] : lanes_) {
+    Grant(far, lane);
+  }
+}
+
 bool Importer::Serve() {
   const bool any = bridge_.Serve();
   if (!stopping_ && patience_.cause()) {
-    stopping_ = true;
-    for (auto& [far, lane] : lanes_) {
-      Grant(far, lane);
-    }
+    Stop();
   }
   return any;
 }
@@ -184,8 +194,17 @@ void Importer::ConfirmAll() {
 
 bool Importer::AllHaveEnded() const {
   return std::all_of(lanes_.begin(), lanes_.end(), [this](const auto& entry) {
-    return entry.second.ended || !bridge_.IsJoined(entry.first);
+    const Lane& lane = entry.second;
+    return (lane.ended && lane.known == lane.written) || !bridge_.IsJoined(entry.first);
   });
+}
+
+// Has the exports know what is confirmed, or else the next import would get it again.
+void Importer::AwaitEnds() {
+  Patience closing(kClosing);
+  closing.Serve(bridge_.fd(), [this] { return Serve(); });
+  while (!AllHaveEnded() && closing.Wait(-1, 0, false) == Outcome::kTick) {
+  }
 }
 
 // Delivers what comes until it is stopped, and then what has come. Result: kReady, or what
@@ -221,7 +240,8 @@ Exit Importer::Run() {
     Note(caught.what());
     failure = caught;
   }
-  ConfirmAll();
+  Stop();
+  AwaitEnds();
   Note("imported " + progress_.Counts());
   if (outcome != Outcome::kReady && queue_.empty() && !AllHaveEnded()) {
     Note("an export has not stopped in time: it keeps what was not confirmed");
