@@ -6,21 +6,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "jactor.h"
+#include "jactor.hpp"
 #include "jcxxactorapi.h"
 #include "jcxxsock.h"
 #include "jlog.h"
+#include "wrapper/common.h"
 
 namespace {
 std::atomic<int> errors_logged{0};
@@ -41,6 +40,9 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_opt
 }
 
 namespace {
+
+using namespace jactor;
+using wrapper::Echo;
 
 constexpr unsigned kHangs = 30;  // seconds after which a child is killed
 
@@ -71,24 +73,17 @@ int Outcome(pid_t pid) {
 
 // A pair of socks, and a message over it.
 struct Pair {
-  std::array<JCXXSock*, 2> ends{};
   Pair() {
-    const auto [a, b] = SockFromPipes::MakeSockPairFromPipes();
-    ends = {a, b};
+    const auto [first, second] = SockFromPipes::MakeSockPairFromPipes();
+    a.reset(first);
+    b.reset(second);
   }
-  ~Pair() {
-    j_sock_destroy(&ends[0]);
-    j_sock_destroy(&ends[1]);
+  void Exchange() const {
+    SockRef(a.get()).send(Message{"storm", "exit"});
+    SockRef(b.get()).receive().value();
   }
-  bool Exchange() const {
-    JCXXMsg* msg = j_msg_new();
-    bool good = j_msg_addstr(msg, "storm") == 0 && j_msg_addstr(msg, "exit") == 0 &&
-                j_msg_send(&msg, ends[0]) == 0;
-    msg = j_msg_recv(ends[1]);
-    good = good && msg != nullptr;
-    j_msg_destroy(&msg);
-    return good;
-  }
+  std::unique_ptr<JCXXSock> a;
+  std::unique_ptr<JCXXSock> b;
 };
 
 [[noreturn]] void ExchangeForEver() {
@@ -97,14 +92,10 @@ struct Pair {
   }
 }
 
-// An actor function that is busy until it is asked to stop.
-void Echo(j_sock_t* sock, void*) {
-  j_sock_signal(sock, 0);
-  for (JCXXMsg* msg = nullptr; (msg = j_msg_recv(sock)) != nullptr;) {
-    if (j_msg_send(&msg, sock) != 0) {
-      j_msg_destroy(&msg);
-    }
-  }
+// An endpoint, until its FIFO is removed again.
+void OpenEndpoint(const std::string& name) {
+  Sock::pull("ipc://" + name);
+  std::filesystem::remove("/var/run/jactor/Jipc_" + name);
 }
 
 int ready[2];  // a child says here that it is at work
@@ -141,23 +132,16 @@ TEST(ExitStorm, ASignalHandlerMayExitWhereverItInterruptsTheLibrary) {
   }
 }
 
-// What a child of a parent with busy threads may do: use objects of its own.
+// What a child of a parent with busy threads may do: use objects of its own. What fails
+// is thrown, and ends it.
 void UseEverything() {
-  const std::string endpoint = "ipc://exit-storm-" + std::to_string(::getpid());
-  JCXXSock* pull = j_pipe_new_pull(endpoint.c_str());
-  bool good = pull != nullptr && Pair().Exchange();
-  JCXXActor* actor = j_actor_new(Echo, nullptr);
-  JCXXMsg* msg = j_msg_new();
-  good = good && j_msg_addstr(msg, "child") == 0 && j_msg_send(&msg, actor) == 0;
-  msg = j_msg_recv(actor);
-  good = good && msg != nullptr;
-  j_msg_destroy(&msg);
-  j_actor_destroy(&actor);
-  j_sock_destroy(&pull);
-  std::filesystem::remove("/var/run/jactor/Jipc_" + endpoint.substr(6));
-  const mode_t umask_left = ::umask(022);
-  if (!good || umask_left == 0) {
-    std::_Exit(good ? 2 : 1);
+  OpenEndpoint("exit-storm-" + std::to_string(::getpid()));
+  Pair().Exchange();
+  const Actor actor(Echo);
+  actor.send(Message{"child"});
+  actor.receive().value();
+  if (::umask(022) == 0) {
+    std::_Exit(2);
   }
 }
 
@@ -172,16 +156,12 @@ TEST(ExitStorm, AForkedChildUsesTheLibraryWhateverTheParentsThreadsHeld) {
       std::thread(ExchangeForEver).detach();
       std::thread([] {
         for (;;) {
-          JCXXActor* actor = j_actor_new(Echo, nullptr);
-          j_actor_destroy(&actor);
+          Actor{Echo};
         }
       }).detach();
-      std::thread([name = "ipc://exit-storm-" + std::to_string(::getpid()) + std::to_string(n)] {
-        const std::string fifo = "/var/run/jactor/Jipc_" + name.substr(6);
+      std::thread([name = "exit-storm-" + std::to_string(::getpid()) + "-" + std::to_string(n)] {
         for (;;) {
-          JCXXSock* sock = j_pipe_new_pull(name.c_str());
-          j_sock_destroy(&sock);
-          std::filesystem::remove(fifo);
+          OpenEndpoint(name);
         }
       }).detach();
     }
@@ -218,7 +198,8 @@ TEST(ExitStorm, NothingIsStartedOnceTheProcessEnds) {
     late.at_the_end = [] {
       const std::size_t before = Entries("/proc/self/task") + Entries("/proc/self/fd");
       errors_logged = 0;
-      if (j_actor_new(Echo, nullptr) != nullptr || errno != ECANCELED || errors_logged != 1) {
+      if (j_actor_new([](j_sock_t*, void*) {}, nullptr) != nullptr || errno != ECANCELED ||
+          errors_logged != 1) {
         std::_Exit(1);
       }
       errno = 0;

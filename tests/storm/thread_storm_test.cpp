@@ -16,6 +16,7 @@
 #include "jcxxmsg.h"
 #include "jcxxsock.h"
 #include "jlog.h"
+#include "wrapper/common.h"
 
 extern "C" void jlog_printf(int, int, const char*, ...) {}
 
@@ -60,20 +61,14 @@ TEST(ThreadStorm, FirstUseFromEightThreads) {
 }
 
 TEST(ThreadStorm, ActorsComeAndGoWhileOthersTalk) {
-  const auto echo = [](jactor::SockRef sock) {
-    sock.ready();
-    while (auto message = sock.receive()) {
-      sock.send(std::move(*message));
-    }
-  };
   Storm([&](int n) {
-    Actor actor(echo);
+    Actor actor(wrapper::Echo);
     for (int i = 0; i < 200; ++i) {
       const std::string number = std::to_string(n * 1000 + i);
       actor.send(Message{number, "storm"});
       ASSERT_EQ(actor.receive()->pop_string(), number);
       if (n % 2 == 0) {
-        actor = Actor(echo);
+        actor = Actor(wrapper::Echo);
       }
     }
   });

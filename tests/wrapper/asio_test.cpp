@@ -2,6 +2,7 @@
 #include <fcntl.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -107,24 +108,17 @@ TEST_F(Asio, AReceiveThatIsCancelledLeavesItsMessage) {
                                     "s1tc2", "st1tc2", "1st2c", "1st2tc"}) {
       Outcome outcome;
       std::string wanted;
+      const std::map<char, std::function<void()>> kSteps = {
+          {'1', [&] { Write(from, kFirstPart); }},
+          {'2', [&] { Write(from, kSecondPart); }},
+          {'s', [&] { async_receive(here, outcome.handler(loop)); }},
+          {'t', [&] { Turn(); }},
+          {'c', [&] {
+             wanted = outcome.what == "pending" ? kCancelled : "half";
+             outcome.cancel.emit(type);
+           }}};
       for (const char step : steps) {
-        switch (step) {
-          case '1':
-            Write(from, kFirstPart);
-            break;
-          case '2':
-            Write(from, kSecondPart);
-            break;
-          case 's':
-            async_receive(here, outcome.handler(loop));
-            break;
-          case 't':
-            Turn();
-            break;
-          default:
-            wanted = outcome.what == "pending" ? kCancelled : "half";
-            outcome.cancel.emit(type);
-        }
+        kSteps.at(step)();
       }
       Turn();
       EXPECT_EQ(outcome.what, wanted) << steps;
