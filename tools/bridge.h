@@ -12,8 +12,8 @@
 //   JPB 1 H  role (E or I), identity (16 bytes)                      a greeting
 //   JPB 1 W  last number confirmed (8), messages (4), bytes (4)      import: a window
 //   JPB 1 D  number (8), a message in the form of the endpoints      export: data
-//   JPB 1 E  last number confirmed (8)                               export: nothing more is
-//                                     on its way, its answer to a window of no messages
+//   JPB 1 E  last number confirmed (8)     export: nothing more is on its way, its answer
+//                                          to a window of no messages
 //   JPB 1 R  text                                  a refusal
 //
 // Numbers are big-endian. Signature, version and refusals stay as they are in every

@@ -137,7 +137,7 @@ connection_cut() {
   begin import
   for ((round = 0; round < rounds; round++)); do
     flows
-    ss -K dst "$loopback" >"$scratch/ss"
+    ss -K dst "$loopback" >"$scratch/ss" 2>&1
   done
   finally 'connection cut' 0 0
   echo "$(grep -c again "$scratch/export") times again"
