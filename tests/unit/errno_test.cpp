@@ -1,11 +1,8 @@
 // errno_test.cpp - what errno says after each exported call: why it failed, or what it
 // said before.
 #include <czmq.h>
-#include <fcntl.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
 
 #include "jactor.h"
 #include "jcxxactor.h"

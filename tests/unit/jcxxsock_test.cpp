@@ -147,25 +147,20 @@ TEST_F(NonBlockingTest, AReadWaitsForTheRestOfAFrame) {
   EXPECT_EQ(Log(), "read error, errno=11");
 }
 
-TEST_F(NonBlockingTest, AGatheredWriteWaitsForRoomForItsRemainder) {
-  const Script waits(Call::kPoll, {Pass([&] { EXPECT_EQ(Drain().size(), 65536U); })});
-  const Script writes(Call::kWritev);
-  const iovec list[] = {{bytes.data(), bytes.size()}};
-  EXPECT_EQ(a->WriteBlockingIOV(list, 1, n), 0);
-  EXPECT_EQ(n, bytes.size());
-  EXPECT_EQ(waits.count(), 1U);
-  EXPECT_EQ(writes.count(), 3U);
-  EXPECT_EQ(Log(), "partial write, waswritten=65536; EAGAIN");
-}
-
-TEST_F(NonBlockingTest, AnExactWriteWaitsForRoom) {
-  const Script waits(Call::kPoll, {Pass([&] { EXPECT_EQ(Drain().size(), 65536U); })});
-  const Script writes(Call::kWrite);
-  EXPECT_EQ(a->WriteBlocking(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), n), 0);
-  EXPECT_EQ(n, bytes.size());
-  EXPECT_EQ(waits.count(), 1U);
-  EXPECT_EQ(writes.count(), 3U);
-  EXPECT_EQ(Log(), "");
+TEST_F(NonBlockingTest, AWriteWaitsForRoomForItsRemainder) {
+  auto* start = reinterpret_cast<unsigned char*>(bytes.data());
+  const iovec list[] = {{start, bytes.size()}};
+  for (const bool gathered : {false, true}) {
+    const Script waits(Call::kPoll, {Pass([&] { EXPECT_EQ(Drain().size(), 65536U); })});
+    const Script writes({Call::kWrite, Call::kWritev});
+    EXPECT_EQ(gathered ? a->WriteBlockingIOV(list, 1, n) : a->WriteBlocking(start, bytes.size(), n),
+              0);
+    EXPECT_EQ(n, bytes.size());
+    EXPECT_EQ(waits.count(), 1U);
+    EXPECT_EQ(writes.count(), 3U);
+    EXPECT_EQ(Log(), gathered ? "partial write, waswritten=65536; EAGAIN" : "");
+    EXPECT_EQ(Drain().size(), bytes.size() - 65536);
+  }
 }
 
 TEST_F(SockTest, ASockWithoutDescriptorsFailsAndTouchesNothing) {
