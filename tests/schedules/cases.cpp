@@ -394,7 +394,10 @@ int main(int argc, char** argv) {
   }
   const schedule::Case* of = words.size() > 1 ? Find(words[1]) : nullptr;
   if (how == "--brief" && of != nullptr) {
-    return RunBriefly(*of, words.size() > 2 ? std::atoi(words[2].c_str()) : 0) ? 0 : 1;
+    return RunBriefly(*of,
+                      words.size() > 2 ? static_cast<unsigned>(std::atoi(words[2].c_str())) : 0U)
+               ? 0
+               : 1;
   }
   const auto plan = words.size() == 3 ? schedule::Read(words[2]) : std::nullopt;
   if (how == "--replay" && of != nullptr && plan) {

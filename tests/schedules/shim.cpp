@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
@@ -439,3 +440,13 @@ REPLACED void jlog_printf(int level, int, const char* format, ...) {
   }
   errno = ENOSPC;
 }
+
+// What is freed is not what it was.
+void operator delete(void* memory) noexcept {
+  if (memory != nullptr) {
+    std::memset(memory, 0xA5, ::malloc_usable_size(memory));
+  }
+  __asm__ volatile("" : : "r"(memory) : "memory");  // or the compiler drops it
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
