@@ -150,7 +150,7 @@ TEST_F(Asio, AnErrorCarriesTheReason) {
 
 // The sends of the C interface are the model, and have a limit that this one has not.
 TEST_F(Asio, AMessageTravelsAsInAPlainSend) {
-  for (const std::size_t frames : {0, 1, 2, 500}) {
+  for (const std::size_t frames : {0U, 1U, 2U, 500U}) {
     from.send(Message(messages::BuildEqual(frames, 40)));
     const std::string wanted = Drain();
     EXPECT_EQ(Send(Message(messages::BuildEqual(frames, 40))), "sent");
