@@ -15,9 +15,11 @@
  *           push that finds nobody to stay then, and something waiting, opens the
  *           endpoint again and goes on waiting.
  *   Mark    A jpipe that will leave by itself (push, signal, import; pull and export
- *           with a count or a time limit) opens its look before the endpoint; one that
- *           stays until it is stopped, only when it is. So who has the endpoint open
- *           and no look stays.
+ *           with a count or a time limit) marks itself before it opens the endpoint,
+ *           with a descriptor that everybody can see; one that stays until it is
+ *           stopped, only when it is. So who has the endpoint open and no mark stays.
+ *           Here has_look is both, the mark and the look: while the endpoint is open
+ *           too, it keeps no bytes that are not kept anyway.
  *
  * Claims
  *   1. No message that a push has sent is lost without a report, unless a process that
@@ -32,15 +34,15 @@
  * lost may still be taken by somebody who opens the endpoint at the same moment.
  *
  * What stands for what
- *   Pusher    push, signal, import: EndpointSock::WaitUntilSafeToLeave
+ *   Pusher    push, signal, import: EndpointSock::LeaveWhenSafe
  *   Puller    pull and export that leave by themselves
  *   Keeper    pull and export that stay until they are stopped
- *   Leave     EndpointSock::SayWhatLeavingLoses
+ *   Leave     EndpointSock::Leave
  *   Program   a program of the library, which knows nothing of the rules
  *   Drain     drain, which only looks and takes
  *   Killer    SIGKILL, or a crash, of anybody at any point
- *   IsSeen... the search in /proc (FindHolders), which is not done in one moment: it may
- *             look for a process's look before that is opened, and for its endpoint after
+ *   IsSeen... the search in /proc (FindKeeper, Keeps), which is not done in one moment: it
+ *             may look for a process's mark before that is opened, and for its endpoint after
  *
  * Runs
  *   holds    -DPUSHERS=2 -DKEEPERS=1

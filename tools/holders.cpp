@@ -3,15 +3,15 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
-#include <sstream>
+#include <string_view>
 
 #include "descriptor.h"
 #include "formats.h"
@@ -52,45 +52,86 @@ void AddHolder(std::vector<Holder>& holders, pid_t pid, const std::string& proce
   }
 }
 
-void AddFifosOf(pid_t pid, Holders& found) {
+// Calls `look(folder, name)` for the descriptors of a process, until it returns true.
+// Result: whether it did; nothing, and errno, when the process cannot be looked into.
+template <class Look>
+std::optional<bool> AnyDescriptor(pid_t pid, Look look) {
   const std::string process = "/proc/" + std::to_string(pid);
-  const std::string fd_folder = process + "/fd/";
-  const std::string fdinfo_folder = process + "/fdinfo/";
-  const Directory descriptors(::opendir(fd_folder.c_str()));
+  const Directory descriptors(::opendir((process + "/fd").c_str()));
   if (descriptors == nullptr) {
-    found.complete = found.complete && errno != EACCES;
-    return;
+    return std::nullopt;
   }
   while (const dirent* entry = ::readdir(descriptors.get())) {
-    const std::string name = entry->d_name;
-    struct stat status = {};
-    if (::stat((fd_folder + name).c_str(), &status) == 0 && S_ISFIFO(status.st_mode) &&
-        !IsOnlyALook(fdinfo_folder + name)) {
-      AddHolder(found.by_file[{status.st_dev, status.st_ino}], pid, process);
+    if (look(process, std::string(entry->d_name))) {
+      return true;
     }
   }
+  return false;
 }
 
-// The seconds that a process has been running; 0 when that cannot be told.
-double Age(pid_t pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!std::getline(file, line)) {
-    return 0;
+// The FIFO that a descriptor has open, and not only for a look.
+std::optional<FileId> OpenFifo(const std::string& process, const std::string& name) {
+  struct stat status = {};
+  if (::stat((process + "/fd/" + name).c_str(), &status) != 0 || !S_ISFIFO(status.st_mode) ||
+      IsOnlyALook(process + "/fdinfo/" + name)) {
+    return std::nullopt;
   }
-  // The 20th word behind the program's name in brackets is when it started.
-  std::istringstream words(line.substr(line.rfind(')') + 1));
-  std::string started;
-  for (int k = 0; k < 20; ++k) {
-    words >> started;
+  return FileId(status.st_dev, status.st_ino);
+}
+
+void AddFifosOf(pid_t pid, Holders& found) {
+  const auto seen = AnyDescriptor(pid, [&](const std::string& process, const std::string& name) {
+    if (const auto id = OpenFifo(process, name)) {
+      AddHolder(found.by_file[*id], pid, process);
+    }
+    return false;
+  });
+  found.complete = found.complete && (seen || errno != EACCES);
+}
+
+// The others, in the order of /proc, until `visit` returns true. Result: whether /proc
+// could be read.
+template <class Visit>
+bool VisitOthers(Visit visit) {
+  const Directory processes(::opendir("/proc"));
+  if (processes == nullptr) {
+    return false;
   }
-  if (!words) {
-    return 0;
+  while (const dirent* entry = ::readdir(processes.get())) {
+    char* end = nullptr;
+    const auto pid = static_cast<pid_t>(std::strtol(entry->d_name, &end, 10));
+    if (*end == '\0' && pid > 0 && pid != ::getpid() && visit(pid)) {
+      break;
+    }
   }
-  timespec now = {};
-  ::clock_gettime(CLOCK_BOOTTIME, &now);
-  const double ticks = std::strtod(started.c_str(), nullptr);
-  return static_cast<double>(now.tv_sec) - ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+  return true;
+}
+
+constexpr const char* kMark = "jpipe-leaves";
+
+bool HasMark(pid_t pid) {
+  const std::string target = std::string("/memfd:") + kMark + " (deleted)";
+  return AnyDescriptor(pid,
+                       [&](const std::string& process, const std::string& name) {
+                         char link[64];
+                         const ssize_t length =
+                             ::readlink((process + "/fd/" + name).c_str(), link, sizeof link);
+                         return length > 0 &&
+                                std::string_view(link, static_cast<std::size_t>(length)) == target;
+                       })
+      .value_or(false);
+}
+
+std::optional<FileId> IdOf(int fd) {
+  struct stat status = {};
+  return ::fstat(fd, &status) == 0 ? std::optional(FileId(status.st_dev, status.st_ino))
+                                   : std::nullopt;
+}
+
+bool HasOpen(pid_t pid, const FileId& id) {
+  return AnyDescriptor(pid, [&](const std::string& process,
+                                const std::string& name) { return OpenFifo(process, name) == id; })
+      .value_or(false);
 }
 
 }  // namespace
@@ -106,30 +147,39 @@ std::string Shown(const std::vector<Holder>& holders) {
 
 Holders FindHolders() {
   Holders found;
-  const Directory processes(::opendir("/proc"));
-  if (processes == nullptr) {
-    found.complete = false;
-    return found;
-  }
-  while (const dirent* entry = ::readdir(processes.get())) {
-    char* end = nullptr;
-    const long pid = std::strtol(entry->d_name, &end, 10);
-    if (*end == '\0' && pid > 0 && pid != ::getpid()) {
-      AddFifosOf(static_cast<pid_t>(pid), found);
-    }
-  }
+  const bool readable = VisitOthers([&](pid_t pid) {
+    AddFifosOf(pid, found);
+    return false;
+  });
+  found.complete = found.complete && readable;
   return found;
 }
 
-bool IsHeldElsewhere(int fd, double seconds) {
-  struct stat status = {};
-  if (::fstat(fd, &status) != 0) {
-    return false;
+bool IsHeldElsewhere(int fd) {
+  bool held = false;
+  if (const auto id = IdOf(fd)) {
+    VisitOthers([&](pid_t pid) { return held = HasOpen(pid, *id); });
   }
-  const std::vector<Holder> holders = FindHolders().by_file[{status.st_dev, status.st_ino}];
-  return std::any_of(holders.begin(), holders.end(), [=](const Holder& holder) {
-    return seconds <= 0 || Age(holder.pid) >= seconds;
+  return held;
+}
+
+void MarkAsLeaving() { static const Descriptor mark(::memfd_create(kMark, MFD_CLOEXEC)); }
+
+// The mark is looked for first: who opens the endpoint in between has it by then.
+std::optional<pid_t> FindKeeper(int fd) {
+  std::optional<pid_t> keeper;
+  VisitOthers([&](pid_t pid) {
+    if (Keeps(pid, fd)) {
+      keeper = pid;
+    }
+    return keeper.has_value();
   });
+  return keeper;
+}
+
+bool Keeps(pid_t pid, int fd) {
+  const auto id = IdOf(fd);
+  return id && !HasMark(pid) && HasOpen(pid, *id);
 }
 
 bool HasWriters(int fd) {

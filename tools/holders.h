@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,9 +31,19 @@ std::string Shown(const std::vector<Holder>& holders);
 // has a look (OpenToLook) does not count.
 Holders FindHolders();
 
-// Whether another process, running for at least `seconds`, is known to have the FIFO
-// `fd` open.
-bool IsHeldElsewhere(int fd, double seconds = 0);
+// Whether another process is known to have the FIFO `fd` open.
+bool IsHeldElsewhere(int fd);
+
+// Marks this process as one that leaves its endpoint by itself. Others see the mark, and do
+// not leave their bytes to it. Comes before the endpoint is opened.
+void MarkAsLeaving();
+
+// Another process that has the FIFO `fd` open and has no mark: it stays until it is stopped,
+// as far as can be told. Nothing when there is none.
+std::optional<pid_t> FindKeeper(int fd);
+
+// Whether that process still is one.
+bool Keeps(pid_t pid, int fd);
 
 // Whether somebody has the FIFO open for writing, as every user of the library has.
 // `fd` is a look into it. Takes nothing.

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,7 +21,6 @@ namespace {
 constexpr int kOpenings = 3;         // two first openings that meet may both have to try again
 constexpr int kLookInterval = 20;    // milliseconds between two looks at the bytes that wait
 constexpr int kLooksPerSearch = 10;  // and between two searches for who has the FIFO open
-constexpr double kSettled = 2;       // seconds: then a process has locked what it will leave
 
 bool MustRepeat(int error) { return error == EINTR; }
 
@@ -42,14 +40,21 @@ std::string WhyNotOpened(const std::string& endpoint, const std::string& fifo) {
   return reason + (why.empty() ? "no memory left" : why) + ": see " + fifo;
 }
 
-JCXXSock* Open(const std::string& endpoint, Direction direction) {
+// Opens the endpoint as the library does. The copy of its descriptor is the endpoint, as far
+// as others can see.
+Descriptor Open(const std::string& endpoint, Direction direction) {
   const std::string fifo = FifoPath(endpoint);
   for (int k = 0; k < kOpenings; ++k) {
     ForgetLibraryError();
     JCXXSock* sock = direction == Direction::kPull ? j_pipe_new_pull(endpoint.c_str())
                                                    : j_pipe_new_push(endpoint.c_str());
     if (sock != nullptr) {
-      return sock;
+      Descriptor opened(::fcntl(j_sock_fd(sock), F_DUPFD_CLOEXEC, 0));
+      j_sock_destroy(&sock);
+      if (!opened) {
+        throw Failure(kFailed, "cannot open " + endpoint + ": " + std::strerror(errno));
+      }
+      return opened;
     }
   }
   throw Failure(kFailed, WhyNotOpened(endpoint, fifo));
@@ -72,12 +77,10 @@ void CheckSize(const Content& content) {
 EndpointSock::EndpointSock(const std::string& endpoint, Direction direction, Patience& patience)
     : endpoint_(endpoint),
       patience_(&patience),
-      opened_(Open(endpoint, direction)),
-      fd_(j_sock_fd(opened_)) {
+      open_(Open(endpoint, direction)),
+      fd_(open_.get()) {
   ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
 }
-
-EndpointSock::~EndpointSock() { j_sock_destroy(&opened_); }
 
 int EndpointSock::GetReadFD(int& fd) {
   fd = fd_;
@@ -256,24 +259,46 @@ Outcome EndpointSock::Put(const Content& content) {
   return Unfinished(Direction::kPush);
 }
 
-void EndpointSock::WillLeave() { ::flock(fd_, LOCK_SH | LOCK_NB); }
+// Leaving
+//
+// The bytes in a FIFO are lost with the last descriptor on it. So who leaves closes the
+// endpoint first, keeps a look, and only then searches for others: who closes last finds
+// nobody, and knows. models/leaving.pml searches these rules for a loss without a word.
 
-// Another process has the FIFO open, and it is not a jpipe that will leave soon:
-// such a one holds a shared lock, which keeps the exclusive lock out, or has only
-// just started and will lock it. Two processes can thus never both leave the bytes
-// to the other one.
-Outcome EndpointSock::WaitUntilSafeToLeave() {
+namespace {
+
+Descriptor OpenAgain(int fd, int flags) {
+  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  return Descriptor(::open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC));
+}
+
+}  // namespace
+
+void EndpointSock::KeepALook() {
+  open_ = OpenAgain(fd_, O_RDONLY);
+  fd_ = open_.get();
+}
+
+// Leaves the endpoint to `keeper`, or as it is when there is none. Result: whether that
+// loses nothing; otherwise the endpoint is open again.
+bool EndpointSock::LeaveTo(std::optional<pid_t> keeper) {
+  KeepALook();
+  const bool safe = keeper ? Keeps(*keeper, fd_) : Waiting() == 0 || IsHeldElsewhere(fd_);
+  if (!safe) {
+    open_ = OpenAgain(fd_, O_RDWR);
+    fd_ = open_.get();
+  }
+  return safe;
+}
+
+Outcome EndpointSock::LeaveWhenSafe() {
   bool said = false;
-  int found = 0;
-  for (int look = 0; Waiting() > 0; ++look) {
-    if (look % kLooksPerSearch <= 1) {
-      const bool nobody_leaves = ::flock(fd_, LOCK_EX | LOCK_NB) == 0;
-      found = nobody_leaves && IsHeldElsewhere(fd_, kSettled) ? found + 1 : 0;
-      if (found == 2) {  // twice in a row: it was not one that had just come to leave
-        return Outcome::kReady;
-      }
-      WillLeave();
-      if (look > 0 && !said && Waiting() > 0 && !(nobody_leaves && IsHeldElsewhere(fd_))) {
+  for (int look = 0;; ++look) {
+    const bool empty = Waiting() == 0;
+    std::optional<pid_t> keeper;
+    if (!empty && look % kLooksPerSearch <= 1) {
+      keeper = FindKeeper(fd_);
+      if (!keeper && look > 0 && !said && Waiting() > 0) {
         said = true;
         Note(
             Text("%s wait in %s, which nobody else keeps open: staying until they are taken "
@@ -281,20 +306,23 @@ Outcome EndpointSock::WaitUntilSafeToLeave() {
                  Counted(Waiting(), "byte").c_str(), endpoint_.c_str()));
       }
     }
+    if ((empty || keeper) && LeaveTo(keeper)) {
+      return Outcome::kReady;
+    }
     const Outcome outcome = patience_->Wait(-1, 0, goes_on_in_grace_, kLookInterval);
     if (outcome != Outcome::kTick) {
-      SayWhatLeavingLoses();
+      Leave();
       return outcome;
     }
   }
-  return Outcome::kReady;
 }
 
-void EndpointSock::SayWhatLeavingLoses() {
-  const std::size_t bytes = Waiting();
-  if (bytes > 0 && !IsHeldElsewhere(fd_)) {
+void EndpointSock::Leave() {
+  MarkAsLeaving();
+  KeepALook();
+  if (Waiting() > 0 && !IsHeldElsewhere(fd_)) {
     Note(Text("%s that wait in %s are lost, since nobody else has it open",
-              Counted(bytes, "byte").c_str(), endpoint_.c_str()));
+              Counted(Waiting(), "byte").c_str(), endpoint_.c_str()));
   }
 }
 

@@ -6,10 +6,12 @@
 #include <jcxxsock.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "content.h"
+#include "descriptor.h"
 #include "waiting.h"
 
 namespace jpipe {
@@ -28,7 +30,7 @@ class EndpointSock final : public JCXXSock {
   EndpointSock(const std::string& endpoint, Direction direction, Patience& patience);
   EndpointSock(const EndpointSock&) = delete;
   EndpointSock& operator=(const EndpointSock&) = delete;
-  ~EndpointSock() override;
+  ~EndpointSock() override = default;
 
   // Receives the next message. Result: kReady and `content`, which is good until
   // the next call; or what ended the wait. Fails when the bytes are no message.
@@ -54,17 +56,13 @@ class EndpointSock final : public JCXXSock {
   // Waits with another Patience from now on.
   void WaitWith(Patience& patience) { patience_ = &patience; }
 
-  // Tells other jpipe processes that this one will leave the endpoint soon, so
-  // that they do not leave their bytes to it.
-  void WillLeave();
+  // Leaves the endpoint when nothing waits in it or somebody else stays; until then waits,
+  // since the bytes would be lost, and says so once. Result: kReady, or what ended the
+  // wait. Leaves in any case. The process is marked (MarkAsLeaving).
+  Outcome LeaveWhenSafe();
 
-  // Waits while bytes lie in the FIFO and nobody else has it open, since they
-  // would be lost. Says so once. Result: kReady when it is safe to leave, or what
-  // ended the wait.
-  Outcome WaitUntilSafeToLeave();
-
-  // Says so when bytes are lost now because nobody else has the FIFO open.
-  void SayWhatLeavingLoses();
+  // Leaves the endpoint, and says so when bytes are lost since nobody else has it open.
+  void Leave();
 
   int fd() const { return fd_; }
   std::size_t Waiting() const;
@@ -90,10 +88,12 @@ class EndpointSock final : public JCXXSock {
   bool MayGoOn(short events, bool begun);
   Outcome Unfinished(Direction direction);
   void TakeApart(JCXXMsg* msg, Content& content);
+  void KeepALook();
+  bool LeaveTo(std::optional<pid_t> keeper);
 
   std::string endpoint_;
   Patience* patience_;
-  JCXXSock* opened_;
+  Descriptor open_;  // the endpoint; later only a look into it
   int fd_;
   bool waits_for_room_ = true;
   bool goes_on_in_grace_ = false;

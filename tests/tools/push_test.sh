@@ -104,6 +104,30 @@ done
 is 'what both sent' $'x\nx' "$("$JPIPE" pull "$e" --count 2)"
 wait
 
+# A pull that stays until it is stopped keeps the bytes, however new it is and even when it
+# does not read; one that will leave by itself does not.
+for options in '' '--count 9'; do
+  rm -f "$scratch/err"
+  # shellcheck disable=SC2086 # none or two words
+  "$JPIPE" pull "$e" $options >"$scratch/out" &
+  pull=$!
+  until_true holds e $pull
+  kill -STOP $pull
+  "$JPIPE" push "$e" x 2>"$scratch/err" &
+  push=$!
+  if [ -z "$options" ]; then
+    wait $push
+    is 'the bytes are left to it' 0 $?
+  else
+    until_true said err
+  fi
+  kill -CONT $pull
+  until_true grep -q x "$scratch/out"
+  wait $push
+  kill -TERM $pull
+  wait $pull
+done
+
 "$JPIPE" push "$e" x --timeout 1 2>"$scratch/err"
 is 'the time limit bounds the wait' 124 $?
 has 'it tells what is lost' '*staying*jpipe: 2 bytes*lost*' "$(cat "$scratch/err")"

@@ -28,9 +28,6 @@ class Exporter final : private Carrier {
         reader_(sock_.fd()),
         bridge_(options, options.operands[1], Role::kExport, Link::kConnect, *this),
         progress_(options.progress) {
-    if (options.count || options.timeout) {
-      sock_.WillLeave();
-    }
     patience_.Serve(bridge_.fd(), [this] { return bridge_.Serve(); });
     patience_.SayInGrace("waiting for the confirmations; interrupt again to give up");
   }
@@ -279,7 +276,7 @@ Exit Exporter::Run() {
     failure_ = failure;
   }
   const std::uint64_t unconfirmed = Unconfirmed();
-  sock_.SayWhatLeavingLoses();
+  sock_.Leave();
   Note("exported " + progress_.Counts());
   if (unconfirmed > 0) {
     Note(Counted(unconfirmed, "message") +
@@ -293,6 +290,11 @@ Exit Exporter::Run() {
 
 }  // namespace
 
-int Export(const Options& options) { return Exporter(options).Run(); }
+int Export(const Options& options) {
+  if (options.count || options.timeout) {
+    MarkAsLeaving();
+  }
+  return Exporter(options).Run();
+}
 
 }  // namespace jpipe

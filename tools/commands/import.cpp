@@ -7,6 +7,7 @@
 
 #include "bridge.h"
 #include "commands.h"
+#include "holders.h"
 #include "message_scan.h"
 #include "progress.h"
 #include "report.h"
@@ -220,7 +221,7 @@ Outcome Importer::DeliverAll() {
     } else {
       ConfirmAll();
       if (stopping_ && AllHaveEnded()) {
-        return sock_.WaitUntilSafeToLeave();
+        return sock_.LeaveWhenSafe();
       }
       bridge_.CheckConnection();
       outcome = patience_.Wait(-1, 0, true);
@@ -261,6 +262,9 @@ Exit Importer::Run() {
 
 }  // namespace
 
-int Import(const Options& options) { return Importer(options).Run(); }
+int Import(const Options& options) {
+  MarkAsLeaving();
+  return Importer(options).Run();
+}
 
 }  // namespace jpipe

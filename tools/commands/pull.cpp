@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include "commands.h"
+#include "holders.h"
 #include "output.h"
 #include "progress.h"
 #include "report.h"
@@ -47,17 +48,17 @@ Outcome ShowAll(EndpointSock& sock, const Options& options, Patience& patience) 
 int Pull(const Options& options) {
   RequireOutput();
   Patience patience(options.timeout);
-  EndpointSock sock(options.operands[0], Direction::kPull, patience);
   if (options.count || options.timeout) {
-    sock.WillLeave();
+    MarkAsLeaving();
   }
+  EndpointSock sock(options.operands[0], Direction::kPull, patience);
   patience.WatchOutput(STDOUT_FILENO);
   try {
     const Outcome outcome = ShowAll(sock, options, patience);
-    sock.SayWhatLeavingLoses();
+    sock.Leave();
     return ExitFor(outcome, !options.count);
   } catch (const Failure&) {
-    sock.SayWhatLeavingLoses();
+    sock.Leave();
     throw;
   }
 }

@@ -1,5 +1,6 @@
 // push.cpp - jpipe push and jpipe signal: words, lines or a file into an endpoint.
 #include "commands.h"
+#include "holders.h"
 #include "input.h"
 #include "progress.h"
 #include "report.h"
@@ -45,9 +46,9 @@ class Pusher {
   // The end of the command, after the last message or what came instead of it.
   Exit Leave(Outcome outcome) {
     if (outcome != Outcome::kReady) {
-      sock_.SayWhatLeavingLoses();
+      sock_.Leave();
     } else if (!options_.no_wait) {
-      outcome = sock_.WaitUntilSafeToLeave();
+      outcome = sock_.LeaveWhenSafe();
     }
     return ExitFor(outcome, false);
   }
@@ -112,6 +113,7 @@ Outcome PushWords(const Options& options, Pusher& pusher) {
 }  // namespace
 
 int Push(const Options& options) {
+  MarkAsLeaving();
   const bool words = options.operands.size() > 1;
   if (words && (options.file || options.frames || options.count)) {
     throw Failure(kUsage, "FRAME words make one message: leave out --file, --frames and --count");
@@ -132,6 +134,7 @@ int Push(const Options& options) {
 }
 
 int Signal(const Options& options) {
+  MarkAsLeaving();
   Content content;
   content.signal = static_cast<int>(Number("signal value", options.operands[1], 0, 255));
   Pusher pusher(options);
