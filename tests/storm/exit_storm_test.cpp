@@ -98,11 +98,26 @@ void OpenEndpoint(const std::string& name) {
   std::filesystem::remove("/var/run/jactor/Jipc_" + name);
 }
 
+// Lives longer than the library's own end, since it was made before its first use.
+struct Late {
+  void (*at_the_end)() = nullptr;
+  ~Late() {
+    if (at_the_end != nullptr) {
+      at_the_end();
+    }
+  }
+};
+Late late;
+
 int ready[2];  // a child says here that it is at work
 
-// Kills a child that exchanges messages, and whose handler calls exit(0).
+// Kills a child that exchanges messages, and whose handler calls exit(0). It asks for a
+// handle at the very end, which takes the registry's lock; to allocate would not be safe.
 void TerminateAtWork(bool second_thread) {
   const pid_t pid = Child([=] {
+    late.at_the_end = [] {
+      JCXXActorAPI::GetInstance()->JCXXMsgPtrIsValid(reinterpret_cast<JCXXMsg*>(&late));
+    };
     std::signal(SIGTERM, [](int) { std::exit(0); });
     sigset_t term;
     sigemptyset(&term);
@@ -176,17 +191,6 @@ TEST(ExitStorm, AForkedChildUsesTheLibraryWhateverTheParentsThreadsHeld) {
   });
   EXPECT_EQ(Outcome(parent), 0);
 }
-
-// Lives longer than the library's own end, since it was made before its first use.
-struct Late {
-  void (*at_the_end)() = nullptr;
-  ~Late() {
-    if (at_the_end != nullptr) {
-      at_the_end();
-    }
-  }
-};
-Late late;
 
 std::size_t Entries(const char* folder) {
   return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
