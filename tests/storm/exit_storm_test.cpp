@@ -147,10 +147,21 @@ TEST(ExitStorm, ASignalHandlerMayExitWhereverItInterruptsTheLibrary) {
   }
 }
 
+// How the endpoints of this run begin: the processes end in the middle of their work.
+const std::string names = "exit-storm-" + std::to_string(::getpid()) + "-";
+
+void RemoveFifos() {
+  for (const auto& entry : std::filesystem::directory_iterator("/var/run/jactor")) {
+    if (entry.path().filename().string().rfind("Jipc_" + names, 0) == 0) {
+      std::filesystem::remove(entry.path());
+    }
+  }
+}
+
 // What a child of a parent with busy threads may do: use objects of its own. What fails
 // is thrown, and ends it.
 void UseEverything() {
-  OpenEndpoint("exit-storm-" + std::to_string(::getpid()));
+  OpenEndpoint(names + std::to_string(::getpid()));
   Pair().Exchange();
   const Actor actor(Echo);
   actor.send(Message{"child"});
@@ -174,9 +185,9 @@ TEST(ExitStorm, AForkedChildUsesTheLibraryWhateverTheParentsThreadsHeld) {
           Actor{Echo};
         }
       }).detach();
-      std::thread([name = "exit-storm-" + std::to_string(::getpid()) + "-" + std::to_string(n)] {
+      std::thread([n] {
         for (;;) {
-          OpenEndpoint(name);
+          OpenEndpoint(names + std::to_string(n));
         }
       }).detach();
     }
@@ -190,6 +201,7 @@ TEST(ExitStorm, AForkedChildUsesTheLibraryWhateverTheParentsThreadsHeld) {
     std::_Exit(0);
   });
   EXPECT_EQ(Outcome(parent), 0);
+  RemoveFifos();
 }
 
 std::size_t Entries(const char* folder) {
