@@ -92,10 +92,13 @@ struct Pair {
   }
 }
 
-// An endpoint, until its FIFO is removed again.
-void OpenEndpoint(const std::string& name) {
-  Sock::pull("ipc://" + name);
+// An endpoint, until its FIFO is removed again. Result: whether it could be opened.
+bool OpenEndpoint(const std::string& name) {
+  JCXXSock* sock = j_pipe_new_pull(("ipc://" + name).c_str());
+  const bool opened = sock != nullptr;
+  j_sock_destroy(&sock);
   std::filesystem::remove("/var/run/jactor/Jipc_" + name);
+  return opened;
 }
 
 // Lives longer than the library's own end, since it was made before its first use.
@@ -161,13 +164,14 @@ void RemoveFifos() {
 // What a child of a parent with busy threads may do: use objects of its own. What fails
 // is thrown, and ends it.
 void UseEverything() {
-  OpenEndpoint(names + std::to_string(::getpid()));
+  const bool opened = OpenEndpoint(names + std::to_string(::getpid()));
   Pair().Exchange();
   const Actor actor(Echo);
   actor.send(Message{"child"});
   actor.receive().value();
-  if (::umask(022) == 0) {
-    std::_Exit(2);
+  const mode_t umask_left = ::umask(022);
+  if (!opened || umask_left == 0) {
+    std::_Exit(opened ? 2 : 1);
   }
 }
 
