@@ -7,7 +7,7 @@ near=$(endpoint near)
 far=$(endpoint far)
 rounds=${BRIDGE_ROUNDS:-4}
 kinds=${BRIDGE_KINDS:-import_binds export_binds reader_stands import_killed export_killed
-  connection_cut}
+  connection_cut link_cut}
 window=64
 
 # begin BINDING-SIDE - starts traffic, import and export, one of which binds.
@@ -142,6 +142,49 @@ connection_cut() {
   finally 'connection cut' 0 0
   echo "$(grep -c again "$scratch/export") times again"
 }
+
+# Two hosts, which are two network namespaces here, and the cable between them is out for
+# $BRIDGE_CUT seconds, where this user may. Longer than TCP's first attempts to send again.
+link_cut() {
+  local here there program=$JPIPE rounds=1
+  if ! unshare --net true 2>"$scratch/ip"; then
+    echo 'the link cannot be cut here'
+    return
+  fi
+  unshare --net sleep 1000 &
+  here=$!
+  unshare --net sleep 1000 &
+  there=$!
+  until_true apart $here
+  until_true apart $there
+  if ! ip link add cable_$$ netns $here type veth peer name cable_$$ netns $there; then
+    echo 'the link cannot be cut here'
+    return
+  fi
+  on $here ip address add 10.0.0.1/30 dev cable_$$
+  on $there ip address add 10.0.0.2/30 dev cable_$$
+  on $here ip link set cable_$$ up
+  on $there ip link set cable_$$ up
+  JPIPE='on_its_host' host=$there
+  start_import tcp://10.0.0.2:5555 "$far" --bind --window $window --linger 100
+  host=$here
+  start_export "$near" tcp://10.0.0.2:5555 --connect --window $window --linger 100
+  JPIPE=$program
+  "$TRAFFIC" check "$far" numbered >"$scratch/check" &
+  check=$!
+  "$TRAFFIC" send "$near" 1000000000 numbered >"$scratch/send" &
+  send=$!
+  flows
+  on $here ip link set cable_$$ down
+  sleep "${BRIDGE_CUT:-1}" # the case itself
+  on $here ip link set cable_$$ up
+  flows
+  finally 'link cut' 0 0
+  kill $here $there
+}
+on() { nsenter --net="/proc/$1/ns/net" -- "${@:2}"; }
+on_its_host() { exec nsenter --net="/proc/$host/ns/net" -- "$program" "$@"; }
+apart() { ! [ "/proc/$1/ns/net" -ef /proc/self/ns/net ]; }
 
 for kind in $kinds; do
   $kind
