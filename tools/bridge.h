@@ -55,7 +55,7 @@ struct Window {
 constexpr double kUsualLinger = 5;  // seconds
 
 // The longest form of a message in an endpoint: its frames may be as many as its bytes.
-constexpr std::size_t kMaxOnWire = 2 * std::size_t{JACTOR_MAX_SIZE} + 128 * 1024;
+constexpr std::size_t kMaxOnWire = 2 * std::size_t{JACTOR_MAX_SIZE} + std::size_t{128} * 1024;
 
 // What there is to count of a message in the form of the endpoints.
 Content ContentToCount(std::string_view bytes);

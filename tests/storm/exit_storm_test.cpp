@@ -127,7 +127,13 @@ void TerminateAtWork(bool second_thread) {
     sigaddset(&term, SIGTERM);
     ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
     if (second_thread) {
-      std::thread(ExchangeForEver).detach();
+      std::thread([] {
+        try {
+          ExchangeForEver();
+        } catch (const error&) {  // refused at the end of the process
+          ::pause();
+        }
+      }).detach();
     }
     const Pair pair;
     pair.Exchange();

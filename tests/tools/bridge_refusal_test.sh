@@ -28,13 +28,16 @@ done
 said import 'an older jpipe'
 wait $!
 
-# A message without an end is cut off before it takes much memory, and the others go on.
-before=$(awk '/VmHWM/ { print $2 }' "/proc/$import/status")
-is 'endless parts' ended "$("$TRAFFIC" endless "$address")"
-said import 'does not end'
-after=$(awk '/VmHWM/ { print $2 }' "/proc/$import/status")
-echo "endless parts took $((after - before)) KiB"
-is 'memory is bounded' yes "$([ $((after - before)) -lt 500000 ] && echo yes || echo "$after")"
+# A message without an end is cut off before it takes much memory, and the others go on. An
+# emulator does not tell how many bytes a connection has got.
+if [ -z "${JACTOR_EMULATOR-}" ]; then
+  before=$(awk '/VmHWM/ { print $2 }' "/proc/$import/status")
+  is 'endless parts' ended "$("$TRAFFIC" endless "$address")"
+  said import 'does not end'
+  after=$(awk '/VmHWM/ { print $2 }' "/proc/$import/status")
+  echo "endless parts took $((after - before)) KiB"
+  is 'memory is bounded' yes "$([ $((after - before)) -lt 500000 ] && echo yes || echo "$after")"
+fi
 start_export "$near" "$address"
 "$JPIPE" push "$near" good
 is 'others go on' good "$("$JPIPE" pull "$far" --count 1)"

@@ -16,7 +16,7 @@
 namespace jpipe {
 namespace {
 
-constexpr double kClosing = 1;                 // seconds for the exports' answers at the end
+constexpr double kAnswers = 1;                 // seconds for the exports' answers at the end
 constexpr std::size_t kMostRemembered = 1000;  // exports
 
 class Importer final : private Carrier {
@@ -202,7 +202,7 @@ bool Importer::AllHaveEnded() const {
 
 // Has the exports know what is confirmed, or else the next import would get it again.
 void Importer::AwaitEnds() {
-  Patience closing(kClosing);
+  Patience closing(kAnswers);
   closing.Serve(bridge_.fd(), [this] { return Serve(); });
   while (!AllHaveEnded() && closing.Wait(-1, 0, false) == Outcome::kTick) {
   }
