@@ -46,8 +46,12 @@ using wrapper::Echo;
 
 constexpr unsigned kHangs = 30;  // seconds after which a child is killed
 
-// How many times a storm does it; JACTOR_STORM_EXITS says otherwise.
+// How many times a storm does it, a sanitizer's slower program fewer times;
+// JACTOR_STORM_EXITS says otherwise.
 int Rounds(int usual) {
+#ifdef JACTOR_SANITIZED
+  usual /= 4;
+#endif
   const char* asked = std::getenv("JACTOR_STORM_EXITS");
   return asked != nullptr ? std::atoi(asked) : usual;
 }
