@@ -52,7 +52,7 @@ class Unentered {
   }
 
  private:
-  static constexpr std::size_t kRoom = 64;
+  static constexpr std::size_t kRoom = 16;
 
   Object* objects_[kRoom];
   std::size_t first_ = 0;
