@@ -23,7 +23,8 @@ def test_the_librarys_messages_pass_through_whole(endpoint, traffic):
     """Mixed ones: signals, empty frames, 511 frames, a mebibyte; the library compares every byte."""
     there, back = endpoint + "/there", endpoint + "/back"
     with jactor.Push(there), jactor.Push(back):  # what they hold lives as long as this
-        with (subprocess.Popen([sys.executable, "-c", RELAY, there, back, str(COUNT + 1)], stdout=subprocess.PIPE) as relay,
+        with (subprocess.Popen([sys.executable, "-c", RELAY, there, back, str(COUNT + 1)],
+                               stdout=subprocess.PIPE) as relay,
               subprocess.Popen([traffic, "check", back, "mixed"], stdout=subprocess.PIPE) as check):
             assert relay.stdout.readline() == b"ready\n"
             subprocess.run([traffic, "send", there, str(COUNT), "mixed"], check=True)
