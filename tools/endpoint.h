@@ -16,7 +16,7 @@ constexpr const char* kRunDirectory = "/var/run/jactor";
 std::string FifoPath(const std::string& endpoint);
 
 // The endpoint of a FIFO's file name, as far as it can be told: where the name
-// had "/" or "\" it now has "_". Empty when it is no endpoint's FIFO.
+// had "/" or "\" it now has "_". Empty when it is not the FIFO of an endpoint.
 std::string EndpointOfFifo(const std::string& file_name);
 
 // A look into a FIFO: opened for reading only and without waiting, so that it is

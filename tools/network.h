@@ -2,7 +2,7 @@
 //
 // The side that connects has a DEALER socket and one far end, whose name is empty. The
 // side that binds has a ROUTER socket and many far ends, each named by its routing id.
-// All messages have one part: what has more is no message of a bridge, and as ZeroMQ
+// All messages have one part: what has more is not a message of a bridge, and as ZeroMQ
 // keeps the parts until the last one is there, a connection that sends more bytes than
 // it may without a whole message is closed.
 //

@@ -39,7 +39,7 @@ std::string Given(const char* what, const std::string& text) {
 }
 
 // One option. The completion knows the values FILE and DIR, and words between bars.
-struct Spec {
+struct OptionRow {
   const char* commands;  // that take it; all when empty
   const char* name;
   const char* value;  // nothing for a flag
@@ -47,7 +47,7 @@ struct Spec {
   void (*set)(Options& options, const std::string& value);
 };
 
-constexpr Spec kSpecs[] = {
+constexpr OptionRow kOptions[] = {
     {"pull drain", "-f,--format", "text|quoted|hex|json|raw", "how messages are shown",
      [](Options& o, const std::string& v) { o.format = ReadFormat(v); }},
     {"pull push export", "-n,--count", "N", "end after N messages",
@@ -109,9 +109,9 @@ constexpr std::pair<const char*, const char*> kExcluding[] = {
 constexpr std::pair<const char*, const char*> kNeeding[] = {{"--curve-server", "--curve-cert"},
                                                             {"--curve-clients", "--curve-cert"}};
 
-bool Takes(const std::string& command, const Spec& spec) {
-  const std::string takers = std::string(" ") + spec.commands + " ";
-  return *spec.commands == '\0' || takers.find(" " + command + " ") != std::string::npos;
+bool Takes(const std::string& command, const OptionRow& row) {
+  const std::string takers = std::string(" ") + row.commands + " ";
+  return *row.commands == '\0' || takers.find(" " + command + " ") != std::string::npos;
 }
 
 // Shows the usage in jpipe's own form, and of an option only its value.
@@ -138,18 +138,18 @@ std::unique_ptr<CLI::App> Declare(const Command& command, Options& options) {
   app->footer(std::string("Example: ") + command.example);
   app->allow_extras();
   app->set_help_flag("-h,--help", "show this text");
-  for (const Spec& spec : kSpecs) {
-    if (!Takes(command.name, spec)) {
+  for (const OptionRow& row : kOptions) {
+    if (!Takes(command.name, row)) {
       continue;
     }
-    const auto set = [&options, &spec](const std::string& value) { spec.set(options, value); };
-    if (spec.value == nullptr) {
+    const auto set = [&options, &row](const std::string& value) { row.set(options, value); };
+    if (row.value == nullptr) {
       app->add_flag_callback(
-             spec.name, [set] { set(""); }, spec.help)
+             row.name, [set] { set(""); }, row.help)
           ->disable_flag_override();
     } else {
-      app->add_option_function<std::string>(spec.name, set, spec.help)
-          ->option_text(spec.value)
+      app->add_option_function<std::string>(row.name, set, row.help)
+          ->option_text(row.value)
           ->take_last();
     }
   }

@@ -33,7 +33,7 @@ class EndpointSock final : public JCXXSock {
   ~EndpointSock() override = default;
 
   // Receives the next message. Result: kReady and `content`, which is good until
-  // the next call; or what ended the wait. Fails when the bytes are no message.
+  // the next call; or what ended the wait. Fails when the bytes are not a message.
   Outcome Take(Content& content);
 
   // Sends a message. Result: kReady, or what ended the wait. Fails when the

@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
   int status = EXIT_SUCCESS;
   try {
     run(argc == 2 ? argv[1] : "");
-  } catch (const std::exception& failure) {  // bytes that are no message, for one
+  } catch (const std::exception& failure) {  // bytes that are not a message, for one
     std::cerr << "asio: " << failure.what() << '\n';
     status = EXIT_FAILURE;
   }

@@ -43,7 +43,7 @@ static void proceed(GMainLoop* loop) {
     if (msg != NULL && next == WORKER) {
       print("answer", msg);
     } else if (msg == NULL || j_msg_send(&msg, source[WORKER]) != 0) {
-      perror("glib"); /* the end of the stream, or bytes that are no message */
+      perror("glib"); /* the end of the stream, or bytes that are not a message */
       status = EXIT_FAILURE;
       g_main_loop_quit(loop);
       return;

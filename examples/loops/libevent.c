@@ -41,7 +41,7 @@ static void proceed(struct event_base* base) {
     if (msg != NULL && next == WORKER) {
       print("answer", msg);
     } else if (msg == NULL || j_msg_send(&msg, source[WORKER]) != 0) {
-      perror("libevent"); /* the end of the stream, or bytes that are no message */
+      perror("libevent"); /* the end of the stream, or bytes that are not a message */
       status = EXIT_FAILURE;
       event_base_loopexit(base, NULL);
       return;

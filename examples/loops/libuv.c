@@ -43,7 +43,7 @@ static void proceed(uv_loop_t* loop) {
     if (msg != NULL && next == WORKER) {
       print("answer", msg);
     } else if (msg == NULL || j_msg_send(&msg, source[WORKER]) != 0) {
-      perror("libuv"); /* the end of the stream, or bytes that are no message */
+      perror("libuv"); /* the end of the stream, or bytes that are not a message */
       status = EXIT_FAILURE;
       uv_stop(loop);
       return;

@@ -42,7 +42,7 @@ static void proceed(sd_event* loop) {
     if (msg != NULL && next == WORKER) {
       print("answer", msg);
     } else if (msg == NULL || j_msg_send(&msg, source[WORKER]) != 0) {
-      perror("sd_event"); /* the end of the stream, or bytes that are no message */
+      perror("sd_event"); /* the end of the stream, or bytes that are not a message */
       sd_event_exit(loop, EXIT_FAILURE);
       return;
     }

@@ -53,7 +53,7 @@ class Pull(_Blocking, Reader):
         """Waits for the next message or signal, `timeout` seconds at most; 0 waits for nothing.
 
         Raises TimeoutError, also inside a message; whatever has come is kept for the next
-        call. Ctrl-C ends it in the same way. Raises StreamError for bytes that are no message.
+        call. Ctrl-C ends it in the same way. Raises StreamError for bytes that are not a message.
         """
         if not self._decoder.ready:
             self._await(timeout)

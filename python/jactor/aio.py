@@ -72,7 +72,7 @@ class Pull(_Asynchronous, Reader):
     async def receive(self) -> Message | Signal:
         """Waits for the next message or signal. A cancelled one loses nothing, also inside a message.
 
-        Raises StreamError for bytes that are no message.
+        Raises StreamError for bytes that are not a message.
         """
         while not self._decoder.ready:
             async with self._turn:

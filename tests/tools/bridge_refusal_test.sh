@@ -7,7 +7,7 @@ said() { until_true grep -q -- "$2" "$scratch/$1"; }
 
 start_import "tcp://$loopback:*" "$far"
 
-# Another version is told on both sides, as is whoever is no export.
+# Another version is told on both sides, as is a peer that is not an export.
 greeting='E0123456789abcdef'
 for far_end in "JPB\\x02H$greeting|*version 1*version 2*" "hello|*does not speak as a jpipe*" \
   "JPB\\x01HI0123456789abcdef|*both sides are an import*" "JPB\\x01Hshort|*greeting is damaged*" \
@@ -16,8 +16,8 @@ for far_end in "JPB\\x02H$greeting|*version 1*version 2*" "hello|*does not speak
     "$("$TRAFFIC" dealer "$address" "${far_end%|*}")"
 done
 said import 'refused .*version'
-# Data that is no message, a window from an export.
-for data in 'D\x00\x00\x00\x00\x00\x00\x00\x01\x05ab|*no message of an endpoint*' \
+# Data that is not a message, a window from an export.
+for data in 'D\x00\x00\x00\x00\x00\x00\x00\x01\x05ab|*not a message of an endpoint*' \
   'W0000000000000000|*no export sends*'; do
   has "the answer to ${data%|*}" "${data#*|}" \
     "$("$TRAFFIC" dealer "$address" "JPB\\x01H$greeting" "JPB\\x01${data%|*}")"

@@ -18,7 +18,7 @@ has 'an endpoint' "ipc://${name}_e $(id -un) 0600 3 *" "$row"
 has 'who has it open' "* $sleeper(sleep)*" "$row"
 is 'an endpoint that nobody has open' "inproc://$name $(id -un) 0666 0 -" \
   "$(grep "^inproc://$name " "$scratch/list" | tr -s ' ' | sed 's/ ?$/ -/')"
-is 'a file that is no FIFO' 0 "$(grep -c "${name}_file" "$scratch/list")"
+is 'a file that is not a FIFO' 0 "$(grep -c "${name}_file" "$scratch/list")"
 
 "$JPIPE" list --json >"$scratch/json"
 is 'exit code of --json' 0 $?

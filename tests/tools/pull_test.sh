@@ -25,7 +25,7 @@ has 'it tells what is lost' 'jpipe: 2 bytes of a message*jpipe drain*' "$(cat "$
 
 printf '\x45\x81\x01z' >&9
 "$JPIPE" pull "$e" 2>"$scratch/err"
-is 'bytes that are no message' 1 $?
+is 'bytes that are not a message' 1 $?
 has 'it says what to do' 'jpipe: *not a message*jpipe drain*' "$(cat "$scratch/err")"
 "$JPIPE" drain "$e" >/dev/null
 

@@ -142,7 +142,7 @@ std::string Importer::Accept(const Identity& far, std::string_view body) {
     return "it sends more than was granted";
   }
   if (!IsOneMessage(body)) {
-    return "what it sends is no message of an endpoint";
+    return "what it sends is not a message of an endpoint";
   }
   lane.accepted = number;
   ++lane.unconfirmed.messages;
