@@ -20,8 +20,8 @@
 //   spare nodes          6425 to 5786   37879 to 33710  5637 to 5011   4109 to 3478
 //                        +2 %           +4 %            +9 %           +1 %
 //   together             5758 to 5951   33156 to 32419  4923 to 5088   3490 to 3481
-//     one processor      -1 %           0 %
-//     two processors     +10 to 16 %    +18 to 50 %
+//     one processor      -2 %           +1 %
+//     two processors     +2 %           +47 %
 //
 // Spare nodes of each thread's own brought 1 to 4 % more on two processors, and cost 2 %
 // on one; spinning longer before sleeping brought nothing.
