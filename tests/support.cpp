@@ -91,8 +91,8 @@ Step Take(Call call) {
   if (step.before) {
     step.before();
   }
-  if (call == Call::kPthreadCreate && step.result) {
-    step.result = step.error;  // it answers with the error itself
+  if ((call == Call::kPthreadCreate || call == Call::kMutexLock) && step.result) {
+    step.result = step.error;  // these answer with the error itself
   }
   errno = step.error != 0 ? step.error : errno;
   return step;
@@ -135,6 +135,7 @@ Script::Script(std::initializer_list<Call> calls, std::vector<Step> steps, Step 
 }
 
 Script::~Script() {
+  const AtWork own;
   const std::lock_guard<std::mutex> lock(script_mutex);
   for (const Call call : calls_) {
     SlotOf(call) = nullptr;
@@ -301,6 +302,7 @@ INTERPOSE(int, poll, kPoll, (pollfd* fds, nfds_t n, int timeout), fds, n, timeou
 INTERPOSE(int, pthread_create, kPthreadCreate,
           (pthread_t* thread, const pthread_attr_t* how, void* (*body)(void*), void* arg) noexcept,
           thread, how, body, arg)
+INTERPOSE(int, pthread_mutex_lock, kMutexLock, (pthread_mutex_t* mutex) noexcept, mutex)
 // clang-format on
 
 // The descriptor is gone also when the call is made to fail, as on Linux.

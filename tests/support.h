@@ -68,6 +68,7 @@ enum class Call {
   kClose,
   kPoll,
   kPthreadCreate,
+  kMutexLock,
   kNew,  // every operator new
   kCount
 };
