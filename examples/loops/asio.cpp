@@ -1,6 +1,6 @@
 // asio.cpp - an endpoint and a worker actor in an asio loop, with a timer, until SIGTERM
 //
-// Prints the first message of the endpoint argv[1]. The worker does the others, one at a time.
+// Prints the first message of the endpoint argv[1]. The worker handles the others, one at a time.
 #include <asio.hpp>
 #include <chrono>
 #include <csignal>
@@ -12,7 +12,7 @@ using jactor::SockRef;
 
 namespace {
 
-// The actor: adds a frame to each message, and sends a signal back as it is.
+// The actor: adds a frame to each message, and sends a signal back unchanged.
 void work(SockRef sock) {
   sock.ready();
   while (auto message = sock.receive()) {
@@ -31,12 +31,12 @@ void print(const char* what, Message message) {
   std::cout << std::endl;
 }
 
-// What was read ahead is received like everything else, and half a message holds up nothing.
+// A receive also takes what was read ahead, and half a message does not hold up the loop.
 asio::awaitable<void> serve(SockRef jobs, const jactor::Actor& worker) {
   while (auto job = co_await jactor::async_receive(jobs, asio::use_awaitable)) {
     co_await jactor::async_send(worker, std::move(*job), asio::use_awaitable);
     auto answer = co_await jactor::async_receive(worker, asio::use_awaitable);
-    print("answer", std::move(answer.value()));  // none would be the worker's end
+    print("answer", std::move(answer.value()));  // empty only if the worker had ended
   }
 }
 
@@ -49,7 +49,7 @@ asio::awaitable<void> tick() {
   }
 }
 
-// An exception of a coroutine leaves the loop.
+// Lets a coroutine's exception leave the loop.
 void pass_on(std::exception_ptr thrown) {
   if (thrown) {
     std::rethrow_exception(thrown);
@@ -59,7 +59,7 @@ void pass_on(std::exception_ptr thrown) {
 void run(const char* endpoint) {
   auto jobs = jactor::Sock::pull(endpoint);
   jactor::Actor worker(work);
-  print("title", jobs.receive().value());  // what else waits, up to 16 KiB, is read ahead
+  print("title", jobs.receive().value());  // reads ahead up to 16 KiB more
   asio::io_context loop;
   asio::signal_set sigterm(loop, SIGTERM);
   sigterm.async_wait([&](asio::error_code, int) { loop.stop(); });

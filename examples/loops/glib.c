@@ -1,7 +1,7 @@
 /*
  * glib.c - an endpoint and a worker actor in a GLib loop, with a timer, until SIGTERM
  *
- * Prints the first message of the endpoint argv[1]. The worker does the others, one at a time.
+ * Prints the first message of the endpoint argv[1]. The worker handles the others, one at a time.
  */
 #include <glib-unix.h>
 #include <jactor.h>
@@ -15,12 +15,12 @@ static guint watch;     /* the source that waits, or 0 */
 static int next = JOBS;
 static int status = EXIT_SUCCESS;
 
-/* The actor: adds a frame to each message, and sends a signal back as it is. */
+/* The actor: adds a frame to each message, and sends a signal back unchanged. */
 static void work(j_sock_t* sock, void* args) {
   j_sock_signal(sock, 0);
   for (JCXXMsg* msg = NULL; (msg = j_msg_recv(sock)) != NULL; j_msg_destroy(&msg)) {
     j_msg_addstr(msg, args);
-    j_msg_send(&msg, sock); /* leaves nothing to destroy */
+    j_msg_send(&msg, sock); /* on success msg becomes null */
   }
 }
 
@@ -35,8 +35,8 @@ static void print(const char* what, JCXXMsg* msg) {
 
 static gboolean on_readable(gint fd, GIOCondition condition, gpointer loop);
 
-/* Takes the messages that are there, and has the loop wait when there is none. What a sock
- * has read ahead the loop does not see: so this also comes before its first wait. */
+/* Takes the messages that have arrived, then has the loop wait. The loop does not see what a
+ * sock has read ahead, so this also runs before the first wait. */
 static void proceed(GMainLoop* loop) {
   while (j_sock_wait(source[next], 0) == 1) { /* half a message does not count */
     JCXXMsg* msg = j_msg_recv(source[next]);
@@ -53,7 +53,7 @@ static void proceed(GMainLoop* loop) {
   watch = g_unix_fd_add(j_sock_fd(source[next]), G_IO_IN, on_readable, loop);
 }
 
-/* Also after a hang-up or an error: then the receive tells. */
+/* Also runs after a hang-up or an error: the receive then reports it. */
 static gboolean on_readable(gint fd, GIOCondition condition, gpointer loop) {
   (void)fd, (void)condition;
   watch = 0;
@@ -73,10 +73,10 @@ static gboolean on_sigterm(gpointer loop) {
 }
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN); /* the worker may answer when nobody listens any more */
+  signal(SIGPIPE, SIG_IGN); /* the worker may answer after its pipe was closed */
   setvbuf(stdout, NULL, _IOLBF, 0);
   JCXXSock* jobs = argc == 2 ? j_pipe_new_pull(argv[1]) : NULL;
-  JCXXMsg* title = j_msg_recv(jobs); /* and what else waits, up to 16 KiB, into the sock */
+  JCXXMsg* title = j_msg_recv(jobs); /* also reads up to 16 KiB more into the sock */
   JCXXActor* worker = j_actor_new(work, "done");
   if (title == NULL || worker == NULL) {
     perror("glib");

@@ -1,7 +1,7 @@
 /*
  * libuv.c - an endpoint and a worker actor in a libuv loop, with a timer, until SIGTERM
  *
- * Prints the first message of the endpoint argv[1]. The worker does the others, one at a time.
+ * Prints the first message of the endpoint argv[1]. The worker handles the others, one at a time.
  */
 #include <jactor.h>
 #include <signal.h>
@@ -15,12 +15,12 @@ static uv_poll_t watch[2];
 static int next = JOBS;
 static int status = EXIT_SUCCESS;
 
-/* The actor: adds a frame to each message, and sends a signal back as it is. */
+/* The actor: adds a frame to each message, and sends a signal back unchanged. */
 static void work(j_sock_t* sock, void* args) {
   j_sock_signal(sock, 0);
   for (JCXXMsg* msg = NULL; (msg = j_msg_recv(sock)) != NULL; j_msg_destroy(&msg)) {
     j_msg_addstr(msg, args);
-    j_msg_send(&msg, sock); /* leaves nothing to destroy */
+    j_msg_send(&msg, sock); /* on success msg becomes null */
   }
 }
 
@@ -35,8 +35,8 @@ static void print(const char* what, JCXXMsg* msg) {
 
 static void on_readable(uv_poll_t* handle, int error, int events);
 
-/* Takes the messages that are there, and has the loop wait when there is none. What a sock
- * has read ahead the loop does not see: so this also comes before its first wait. */
+/* Takes the messages that have arrived, then has the loop wait. The loop does not see what a
+ * sock has read ahead, so this also runs before the first wait. */
 static void proceed(uv_loop_t* loop) {
   while (j_sock_wait(source[next], 0) == 1) { /* half a message does not count */
     JCXXMsg* msg = j_msg_recv(source[next]);
@@ -53,7 +53,7 @@ static void proceed(uv_loop_t* loop) {
   uv_poll_start(&watch[next], UV_READABLE, on_readable);
 }
 
-/* Also after an error or a hang-up: then the receive tells. */
+/* Also runs after an error or a hang-up: the receive then reports it. */
 static void on_readable(uv_poll_t* handle, int error, int events) {
   (void)error, (void)events;
   uv_poll_stop(handle);
@@ -71,10 +71,10 @@ static void on_sigterm(uv_signal_t* handle, int number) {
 }
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN); /* the worker may answer when nobody listens any more */
+  signal(SIGPIPE, SIG_IGN); /* the worker may answer after its pipe was closed */
   setvbuf(stdout, NULL, _IOLBF, 0);
   JCXXSock* jobs = argc == 2 ? j_pipe_new_pull(argv[1]) : NULL;
-  JCXXMsg* title = j_msg_recv(jobs); /* and what else waits, up to 16 KiB, into the sock */
+  JCXXMsg* title = j_msg_recv(jobs); /* also reads up to 16 KiB more into the sock */
   JCXXActor* worker = j_actor_new(work, "done");
   if (title == NULL || worker == NULL) {
     perror("libuv");
@@ -86,7 +86,7 @@ int main(int argc, char** argv) {
   uv_loop_t* loop = uv_default_loop();
   uv_timer_t timer;
   uv_signal_t sigterm;
-  uv_poll_init(loop, &watch[JOBS], j_sock_fd(jobs)); /* non-blocking from now on: no harm */
+  uv_poll_init(loop, &watch[JOBS], j_sock_fd(jobs)); /* makes it non-blocking: no harm */
   uv_poll_init(loop, &watch[WORKER], j_sock_fd(worker));
   uv_timer_init(loop, &timer);
   uv_signal_init(loop, &sigterm);

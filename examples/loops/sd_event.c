@@ -1,7 +1,7 @@
 /*
  * sd_event.c - an endpoint and a worker actor in an sd-event loop, with a timer, until SIGTERM
  *
- * Prints the first message of the endpoint argv[1]. The worker does the others, one at a time.
+ * Prints the first message of the endpoint argv[1]. The worker handles the others, one at a time.
  */
 #include <jactor.h>
 #include <signal.h>
@@ -16,12 +16,12 @@ static void* source[2]; /* the endpoint's sock and the worker */
 static sd_event_source* watch[2];
 static int next = JOBS;
 
-/* The actor: adds a frame to each message, and sends a signal back as it is. */
+/* The actor: adds a frame to each message, and sends a signal back unchanged. */
 static void work(j_sock_t* sock, void* args) {
   j_sock_signal(sock, 0);
   for (JCXXMsg* msg = NULL; (msg = j_msg_recv(sock)) != NULL; j_msg_destroy(&msg)) {
     j_msg_addstr(msg, args);
-    j_msg_send(&msg, sock); /* leaves nothing to destroy */
+    j_msg_send(&msg, sock); /* on success msg becomes null */
   }
 }
 
@@ -34,8 +34,8 @@ static void print(const char* what, JCXXMsg* msg) {
   j_msg_destroy(&msg);
 }
 
-/* Takes the messages that are there, and has the loop wait when there is none. What a sock
- * has read ahead the loop does not see: so this also comes before its first wait. */
+/* Takes the messages that have arrived, then has the loop wait. The loop does not see what a
+ * sock has read ahead, so this also runs before the first wait. */
 static void proceed(sd_event* loop) {
   while (j_sock_wait(source[next], 0) == 1) { /* half a message does not count */
     JCXXMsg* msg = j_msg_recv(source[next]);
@@ -51,7 +51,7 @@ static void proceed(sd_event* loop) {
   sd_event_source_set_enabled(watch[next], SD_EVENT_ONESHOT);
 }
 
-/* Also after a hang-up or an error: then the receive tells. */
+/* Also runs after a hang-up or an error: the receive then reports it. */
 static int on_readable(sd_event_source* event, int fd, uint32_t events, void* arg) {
   (void)fd, (void)events, (void)arg;
   proceed(sd_event_source_get_event(event));
@@ -66,14 +66,14 @@ static int on_timer(sd_event_source* timer, uint64_t now, void* arg) {
 }
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN); /* the worker may answer when nobody listens any more */
+  signal(SIGPIPE, SIG_IGN); /* the worker may answer after its pipe was closed */
   setvbuf(stdout, NULL, _IOLBF, 0);
   sigset_t sigterm; /* the loop reads it from a descriptor: blocked in every thread */
   sigemptyset(&sigterm);
   sigaddset(&sigterm, SIGTERM);
   sigprocmask(SIG_BLOCK, &sigterm, NULL);
   JCXXSock* jobs = argc == 2 ? j_pipe_new_pull(argv[1]) : NULL;
-  JCXXMsg* title = j_msg_recv(jobs); /* and what else waits, up to 16 KiB, into the sock */
+  JCXXMsg* title = j_msg_recv(jobs); /* also reads up to 16 KiB more into the sock */
   JCXXActor* worker = j_actor_new(work, "done");
   if (title == NULL || worker == NULL) {
     perror("sd_event");
