@@ -18,13 +18,13 @@ WIDTH = 88
 TEXT = """\
 A small message costs {small} times what one `writev` and buffered reads on a bare pipe cost,
 and a mebibyte {large} times. A round trip between two processes takes {trip_czmq} of CZMQ's
-time and {trip_nng} of nng's; starting and stopping an actor takes {start} of CZMQ's. Where a
-queue passes pointers inside one process, it is faster: CZMQ moves {threads} times as many
-small messages between two threads, since it makes no system call for them. Between processes
-it gathers small messages, where this library writes each at once, and moves {processes} times
-as many. What you get for the write is a descriptor that `poll` understands, a bound on what
-is queued, and one format for threads and processes. Measured on a {machine} with {processors}
-processors; method, tables and what is not reached:
+time and {trip_nng} of nng's; starting and stopping an actor takes {start} of CZMQ's. Inside
+one process a queue that passes pointers is faster: CZMQ moves {threads} times as many small
+messages between two threads, since it makes no system call for them. Between processes it
+gathers small messages, where this library writes each one immediately, and moves {processes}
+times as many. In return for the write you get a descriptor that `poll` understands, a bound
+on what is queued, and one format for threads and processes. Measured on a {machine} with
+{processors} processors; method, tables and missed aims:
 [docs/performance.md](docs/performance.md)."""
 
 
