@@ -1,11 +1,13 @@
 """From an endpoint's name to the open FIFO, in the same steps as libjactor, and what
 receiving and sending, blocking or in asyncio, have in common."""
 
-import contextlib
 import os
+import select
 import stat
 import warnings
 import weakref
+from collections.abc import Callable, Iterator
+from typing import TypeAlias
 
 from ._wire import Decoder, Message, Signal, StreamError
 
@@ -18,15 +20,15 @@ class LossWarning(UserWarning):
 
 
 def fifo_path(endpoint: str) -> str:
-    """Where the FIFO of an endpoint is. Raises ValueError for what is no endpoint's name."""
+    """Where the FIFO of an endpoint is. Raises ValueError for what does not name one."""
     if "," in endpoint:
         raise ValueError(f"{endpoint!r} has a comma: name one endpoint, as ipc://NAME")
     if len(os.fsencode(endpoint)) <= 4 or "\0" in endpoint:
-        raise ValueError(f"{endpoint!r} is no endpoint: name it as ipc://NAME")
+        raise ValueError(f"{endpoint!r} is not an endpoint: name it as ipc://NAME")
     name = endpoint[1:] if endpoint[0] in "@>" else endpoint
     transport, _, path = name.partition("://")
     if not transport or not path:
-        raise ValueError(f"{endpoint!r} is no endpoint: name it as ipc://NAME")
+        raise ValueError(f"{endpoint!r} is not an endpoint: name it as ipc://NAME")
     if transport not in ("inproc", "ipc"):
         raise ValueError(f"{endpoint!r}: the transport {transport!r} is not supported, only ipc and inproc; "
                          "jpipe export and jpipe import carry an endpoint to another machine")
@@ -36,43 +38,27 @@ def fifo_path(endpoint: str) -> str:
     return f"{RUN_DIRECTORY}/{file}"
 
 
-def _mode(path: str) -> int:
-    """The type and mode of a file behind all links, or 0 when there is none."""
+def _ensure(path: str, is_right: Callable[[int], bool], make: Callable[[str], None]) -> bool:
+    """Makes what is missing at the path, in place of whatever else is there. Returns whether it is new."""
     try:
-        return os.stat(path).st_mode
+        if is_right(os.stat(path).st_mode):
+            return False
+        if stat.S_ISDIR(os.lstat(path).st_mode):
+            os.rmdir(path)
+        else:
+            os.unlink(path)
     except (FileNotFoundError, NotADirectoryError):
-        return 0
-
-
-def _remove(path: str) -> None:
-    if stat.S_ISDIR(os.lstat(path).st_mode):
-        os.rmdir(path)
-    else:
-        os.unlink(path)
-
-
-def _ensure_run_directory() -> None:
-    mode = _mode(RUN_DIRECTORY)
-    if mode and not stat.S_ISDIR(mode):
-        _remove(RUN_DIRECTORY)
-    if not _mode(RUN_DIRECTORY):
-        with contextlib.suppress(FileExistsError):  # another process was faster
-            os.mkdir(RUN_DIRECTORY)
-            os.chmod(RUN_DIRECTORY, 0o2777)
-
-
-def _ensure_fifo(path: str) -> bool:
-    """Puts a FIFO at the path, whatever else stands there. Returns whether it is new."""
-    mode = _mode(path)
-    if mode and not stat.S_ISFIFO(mode):
-        _remove(path)
-    if _mode(path):
-        return False
+        pass
     try:
-        os.mkfifo(path, 0o666)
+        make(path)
     except FileExistsError:  # another process was faster, or a link leads nowhere: opening tells
         return False
     return True
+
+
+def _make_run_directory(path: str) -> None:
+    os.mkdir(path)
+    os.chmod(path, 0o2777)
 
 
 def _open_fifo(path: str, is_new: bool) -> int:
@@ -92,14 +78,14 @@ def open_endpoint(endpoint: str) -> int:
     """Opens the FIFO of an endpoint, made first when it is missing, without waiting for a partner.
 
     Returns a descriptor for both directions, non-blocking and closed by exec. Raises
-    ValueError for a bad name, and OSError, with the way out, where the system refuses.
+    ValueError for a bad name, and OSError, which says what to do, where the system refuses.
     """
     path = fifo_path(endpoint)
     step = "make the run directory"
     try:
-        _ensure_run_directory()
+        _ensure(RUN_DIRECTORY, stat.S_ISDIR, _make_run_directory)
         step = "make the FIFO"
-        is_new = _ensure_fifo(path)
+        is_new = _ensure(path, stat.S_ISFIFO, os.mkfifo)
         step = "open the FIFO"
         return _open_fifo(path, is_new)
     except OSError as error:
@@ -149,17 +135,22 @@ class Endpoint:
         return self._fd < 0
 
     def _close(self) -> None:
+        """Closes, and warns of what that loses."""
         fd, self._fd = self._fd, -1
         if fd >= 0:
             os.close(fd)
+            loss = self._discard()
+            if loss:
+                warnings.warn(f"{self.endpoint}: closed with {loss}", LossWarning, stacklevel=3)
 
-    def _discard(self) -> None:
-        """Forgets what is held."""
+    def _discard(self) -> str:
+        """Forgets what is held, and says what that was."""
+        return ""
 
     def _forget(self) -> None:
         """In the child of a fork: what has been read ahead or half sent is the parent's."""
         self._discard()
-        Endpoint._close(self)
+        self._close()
         self._why_closed = "opened before a fork, by the parent process: open the endpoint in this one"
 
 
@@ -172,6 +163,10 @@ def _after_fork() -> None:
 
 
 os.register_at_fork(after_in_child=_after_fork)
+
+# What receives or sends in several steps is a generator of the events of poll(2) that it
+# has to wait for; the callers wait in their own ways.
+Steps: TypeAlias = Iterator[int]
 
 
 class Reader(Endpoint):
@@ -192,42 +187,32 @@ class Reader(Endpoint):
         decoder.decode()
         return True
 
-    def _fill(self) -> bool:
-        """Reads, when nothing is ready. Returns whether there was anything.
+    def _fetch(self) -> Steps:
+        """Reads until something is ready. Raises StreamError where the next bytes are not a message."""
+        self._decoder.decode()  # what an exception has kept from it
+        while not self._decoder.ready:
+            if self._decoder.fault is not None:
+                raise StreamError(f"{self.endpoint}: {self._decoder.fault}; the stream is out of step: close "
+                                  "everything that has the endpoint open, or run jpipe drain, and open it again")
+            if not self._read(READ_AHEAD):
+                yield select.POLLIN
 
-        Raises StreamError where the next bytes are no message.
-        """
-        decoder = self._decoder
-        decoder.decode()  # what an exception has kept from it
-        if decoder.ready:
-            return True
-        if decoder.fault is None and not self._read(READ_AHEAD):
-            return False
-        if decoder.fault is not None and not decoder.ready:
-            raise StreamError(f"{self.endpoint}: {decoder.fault}; the stream is out of step: close everything "
-                              "that has the endpoint open, or run jpipe drain, and open it again")
-        return True
+    def _complete(self) -> Steps:
+        """Reads the rest of a message that has been read in part, and no more."""
+        self._decoder.decode()
+        while self._decoder.halfway():
+            if not self._read(0):
+                yield select.POLLIN
 
-    def _discard(self) -> None:
-        self._decoder = Decoder()
+    def _take_all(self) -> list[Message | Signal]:
+        ready, self._decoder.ready = self._decoder.ready[::-1], []
+        return ready
 
-    def _take_ready(self) -> list[Message | Signal]:
-        """What has been read ahead."""
-        ready = self._decoder.ready
-        self._decoder.ready = []
-        return ready[::-1]
-
-    def _close(self) -> None:
-        """Closes, and warns of what is lost by that."""
-        if self._fd < 0:
-            return
-        super()._close()
+    def _discard(self) -> str:
         whole, rest = len(self._decoder.ready), self._decoder.held()
-        self._discard()
-        if whole or rest:
-            warnings.warn(f"{self.endpoint}: closed with {whole} messages read ahead and not received, and "
-                          f"{rest} bytes behind them; they are lost. Call drain() before",
-                          LossWarning, stacklevel=4)
+        self._decoder = Decoder()
+        return (f"{whole} messages read ahead and not received, and {rest} bytes behind them; "
+                "they are lost. Call drain() before" if whole or rest else "")
 
 
 class Writer(Endpoint):
@@ -243,16 +228,7 @@ class Writer(Endpoint):
         """How many bytes are still to be written of a message that has begun."""
         return len(self._under_way) - sum(self._written) if self._written else 0
 
-    def _discard(self) -> None:
-        self._written = []
-
-    def _begin(self, data: bytes) -> bool:
-        """Writes a message, or its beginning. Returns whether there was room for any of it."""
-        self._written = []
-        self._under_way = data
-        return self._continue()
-
-    def _continue(self) -> bool:
+    def _write(self) -> bool:
         """Writes more of what is under way. Returns whether there was room for any of it."""
         rest = memoryview(self._under_way)[sum(self._written):]
         try:
@@ -262,12 +238,21 @@ class Writer(Endpoint):
             return False
         return True
 
-    def _close(self) -> None:
-        """Closes, and warns of what is lost by that."""
-        if self._fd < 0:
-            return
-        super()._close()
-        if self.pending:
-            warnings.warn(f"{self.endpoint}: closed with {self.pending} bytes of a message not sent, since "
-                          "nobody made room for them; its reader is out of step. Run jpipe drain",
-                          LossWarning, stacklevel=4)
+    def _begin(self, data: bytes) -> Steps:
+        """Finishes what is under way, and writes the beginning of the next message or all of it."""
+        yield from self._finish()
+        self._under_way = data
+        while not self._write():
+            yield select.POLLOUT
+
+    def _finish(self) -> Steps:
+        """Writes the rest of a message that has begun."""
+        while self.pending:
+            if not self._write():
+                yield select.POLLOUT
+        self._written = []
+
+    def _discard(self) -> str:
+        pending, self._written = self.pending, []
+        return (f"{pending} bytes of a message not sent, since nobody made room for them; "
+                "its reader is out of step. Run jpipe drain" if pending else "")

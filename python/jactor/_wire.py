@@ -1,6 +1,5 @@
 """Messages and signals as bytes: no input, no output."""
 
-import copy
 from collections.abc import Iterable, Iterator
 from dataclasses import dataclass
 from typing import TypeAlias
@@ -42,7 +41,8 @@ def _header(kind: int, size: int) -> bytes:
     return bytes((kind | 0x30,)) + size.to_bytes(4, "big")
 
 
-_SMALL_HEADERS = tuple(_header(_FRAME, size) for size in range(4112))
+# Of the frames that fit into PIPE_BUF, by their size.
+SMALL_HEADERS = tuple(_header(_FRAME, size) for size in range(PIPE_BUF - 1))
 
 
 def _payload(frame: Frame) -> bytes:
@@ -78,8 +78,8 @@ def encode(message: Iterable[Frame] | Signal) -> bytes:
 
 def encode_frames(frames: tuple[Frame, ...]) -> bytes:
     """What `encode` does, faster for one small frame."""
-    if len(frames) == 1 and type(frames[0]) is bytes and len(frames[0]) < len(_SMALL_HEADERS):
-        return _SMALL_HEADERS[len(frames[0])] + frames[0]
+    if len(frames) == 1 and type(frames[0]) is bytes and len(frames[0]) < len(SMALL_HEADERS):
+        return SMALL_HEADERS[len(frames[0])] + frames[0]
     return encode(frames)
 
 
@@ -98,27 +98,20 @@ def encode_many(messages: Iterable[tuple[Frame, ...] | Signal]) -> Iterator[byte
         yield b"".join(parts)
 
 
-def _take_small(data: bytes, at: int, found: list[Message | Signal]) -> tuple[int, int]:
-    """Decodes small messages of one frame, as fast as Python can.
-
-    Returns where the first other item begins, and how many bytes it takes at least: more
-    than 1 only for a small message that is not whole.
-    """
-    end = len(data)
-    while at < end and (lead := data[at]) < 0x20:
-        if lead < 16:
-            start = at + 1
-            stop = start + lead
-        elif at + 1 < end:
-            start = at + 2
-            stop = start + 16 + ((lead & 15) << 8) + data[at + 1]
-        else:
-            return at, 2
-        if stop > end:
-            return at, stop - at
-        found.append((data[start:stop],))
-        at = stop
-    return at, 1
+def _read_header(data: bytes, at: int) -> tuple[int, int, int]:
+    """The kind of the item at `at`, its size or value, and where its header ends: perhaps behind `data`."""
+    lead = data[at]
+    kind = _SIGNAL if lead & _SIGNAL else lead & _ANNOUNCE
+    more = lead >> 6 & 1 if kind == _SIGNAL else (0, 1, 2, 4)[lead >> 4 & 3]
+    end = at + 1 + more
+    if end > len(data):
+        return kind, 0, end
+    number = int.from_bytes(data[at + 1:end], "big")
+    if kind == _SIGNAL:
+        number += 0 if more else lead & 63
+    else:
+        number += (lead & 15, 16 + ((lead & 15) << 8), 0, 0, 0)[more]
+    return kind, number, end
 
 
 class Decoder:
@@ -159,66 +152,45 @@ class Decoder:
         if not self.chunks or self.fault is not None or self.undecoded() < self._need:
             return
         data = b"".join(self.chunks)
+        at, end, need, fault = 0, len(data), 1, None
         found: list[Message | Signal] = []
-        at, need = _take_small(data, 0, found) if self._frames is None else (0, 1)
-        if at == len(data) or need > 1:
-            rest = [data[at:]] if at < len(data) else []
-            self.chunks, self.ready, self._need = rest, found[::-1] + self.ready, need
-            return
-        after = copy.copy(self)
-        after._frames = None if self._frames is None else self._frames.copy()
-        after._run(data, at, found)
-        self.__dict__ = after.__dict__
-
-    def _run(self, data: bytes, at: int, found: list[Message | Signal]) -> None:
-        self._need = 1
-        while self.fault is None and self._need <= len(data) - at:
-            at = self._step(data, at, found)
-            if self._frames is None and self.fault is None and self._need == 1:
-                at, self._need = _take_small(data, at, found)
-        self.chunks = [data[at:]] if at < len(data) else []
-        self.ready = found[::-1] + self.ready
-
-    def _step(self, data: bytes, at: int, found: list[Message | Signal]) -> int:
-        """Decodes what begins at `at`, and returns where it ends; or sets `_need` and returns `at`."""
-        lead = data[at]
-        more = lead >> 6 & 1 if lead & _SIGNAL else (0, 1, 2, 4)[lead >> 4 & 3]
-        start = at + 1 + more
-        number = int.from_bytes(data[at + 1:start], "big")
-        if not lead & _SIGNAL:
-            number += (lead & 15, 16 + ((lead & 15) << 8), 0, 0, 0)[more]
-        is_frame = not lead & (_SIGNAL | _ANNOUNCE)
-        stop = start + number if is_frame and number <= MAX_SIZE and start <= len(data) else start
-        self._need = stop - at
-        if stop > len(data):
-            return at
-        self._need = 1
-        if not lead & _SIGNAL and number > MAX_SIZE:
-            self.fault = f"a size of {number} bytes, above {MAX_SIZE}"
-        elif is_frame:
-            self._add(data[start:stop], found)
-        elif self._frames is not None:
-            self.fault = "a signal or another message inside a message"
-        elif lead & _SIGNAL:
-            found.append(_SIGNALS[number if more else lead & 0x3F])
-        else:
-            self._frames, self._left = [], number
-            self._end_message(found)
-        return stop
-
-    def _add(self, payload: bytes, found: list[Message | Signal]) -> None:
-        if self._frames is None:
-            found.append((payload,))
-        elif len(payload) > self._left:
-            self.fault = f"a frame of {len(payload)} bytes where only {self._left} were announced"
-        elif len(self._frames) == MAX_FRAMES:
-            self.fault = f"more than {MAX_FRAMES} frames in a message"
-        else:
-            self._frames.append(payload)
-            self._left -= len(payload)
-            self._end_message(found)
-
-    def _end_message(self, found: list[Message | Signal]) -> None:
-        if self._frames is not None and self._left == 0:
-            found.append(tuple(self._frames))
-            self._frames = None
+        frames, left = None if self._frames is None else self._frames.copy(), self._left
+        while at < end and fault is None:
+            lead = data[at]
+            if lead < 0x10:  # the headers of small frames, without a call
+                kind, number, start = _FRAME, lead, at + 1
+            elif lead < 0x20 and at + 1 < end:
+                kind, number, start = _FRAME, 16 + ((lead & 15) << 8) + data[at + 1], at + 2
+            else:
+                kind, number, start = _read_header(data, at)
+            stop = start + number if kind == _FRAME and number <= MAX_SIZE else start
+            if stop > end:
+                need = stop - at
+                break
+            if number > MAX_SIZE:
+                fault = f"a size of {number} bytes, above {MAX_SIZE}"
+            elif frames is None:
+                if kind == _FRAME:
+                    found.append((data[start:stop],))
+                elif kind == _SIGNAL:
+                    found.append(_SIGNALS[number])
+                elif number == 0:
+                    found.append(())
+                else:
+                    frames, left = [], number
+            elif kind != _FRAME:
+                fault = "a signal or another message inside a message"
+            elif number > left:
+                fault = f"a frame of {number} bytes where only {left} were announced"
+            elif len(frames) == MAX_FRAMES:
+                fault = f"more than {MAX_FRAMES} frames in a message"
+            else:
+                frames.append(data[start:stop])
+                left -= number
+                if left == 0:
+                    found.append(tuple(frames))
+                    frames = None
+            at = stop
+        # One call, which no signal handler interrupts.
+        self.__dict__.update(chunks=[data[at:]] if at < end else [], ready=found[::-1] + self.ready, fault=fault,
+                             _need=need, _frames=frames, _left=left)

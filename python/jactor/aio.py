@@ -9,14 +9,17 @@ nothing. Several tasks of one loop may use a `Pull` or `Push`; they take turns.
 """
 
 import asyncio
+import select
 from collections.abc import Callable, Iterable
 from typing import Self
 
-from ._endpoint import READ_AHEAD, Endpoint, Reader, Writer
+from ._endpoint import Endpoint, Reader, Steps, Writer
 from ._sock import LAST_WAIT
-from ._wire import Frame, Message, Signal, encode, encode_frames, encode_many
+from ._wire import Frame, Message, Signal, encode, encode_many
 
 __all__ = ["Pull", "Push"]
+
+RUNS_IN_A_ROW = 16  # without letting other tasks run
 
 
 class _Asynchronous(Endpoint):
@@ -25,6 +28,7 @@ class _Asynchronous(Endpoint):
     def __init__(self, endpoint: str) -> None:
         self._turn = asyncio.Lock()
         self._stop_waiting: Callable[[], None] | None = None
+        self._until_pause = RUNS_IN_A_ROW
         super().__init__(endpoint)
 
     async def aclose(self) -> None:
@@ -37,18 +41,29 @@ class _Asynchronous(Endpoint):
     async def __aexit__(self, *_: object) -> None:
         await self.aclose()
 
-    async def _wait(self, *, writing: bool = False) -> None:
+    async def _run(self, steps: Steps) -> None:
+        """Takes the steps to their end. Lets others run now and then, where there never is a wait."""
+        self._until_pause -= 1
+        if self._until_pause < 0:
+            self._until_pause = RUNS_IN_A_ROW
+            await asyncio.sleep(0)
+        for event in steps:
+            await self._wait(event)
+
+    async def _wait(self, event: int) -> None:
         """Returns when the FIFO is ready, or another task has closed it."""
         loop, fd = asyncio.get_running_loop(), self.fileno()
+        add, remove = ((loop.add_reader, loop.remove_reader) if event == select.POLLIN else
+                       (loop.add_writer, loop.remove_writer))
         ready = loop.create_future()
 
         def stop() -> None:
             self._stop_waiting = None
-            (loop.remove_writer if writing else loop.remove_reader)(fd)
+            remove(fd)
             if not ready.done():
                 ready.set_result(None)
 
-        (loop.add_writer if writing else loop.add_reader)(fd, stop)
+        add(fd, stop)
         self._stop_waiting = stop
         try:
             await ready
@@ -76,11 +91,7 @@ class Pull(_Asynchronous, Reader):
         """
         while not self._decoder.ready:
             async with self._turn:
-                if not self._decoder.ready:
-                    if not self._fill():
-                        await self._wait()
-                    else:
-                        await asyncio.sleep(0)  # where messages never end, let others run
+                await self._run(self._fetch())
         message = self._decoder.ready[-1]
         del self._decoder.ready[-1]
         return message
@@ -93,19 +104,12 @@ class Pull(_Asynchronous, Reader):
     async def drain(self) -> list[Message | Signal]:
         """Hands over what has been read ahead, as `jactor.Pull.drain` does."""
         async with self._turn:
-            self._decoder.decode()
-            while self._decoder.halfway():
-                if not self._read(0):
-                    await self._wait()
-            return self._take_ready()
+            await self._run(self._complete())
+            return self._take_all()
 
 
 class Push(_Asynchronous, Writer):
     """Sends to an endpoint as `jactor.Push` does, in `async with`."""
-
-    def __init__(self, endpoint: str) -> None:
-        self._until_pause = 4 * READ_AHEAD
-        super().__init__(endpoint)
 
     async def send(self, *frames: Frame) -> None:
         """Sends a message of these frames, and waits for room.
@@ -114,7 +118,7 @@ class Push(_Asynchronous, Writer):
         `pending` bytes, goes out before the next message, or with `flush`. Raises ValueError
         for what no message can carry; see `jactor.encode`.
         """
-        await self._send(encode_frames(frames))
+        await self._send(encode(frames))
 
     async def signal(self, value: int) -> None:
         """Sends a signal, 0 to 255, as `send` does a message."""
@@ -128,7 +132,7 @@ class Push(_Asynchronous, Writer):
     async def flush(self) -> None:
         """Finishes a message that has begun."""
         async with self._turn:
-            await self._finish()
+            await self._run(self._finish())
 
     async def aclose(self) -> None:
         """Closes the endpoint. Gives a message that has begun a second for its rest, and warns of its loss."""
@@ -142,16 +146,5 @@ class Push(_Asynchronous, Writer):
 
     async def _send(self, data: bytes) -> None:
         async with self._turn:
-            self._until_pause -= len(data)
-            if self._until_pause < 0:  # where there is always room, let others run
-                self._until_pause = 4 * READ_AHEAD
-                await asyncio.sleep(0)
-            await self._finish()
-            while not self._begin(data):
-                await self._wait(writing=True)
-            await self._finish()
-
-    async def _finish(self) -> None:
-        while self.pending:
-            if not self._continue():
-                await self._wait(writing=True)
+            await self._run(self._begin(data))
+            await self._run(self._finish())

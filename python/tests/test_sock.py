@@ -47,6 +47,14 @@ def test_messages_and_signals_arrive_in_order(pull, push):
     assert receive_all(pull) == [(b"21.5", b"Celsius"), jactor.Signal(3), (), *MESSAGES]
 
 
+@pytest.mark.parametrize("size", [0, 15, 16, 4094, 4095, 4111, 4112, 60000])
+def test_frames_of_all_sizes_arrive(pull, push, size):
+    payload = LARGE[:size]
+    for frame in (payload, bytearray(payload), memoryview(payload)):
+        push.send(frame, timeout=0)
+        assert pull.receive(timeout=0) == (payload,)
+
+
 def test_the_loop_waits_for_messages(pull, endpoint):
     code = "import sys, jactor\nwith jactor.Push(sys.argv[1]) as push:\n  for k in range(2000): push.send(str(k))"
     with subprocess.Popen([sys.executable, "-c", code, endpoint]):
