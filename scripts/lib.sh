@@ -18,7 +18,8 @@
 # shellcheck disable=SC2034 # for the scripts that source this file
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 jobs=$(nproc)
-build_packages=(g++ cmake ninja-build libczmq-dev libcli11-dev nlohmann-json3-dev libgtest-dev)
+build_packages=(g++ cmake ninja-build libczmq-dev libcli11-dev nlohmann-json3-dev libgtest-dev
+  python3 python3-zmq)
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$jobs}
 export CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$jobs}
 

@@ -49,11 +49,6 @@ def jpipe():
     return program("JPIPE")
 
 
-@pytest.fixture
-def traffic():
-    return program("TRAFFIC")
-
-
 @pytest.fixture(scope="session")
 def wire_reader():
     return program("WIRE_READER")
@@ -67,4 +62,7 @@ def library():
         getattr(loaded, name).restype = ctypes.c_void_p
         getattr(loaded, name).argtypes = (ctypes.c_char_p,)
     loaded.j_sock_destroy.argtypes = (ctypes.POINTER(ctypes.c_void_p),)
+    loaded.j_msg_recv.restype = ctypes.c_void_p
+    loaded.j_msg_recv.argtypes = (ctypes.c_void_p,)
+    loaded.j_msg_send.argtypes = (ctypes.POINTER(ctypes.c_void_p), ctypes.c_void_p)
     return loaded

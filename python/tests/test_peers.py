@@ -1,8 +1,8 @@
 """The library and jpipe at the other end, in both directions."""
 
+import ctypes
 import re
 import subprocess
-import sys
 import tomllib
 
 from conftest import ROOT
@@ -10,26 +10,23 @@ from conftest import ROOT
 import jactor
 
 COUNT = 12000
-RELAY = """
-import sys, jactor
-with jactor.Pull(sys.argv[1]) as pull, jactor.Push(sys.argv[2]) as push:
-    print("ready", flush=True)
-    for _ in range(int(sys.argv[3])):
-        push.send_many([pull.receive()])
-"""
+TRAFFIC = ROOT / "tests/tools/traffic.py"
 
 
-def test_the_librarys_messages_pass_through_whole(endpoint, traffic):
-    """Mixed ones: signals, empty frames, 511 frames, a mebibyte; the library compares every byte."""
+def test_messages_pass_whole_through_the_library(endpoint, library):
+    """Mixed ones: signals, empty frames, 511 frames, a mebibyte; the receiver compares every byte."""
     there, back = endpoint + "/there", endpoint + "/back"
-    with jactor.Push(there), jactor.Push(back):  # what they hold lives as long as this
-        with (subprocess.Popen([sys.executable, "-c", RELAY, there, back, str(COUNT + 1)],
-                               stdout=subprocess.PIPE) as relay,
-              subprocess.Popen([traffic, "check", back, "mixed"], stdout=subprocess.PIPE) as check):
-            assert relay.stdout.readline() == b"ready\n"
-            subprocess.run([traffic, "send", there, str(COUNT), "mixed"], check=True)
-            output = check.stdout.read()
-        assert (relay.returncode, check.returncode) == (0, 0), output
+    pull = ctypes.c_void_p(library.j_pipe_new_pull(there.encode()))
+    push = ctypes.c_void_p(library.j_pipe_new_push(back.encode()))
+    with (subprocess.Popen([TRAFFIC, "check", back, "mixed"], stdout=subprocess.PIPE) as check,
+          subprocess.Popen([TRAFFIC, "send", there, str(COUNT), "mixed"], stdout=subprocess.PIPE) as send):
+        for _ in range(COUNT + 1):
+            message = ctypes.c_void_p(library.j_msg_recv(pull))
+            assert library.j_msg_send(ctypes.byref(message), push) == 0
+        assert check.stdout.read().splitlines()[-1] == b"received %d lost 0 repeated 0" % COUNT
+        assert send.stdout.read() == b"sent %d\n" % COUNT
+    for sock in pull, push:
+        library.j_sock_destroy(ctypes.byref(sock))
 
 
 def test_jpipe_receives_what_python_sends(endpoint, jpipe):

@@ -8,7 +8,7 @@ count=20000
 
 start_import "tcp://$loopback:*" "$far"
 start_export "$near" "$address" --window 100
-"$TRAFFIC" send "$near" "$count" mixed >"$scratch/send" &
+"$traffic" send "$near" "$count" mixed >"$scratch/send" &
 send=$!
 
 # Nobody reads at the far end: its FIFO fills, import takes as much as it has granted, and
@@ -21,7 +21,7 @@ until_true both_wait
 is 'the sender waits for the far end' 0 "$(kill -0 $send; echo $?)"
 
 is 'every message arrives' "received $count lost 0 repeated 0" \
-  "$("$TRAFFIC" check "$far" mixed | tail -n 1)"
+  "$("$traffic" check "$far" mixed | tail -n 1)"
 wait $send
 is 'the sender ends' 0 $?
 

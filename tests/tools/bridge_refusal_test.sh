@@ -13,18 +13,18 @@ for far_end in "JPB\\x02H$greeting|*version 1*version 2*" "hello|*does not speak
   "JPB\\x01HI0123456789abcdef|*both sides are an import*" "JPB\\x01Hshort|*greeting is damaged*" \
   "JPB\\x01D12345678x|*without a greeting*" ; do
   has "the answer to ${far_end%|*}" "${far_end#*|}" \
-    "$("$TRAFFIC" dealer "$address" "${far_end%|*}")"
+    "$("$traffic" dealer "$address" "${far_end%|*}")"
 done
 said import 'refused .*version'
 # Data that is not a message, a window from an export.
 for data in 'D\x00\x00\x00\x00\x00\x00\x00\x01\x05ab|*not a message of an endpoint*' \
   'W0000000000000000|*no export sends*'; do
   has "the answer to ${data%|*}" "${data#*|}" \
-    "$("$TRAFFIC" dealer "$address" "JPB\\x01H$greeting" "JPB\\x01${data%|*}")"
+    "$("$traffic" dealer "$address" "JPB\\x01H$greeting" "JPB\\x01${data%|*}")"
 done
 
 # The sockets of an older jpipe do not fit: ZeroMQ itself ends the connection.
-"$TRAFFIC" push "$address" old &
+"$traffic" push "$address" old &
 said import 'an older jpipe'
 wait $!
 
@@ -32,7 +32,7 @@ wait $!
 # emulator does not tell how many bytes a connection has got.
 if [ -z "${JACTOR_EMULATOR-}" ]; then
   before=$(awk '/VmHWM/ { print $2 }' "/proc/$import/status")
-  is 'endless parts' ended "$("$TRAFFIC" endless "$address")"
+  is 'endless parts' ended "$("$traffic" endless "$address")"
   said import 'does not end'
   after=$(awk '/VmHWM/ { print $2 }' "/proc/$import/status")
   echo "endless parts took $((after - before)) KiB"

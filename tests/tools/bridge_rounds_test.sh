@@ -22,9 +22,9 @@ begin() {
     new_export
     new_import
   fi
-  "$TRAFFIC" check "$far" numbered >"$scratch/check" &
+  "$traffic" check "$far" numbered >"$scratch/check" &
   check=$!
-  "$TRAFFIC" send "$near" 1000000000 numbered >"$scratch/send" &
+  "$traffic" send "$near" 1000000000 numbered >"$scratch/send" &
   send=$!
 }
 # new_import LINGER, new_export LINGER
@@ -170,9 +170,9 @@ link_cut() {
   host=$here
   start_export "$near" tcp://10.0.0.2:5555 --connect --window $window --linger 100
   JPIPE=$program
-  "$TRAFFIC" check "$far" numbered >"$scratch/check" &
+  "$traffic" check "$far" numbered >"$scratch/check" &
   check=$!
-  "$TRAFFIC" send "$near" 1000000000 numbered >"$scratch/send" &
+  "$traffic" send "$near" 1000000000 numbered >"$scratch/send" &
   send=$!
   flows
   on $here ip link set cable_$$ down

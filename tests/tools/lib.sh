@@ -1,4 +1,4 @@
-# lib.sh - what the tests of jpipe share. $JPIPE and $TRAFFIC are the programs.
+# lib.sh - what the tests of jpipe share. $JPIPE is the program.
 #
 # Each test has endpoints, files and background processes of its own, and leaves
 # none of them behind.
@@ -19,6 +19,7 @@ if [ -z "${private_run_directory-}" ]; then
 fi
 
 name=jpipe_test_$$
+traffic=$(dirname "$0")/traffic.py
 scratch=$(mktemp -d)
 failures=0
 # A loopback address that no other test has: the port that a program leaves when it is
