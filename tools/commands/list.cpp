@@ -1,16 +1,15 @@
 // list.cpp - jpipe list: the endpoints in the run directory.
-#include <dirent.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
+#include <system_error>
 #include <vector>
 
 #include "commands.h"
@@ -39,18 +38,16 @@ struct Endpoints {
 
 std::vector<std::string> FilesInRunDirectory() {
   std::vector<std::string> names;
-  DIR* directory = ::opendir(kRunDirectory);
-  if (directory == nullptr && errno == ENOENT) {
-    return names;  // no endpoint has been opened yet
+  std::error_code error;
+  for (std::filesystem::directory_iterator file(kRunDirectory, error), end; !error && file != end;
+       file.increment(error)) {
+    names.push_back(file->path().filename());
   }
-  if (directory == nullptr) {
-    throw Failure(kFailed, std::string("cannot read ") + kRunDirectory + ": " +
-                               std::strerror(errno) + ": have the administrator open it for you");
+  // The first endpoint makes the directory.
+  if (error && error != std::errc::no_such_file_or_directory) {
+    throw Failure(kFailed, std::string("cannot read ") + kRunDirectory + ": " + error.message() +
+                               ": have the administrator open it for you");
   }
-  while (const dirent* entry = ::readdir(directory)) {
-    names.emplace_back(entry->d_name);
-  }
-  ::closedir(directory);
   std::sort(names.begin(), names.end());
   return names;
 }
