@@ -1,73 +1,32 @@
-// schedule.cpp - plans, and the processes that run one each.
+// schedule.cpp - the processes that run a schedule each, the search through plans, and
+// the program around it.
 #include "schedule.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/personality.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cinttypes>
+#include <algorithm>
+#include <bit>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
-#include <vector>
+#include <random>
+#include <string_view>
 
 #include "jcxxactorapi.h"
-#include "shim.h"
 
 namespace schedule {
 
-namespace {
-
-constexpr unsigned kHangs = 60;  // seconds: a wait that is none of the stops
-
-}  // namespace
-
-Shared& TheShared() {
-  static auto* shared = static_cast<Shared*>(
-      ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  return *shared;
-}
-
-// Plans
-
-std::string Text(const Plan& of) {
-  if (of.seed != 0) {
-    return std::to_string(of.seed);
-  }
-  std::string text = "at";
-  for (std::size_t i = 0; i < of.count; ++i) {
-    text += ":" + std::to_string(of.turns[i].choice) + "=" + std::to_string(of.turns[i].thread);
-  }
-  return text;
-}
-
-std::optional<Plan> Read(const std::string& text) {
-  Plan read;
-  if (std::sscanf(text.c_str(), "%" SCNu64, &read.seed) == 1 && read.seed != 0) {
-    return text == Text(read) ? std::optional(read) : std::nullopt;
-  }
-  std::istringstream turns(text);
-  std::string word;
-  for (std::getline(turns, word, ':'); std::getline(turns, word, ':'); ++read.count) {
-    Turn& turn = read.turns[read.count];
-    if (read.count + 1U == read.turns.size() ||
-        std::sscanf(word.c_str(), "%" SCNu16 "=%" SCNu8, &turn.choice, &turn.thread) != 2) {
-      return std::nullopt;
-    }
-  }
-  return text == Text(read) ? std::optional(read) : std::nullopt;
-}
-
-// In the process of one schedule
+Schedule& current = *static_cast<Schedule*>(
+    ::mmap(nullptr, sizeof(Schedule), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
 void Fail(const std::string& what) {
-  Shared& shared = TheShared();
-  std::snprintf(shared.fault, sizeof shared.fault, "%s", what.c_str());
-  std::fflush(stdout);
+  std::snprintf(current.fault, sizeof current.fault, "%s", what.c_str());
   ::_exit(1);
 }
 
@@ -77,12 +36,14 @@ void Demand(bool met, const char* what) {
   }
 }
 
-void Exit() {
-  TheShared().exits = true;
-  std::exit(0);
+std::uint8_t Usual(const Choice& choice) {
+  return choice.Allows(choice.came) ? choice.came
+                                    : static_cast<std::uint8_t>(std::countr_zero(choice.able));
 }
 
 namespace {
+
+constexpr unsigned kHangs = 60;  // seconds: a wait that is none of the stops
 
 std::size_t OpenDescriptors() {
   std::size_t open = 0;
@@ -92,89 +53,167 @@ std::size_t OpenDescriptors() {
   return open;
 }
 
-[[noreturn]] void RunHere(const Case& of, const Plan& plan, bool aloud) {
+[[noreturn]] void RunHere(const Case& of) {
   ::alarm(kHangs);
   std::signal(SIGPIPE, SIG_IGN);
   const std::size_t open = OpenDescriptors();
-  RunThreads(of, plan, aloud);
+  RunThreads(of.body);
   const JCXXActorAPI& api = *JCXXActorAPI::GetInstance();
-  Demand(api.socks.size() + api.actors.size() + api.frames.size() + api.msgs.size() +
-                 api.pollers.size() ==
-             0,
+  Demand(api.socks.empty() && api.actors.empty() && api.frames.empty() && api.msgs.empty() &&
+             api.pollers.empty(),
          "an object is left in the registry");
-  Demand(of.mistake != Mistake::kNone || OpenDescriptors() == open, "a descriptor is left");
-  TheShared().ended = true;
+  Demand(OpenDescriptors() == open, "a descriptor is left");
   ::_exit(0);
 }
 
-std::string FaultOf(int status) {
-  const Shared& shared = TheShared();
-  if (shared.fault[0] != '\0') {
-    return shared.fault;
+// Runs the schedule. The heap of this process stays as it is, so that every child finds
+// its own as the others did.
+bool Passes(const Case& of) {
+  current.count = 0;
+  current.fault[0] = '\0';
+  const pid_t child = ::fork();
+  if (child == 0) {
+    RunHere(of);
   }
-  if (WIFSIGNALED(status)) {
-    return std::string("signal: ") + ::strsignal(WTERMSIG(status));
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  if (status != 0 && current.fault[0] == '\0') {
+    std::snprintf(current.fault, sizeof current.fault, "the process ends: %s",
+                  WIFSIGNALED(status) ? ::strsignal(WTERMSIG(status)) : "it exits");
   }
-  const bool passed = WEXITSTATUS(status) == 0 && (shared.ended || shared.exits);
-  return passed ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
+  return status == 0;
 }
 
-// The plans that follow from one that has run: each has one turn more, behind the last.
-void AddFollowing(const Plan& after, const Outcome& outcome, unsigned bound,
-                  std::vector<Plan>& waiting) {
-  std::size_t i = after.count == 0 ? 0 : after.turns[after.count - 1].choice + 1;
-  for (; i < outcome.count && after.count < after.turns.size(); ++i) {
-    const Choice& choice = outcome.choices[i];
-    Plan following = after;
-    following.preemptions += choice.able >> choice.came & 1;
-    for (std::uint8_t thread = 0; thread < kThreads && following.preemptions <= bound; ++thread) {
-      if ((choice.able >> thread & 1) != 0 && thread != choice.chosen) {
-        following.turns[after.count] = {static_cast<std::uint16_t>(i), thread};
-        following.count = after.count + 1;
-        waiting.push_back(following);
-      }
+// Plans the next order with up to `bound` preemptions: the last choice that can have
+// another outcome has it. Result: whether there is one.
+bool PlanNext(unsigned bound) {
+  const auto preempts = [](const Choice& c) { return c.Allows(c.came) && c.chosen != c.came; };
+  for (current.planned = current.count; current.planned > 0; --current.planned) {
+    Choice& choice = current.choices[current.planned - 1];
+    const auto preemptions = std::count_if(current.choices, &choice, preempts);
+    if (preemptions + choice.Allows(choice.came) > bound) {
+      continue;
     }
+    const std::uint8_t usual = Usual(choice);  // was the first
+    choice.chosen = choice.chosen == usual ? 0 : choice.chosen + 1;
+    while (choice.chosen < kThreads && (choice.chosen == usual || !choice.Allows(choice.chosen))) {
+      ++choice.chosen;
+    }
+    if (choice.chosen < kThreads) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// A plan in words is a seed, or "t" and the thread that goes on at each choice.
+void PrintPlan() {
+  if (current.seed != 0) {
+    std::printf("%llu", static_cast<unsigned long long>(current.seed));
+  } else {
+    std::putchar('t');
+    std::for_each_n(current.choices, current.planned,
+                    [](const Choice& choice) { std::putchar('0' + choice.chosen); });
+  }
+}
+
+void ReadPlan(std::string_view words) {
+  current.seed = std::strtoull(words.data(), nullptr, 10);
+  current.planned = 0;
+  if (words.starts_with('t')) {
+    for (const char digit : words.substr(1)) {
+      current.choices[current.planned++].chosen = static_cast<std::uint8_t>(digit - '0');
+    }
+  }
+}
+
+// Runs the schedules that `plan` makes, given how many there were, until one fails, and
+// says how it went. Result: whether that is as it must be; what fails has to do so twice.
+template <class MakePlan>
+bool Search(const Case& of, const char* how, MakePlan plan) {
+  std::size_t schedules = 0;
+  bool passed = true;
+  for (current.seed = current.planned = 0; passed && plan(schedules); ++schedules) {
+    passed = Passes(of);
+  }
+  const bool good = passed != of.wrong && (passed || !Passes(of));
+  std::printf("%-12s %8zu schedules %-8s %s\n", of.name, schedules, how, good ? "ok" : "FAILED");
+  if (!passed) {
+    std::printf("  %s\n  scripts/schedules --replay %s ", current.fault, of.name);
+    PrintPlan();
+    std::putchar('\n');
+  }
+  return good;
+}
+
+// Every order up to the case's bound, then some seeds.
+bool RunBriefly(const Case& of) {
+  constexpr std::size_t kSeeds = 200;
+  const bool good =
+      Search(of, "in order", [&](std::size_t number) { return number == 0 || PlanNext(of.bound); });
+  return Search(of, "by seed",
+                [](std::size_t number) {
+                  current.seed = number + 1;
+                  return number < kSeeds;
+                }) &&
+         good;
+}
+
+// Seeds that were not tried before, of each case for the same time.
+bool RunFor(std::chrono::duration<double> seconds) {
+  using Clock = std::chrono::steady_clock;
+  const std::uint64_t first = std::uint64_t{std::random_device()()} << 24;
+  bool good = true;
+  for (const Case& of : cases) {
+    const auto end = Clock::now() + seconds / cases.size();
+    good = Search(of, "by seed",
+                  [&](std::size_t number) {
+                    current.seed = first + number;
+                    return Clock::now() < end;
+                  }) &&
+           good;
+  }
+  return good;
+}
+
+bool Replay(const Case& of, const char* plan) {
+  ReadPlan(plan);
+  current.aloud = true;
+  const bool passed = Passes(of);
+  std::printf("%s %s: %s\n", of.name, plan, passed ? "passed" : current.fault);
+  return passed;
+}
+
+// Has the program start again with the same addresses in every run, where that is allowed.
+void FixAddresses(char** argv) {
+  const int personality = ::personality(0xFFFFFFFF);
+  if ((personality & ADDR_NO_RANDOMIZE) == 0 &&
+      ::personality(static_cast<unsigned long>(personality) | ADDR_NO_RANDOMIZE) != -1) {
+    ::execv("/proc/self/exe", argv);
   }
 }
 
 }  // namespace
 
-Outcome Run(const Case& of, const Plan& plan, bool aloud) {
-  Shared& shared = TheShared();
-  shared.ended = shared.exits = false;
-  shared.fault[0] = '\0';
-  shared.count = 0;
-  std::fflush(stdout);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    RunHere(of, plan, aloud);
-  }
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return {FaultOf(status), shared.choices, shared.count};
-}
-
-// The plans wait in memory that is there from the beginning: every child finds its heap
-// and its address space as the others did.
-std::size_t RunAll(const Case& of, unsigned bound, std::optional<Plan>& failing) {
-  constexpr std::size_t kWaiting = 1 << 20;
-  static auto& waiting = *new std::vector<Plan>;  // a child that exits leaves it alone
-  waiting.reserve(kWaiting);
-  waiting.assign(1, Plan());
-  std::size_t count = 0;
-  while (!waiting.empty()) {
-    const Plan next = waiting.back();
-    waiting.pop_back();
-    const Outcome outcome = Run(of, next);
-    ++count;
-    if (!outcome.fault.empty()) {
-      failing = next;
-      break;
-    }
-    AddFollowing(next, outcome, bound, waiting);
-  }
-  return count;
-}
-
 }  // namespace schedule
+
+int main(int argc, char** argv) {
+  using namespace schedule;
+  FixAddresses(argv);
+  std::setbuf(stdout, nullptr);  // a child has nothing to write again
+  const std::string_view how = argc > 1 ? argv[1] : "";
+  const auto of = std::find_if(cases.begin(), cases.end(), [=](const Case& each) {
+    return argc > 2 && std::string_view(each.name) == argv[2];
+  });
+  bool good = false;
+  if (how == "--seconds" && argc == 3) {
+    good = RunFor(std::chrono::duration<double>(std::atof(argv[2])));
+  } else if (how == "--brief" && argc == 3 && of != cases.end()) {
+    good = RunBriefly(*of);
+  } else if (how == "--replay" && argc == 4 && of != cases.end()) {
+    good = Replay(*of, argv[3]);
+  } else {
+    std::puts("usage: jactor_schedules --seconds N | --brief CASE | --replay CASE PLAN");
+  }
+  return good ? 0 : 1;
+}
