@@ -19,7 +19,7 @@ constexpr std::size_t kIdentitySize = 16;
 constexpr std::size_t kMostOfText = 200;
 constexpr unsigned kMostIgnored = 10000;
 constexpr std::size_t kOverhead = 128;  // bytes of ZeroMQ and TCP around a short message
-constexpr double kRefusedFor = 10;      // seconds, when nothing is said
+constexpr double kRefusedFor = 10;      // seconds, unless an option says otherwise
 
 Identity RandomIdentity() {
   Identity identity(kIdentitySize, '\0');
@@ -31,7 +31,7 @@ Identity RandomIdentity() {
 
 const char* NameOf(Role role) { return role == Role::kExport ? "export" : "import"; }
 
-// What an honest far end has on its way. An import queues its confirmations; what an
+// What an honest far end may have under way. An import queues its confirmations; what an
 // export queues is bounded by the window.
 Network::Limits LimitsOf(const Options& options, Role role) {
   Network::Limits limits;
@@ -103,7 +103,7 @@ void Bridge::Received(const std::string& address, std::string_view bytes) {
   Far& far = fars_[address];
   if (far.refused) {
     if (++far.ignored > kMostIgnored) {
-      network_.Cut(address, "it was refused, and goes on sending");
+      network_.Cut(address, "it was refused, but goes on sending");
     }
     return;
   }
@@ -115,7 +115,7 @@ void Bridge::Received(const std::string& address, std::string_view bytes) {
 // Result: empty, or why the far end is refused.
 std::string Bridge::Read(const std::string& address, Far& far, std::string_view bytes) {
   if (bytes.size() < kHeader || bytes.substr(0, kSignature.size()) != kSignature) {
-    return "it does not speak as a jpipe does";
+    return "it does not speak jpipe's protocol";
   }
   const auto type = static_cast<BridgeType>(bytes[kHeader - 1]);
   const std::string_view body = bytes.substr(kHeader);
@@ -132,7 +132,7 @@ std::string Bridge::Read(const std::string& address, Far& far, std::string_view 
   }
   if (bytes[kSignature.size()] != kVersion) {
     return Text(
-        "one jpipe speaks version %d of the bridge's protocol, and the other version %d: "
+        "one jpipe speaks version %d of the bridge's protocol, the other version %d: "
         "install the same version on both machines",
         kVersion, bytes[kSignature.size()]);
   }
@@ -156,7 +156,7 @@ std::string Bridge::Greeted(const std::string& address, Far& far, std::string_vi
     Join(address, far, identity);
     return {};
   }
-  return far.identity == identity ? "" : "it greets as somebody else";
+  return far.identity == identity ? "" : "it has changed its identity";
 }
 
 void Bridge::Join(const std::string& address, Far& far, const Identity& identity) {

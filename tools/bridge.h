@@ -1,23 +1,23 @@
 // bridge.h - how an export and an import talk to each other.
 //
 // Each side first greets the other one with its role and its identity, 16 random bytes.
-// Then the import grants a window: so many messages and bytes may be on their way that
-// it has not confirmed. It confirms a message when it lies in its endpoint. The export
-// keeps what is not confirmed, and sends it again when the same import is back after a
-// loss of the connection, or another one has come. The numbers that it gives its messages
-// grow, so that the import knows which ones it has.
+// Then the import grants a window: how many messages and bytes may be unconfirmed. It
+// confirms a message when it has written it to its endpoint. The export keeps what is not
+// confirmed, and sends it again when the same import is back after a loss of the
+// connection, or another one has joined. It numbers its messages in increasing order, so
+// that the import knows which ones it has.
 //
 // Every message begins with three bytes, a version and a type:
 //
 //   JPB 1 H  role (E or I), identity (16 bytes)                      a greeting
 //   JPB 1 W  last number confirmed (8), messages (4), bytes (4)      import: a window
 //   JPB 1 D  number (8), a message in the form of the endpoints      export: data
-//   JPB 1 E  last number confirmed (8)     export: nothing more is on its way, its answer
+//   JPB 1 E  last number confirmed (8)     export: nothing more is under way; its answer
 //                                          to a window of no messages
 //   JPB 1 R  text                                  a refusal
 //
-// Numbers are big-endian. Signature, version and refusals stay as they are in every
-// version, so that each can tell the other one that they do not fit.
+// Numbers are big-endian. Signature, version and refusals are the same in every version,
+// so that each side can tell the other one that they do not fit together.
 #ifndef JPIPE_BRIDGE_H
 #define JPIPE_BRIDGE_H
 
@@ -45,7 +45,7 @@ enum class BridgeType : char {
 
 using Identity = std::string;
 
-// How many messages and bytes may be on their way.
+// How many messages and bytes may be under way.
 struct Window {
   std::uint64_t messages = 0;
   std::uint64_t bytes = 0;
@@ -54,17 +54,17 @@ struct Window {
 // How long a side that was asked to stop waits for the other one.
 constexpr double kUsualLinger = 5;  // seconds
 
-// The longest form of a message in an endpoint: its frames may be as many as its bytes.
+// The longest form of a message in an endpoint: it may have as many frames as bytes.
 constexpr std::size_t kMaxOnWire = 2 * std::size_t{JACTOR_MAX_SIZE} + std::size_t{128} * 1024;
 
-// What there is to count of a message in the form of the endpoints.
+// What a progress line counts of a message in the form of the endpoints.
 Content ContentToCount(std::string_view bytes);
 
 // Numbers in a message.
 void Append(std::string& bytes, std::uint64_t number, std::size_t size);
 std::uint64_t TakeNumber(std::string_view& bytes, std::size_t size);
 
-// What is done with a bridge: an export or an import. None of these throws.
+// The user of a bridge: an export or an import. None of these throws.
 class Carrier {
  public:
   virtual ~Carrier() = default;
@@ -76,7 +76,7 @@ class Carrier {
 
 class Bridge : private NetworkEvents {
  public:
-  // Fails with kUsage on an address or certificates that make no sense.
+  // Fails with kUsage if the address or the certificates make no sense.
   Bridge(const Options& options, const std::string& address, Role role, Link usual,
          Carrier& carrier);
 

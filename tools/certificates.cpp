@@ -17,9 +17,10 @@ using Cert = std::unique_ptr<zcert_t, DestroyCert>;
 Cert LoadCertificate(const std::string& file) {
   Cert certificate(zcert_load(file.c_str()));
   if (certificate == nullptr) {
-    throw Failure(
-        kFailed, "cannot load the certificate " + file +
-                     ": see that it is there and readable, or make one with: jpipe keygen " + file);
+    throw Failure(kFailed,
+                  "cannot load the certificate " + file +
+                      ": check that it exists and is readable, or make one with: jpipe keygen " +
+                      file);
   }
   return certificate;
 }
@@ -32,12 +33,12 @@ bool HasSecret(zcert_t* certificate) {
 zactor_t* StartAuthenticator(const std::string& clients) {
   if (clients != CURVE_ALLOW_ANY && !zsys_file_exists(clients.c_str())) {
     throw Failure(kFailed, "--curve-clients " + clients +
-                               ": there is no such directory: put the public certificates of those "
-                               "who may connect into it");
+                               ": no such directory: it has to hold the public certificates of "
+                               "those who may connect");
   }
   zactor_t* authenticator = zactor_new(zauth, nullptr);
   if (authenticator == nullptr) {
-    throw Failure(kFailed, "cannot start the authentication of clients");
+    throw Failure(kFailed, "cannot start client authentication");
   }
   zstr_sendx(authenticator, "CURVE", clients.c_str(), nullptr);
   zsock_wait(authenticator);
@@ -75,7 +76,7 @@ zactor_t* SetCertificates(const Options& options, bool binds, zsock_t* socket) {
   const Cert own = LoadCertificate(*options.certificate);
   if (!HasSecret(own.get())) {
     throw Failure(kFailed, *options.certificate + " has no secret key: " + *options.certificate +
-                               "_secret must lie beside it");
+                               "_secret must be next to it");
   }
   zcert_apply(own.get(), socket);
   if (!binds) {

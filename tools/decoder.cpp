@@ -21,7 +21,7 @@ std::string Remark(const WireFrame& frame) {
 
 }  // namespace
 
-// Appends `size` bytes. Result: whether they were all there.
+// Appends `size` bytes. Result: whether there were that many.
 bool WireReader::Read(std::string& to, std::size_t size) {
   const std::size_t before = to.size();
   to.resize(before + size);
@@ -54,7 +54,7 @@ bool WireReader::ReadHeader(WireFrame& frame) {
   frame.number = header.number;
   if (frame.number > wire::kMaxSize) {
     Fault(frame.offset,
-          Text("the header says %u bytes, and the most is %u", frame.number, wire::kMaxSize));
+          Text("the header says %u bytes, but the limit is %u", frame.number, wire::kMaxSize));
     return false;
   }
   frame.remark = Remark(frame);
@@ -82,7 +82,7 @@ WireEvent WireReader::AcceptInMessage(const WireFrame& frame) {
                       Counted(announced_ - carried_, "byte").c_str()));
   }
   if (carried_ + frame.number > announced_) {
-    return Fault(frame.offset, Text("a frame of %s in a message that lacks only %u",
+    return Fault(frame.offset, Text("a frame of %s in a message that only lacks %u",
                                     Counted(frame.number, "byte").c_str(), announced_ - carried_));
   }
   if (frames_.size() == wire::kMaxFrames) {

@@ -1,7 +1,6 @@
 // decoder.h - the bytes of messages on a pipe, taken apart one frame at a time.
 //
-// A decoder of its own: the library's reader tells neither where a fault is nor
-// what it is.
+// A separate decoder: the library's reader reports neither where a fault is nor what it is.
 #ifndef JPIPE_DECODER_H
 #define JPIPE_DECODER_H
 
@@ -17,7 +16,7 @@ namespace jpipe {
 // Reads up to `size` bytes into `bytes`; fewer only at the end. Result: how many.
 using ByteSource = std::function<std::size_t(char* bytes, std::size_t size)>;
 
-// A frame as it was read, also when it was not read to its end.
+// A frame as it was read, even if it was not read to its end.
 struct WireFrame {
   std::uint64_t offset = 0;  // of its first byte
   std::string header;        // 1 to 5 bytes

@@ -21,7 +21,7 @@ constexpr const char* kNameHelp = "name an endpoint like ipc://sensors/temp or i
 std::string FifoPath(const std::string& endpoint) {
   std::string name = endpoint;
   if (name.find(',') != std::string::npos) {
-    throw Failure(kUsage, "\"" + endpoint + "\" holds a comma: give one endpoint only");
+    throw Failure(kUsage, "\"" + endpoint + "\" contains a comma: give only one endpoint");
   }
   if (!name.empty() && (name[0] == '@' || name[0] == '>')) {
     name.erase(0, 1);

@@ -19,12 +19,12 @@ std::string FifoPath(const std::string& endpoint);
 // had "/" or "\" it now has "_". Empty when it is not the FIFO of an endpoint.
 std::string EndpointOfFifo(const std::string& file_name);
 
-// A look into a FIFO: opened for reading only and without waiting, so that it is
-// told apart from the endpoint's own users. Result: no descriptor, and errno, when
-// there is none; EINVAL when it is not a FIFO.
+// Opens a FIFO only to look at it: for reading only and non-blocking, which tells it apart
+// from the endpoint's users. Result: no descriptor, and errno, on failure; EINVAL when it
+// is not a FIFO.
 Descriptor OpenToLook(const std::string& fifo);
 
-// What to say when OpenToLook has just failed.
+// The reason to report when OpenToLook has just failed.
 std::string WhyNoLook(const std::string& fifo);
 
 // The bytes that wait in the FIFO.

@@ -15,11 +15,11 @@ enum class Format { kText, kQuoted, kHex, kJson, kRaw };
 // The format of that name, if there is one.
 std::optional<Format> FormatNamed(std::string_view name);
 
-// Shows messages in one format, each on a line of its own except in kRaw.
+// Shows messages in one format, each on its own line except in kRaw.
 class Formatter {
  public:
-  // `separator` stands between the frames in kText. `for_terminal`: control
-  // characters in kText are escaped, so that a message cannot steer the terminal.
+  // `separator` goes between the frames in kText. `for_terminal`: control
+  // characters in kText are escaped, so that a message cannot control the terminal.
   Formatter(Format format, const std::string& separator, bool for_terminal);
 
   std::string Shown(const Content& content) const;
@@ -38,7 +38,7 @@ std::string Quoted(std::string_view bytes);
 // The bytes with control characters escaped as in Quoted, and nothing else.
 std::string Harmless(std::string_view bytes);
 
-// Two lower-case digits a byte; `between` stands between two bytes.
+// Two lower-case digits per byte; `between` goes between two bytes.
 std::string Hex(std::string_view bytes, std::string_view between = "");
 
 }  // namespace jpipe

@@ -1,4 +1,4 @@
-// holders.cpp - who has a FIFO open, as /proc tells.
+// holders.cpp - who has a FIFO open, according to /proc.
 #include "holders.h"
 
 #include <dirent.h>
@@ -27,8 +27,8 @@ std::string FirstLine(const std::string& path) {
   return line;
 }
 
-// Whether the descriptor that `info` (a file of /proc/PID/fdinfo) tells of is only
-// a look into the FIFO.
+// Whether the descriptor that `info` (a file of /proc/PID/fdinfo) describes is only a look
+// at the FIFO.
 bool IsOnlyALook(const std::string& info) {
   std::ifstream file(info);
   std::string word;
@@ -69,7 +69,7 @@ std::optional<bool> AnyDescriptor(pid_t pid, Look look) {
   return false;
 }
 
-// The FIFO that a descriptor has open, and not only for a look.
+// The FIFO that a descriptor has open, unless it is only a look.
 std::optional<FileId> OpenFifo(const std::string& process, const std::string& name) {
   struct stat status = {};
   if (::stat((process + "/fd/" + name).c_str(), &status) != 0 || !S_ISFIFO(status.st_mode) ||
@@ -89,8 +89,8 @@ void AddFifosOf(pid_t pid, Holders& found) {
   found.complete = found.complete && (seen || errno != EACCES);
 }
 
-// The others, in the order of /proc, until `visit` returns true. Result: whether /proc
-// could be read.
+// Visits the other processes, in the order of /proc, until `visit` returns true. Result:
+// whether /proc could be read.
 template <class Visit>
 bool VisitOthers(Visit visit) {
   const Directory processes(::opendir("/proc"));
@@ -165,7 +165,7 @@ bool IsHeldElsewhere(int fd) {
 
 void MarkAsLeaving() { static const Descriptor mark(::memfd_create(kMark, MFD_CLOEXEC)); }
 
-// The mark is looked for first: who opens the endpoint in between has it by then.
+// Looks for the mark first: a process that opens the endpoint in between has it by then.
 std::optional<pid_t> FindKeeper(int fd) {
   std::optional<pid_t> keeper;
   VisitOthers([&](pid_t pid) {

@@ -57,7 +57,7 @@ Outcome InputReader::Next(std::string& line, std::size_t most, bool& at_end) {
   const std::size_t length = newline == std::string::npos ? Left() : newline - start_;
   if (length > most) {
     throw Failure(kFailed, Text("line %llu of %s has more than %zu bytes, the most that fits into "
-                                "a message: it and what follows was not sent; split it",
+                                "a message: it and what follows were not sent; split it",
                                 number_, name_.c_str(), most));
   }
   at_end = newline == std::string::npos && length == 0;

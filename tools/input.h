@@ -1,4 +1,4 @@
-// input.h - reading a file or standard input in a way that a signal can end.
+// input.h - reading a file or standard input so that a signal can end it.
 #ifndef JPIPE_INPUT_H
 #define JPIPE_INPUT_H
 
@@ -14,11 +14,11 @@ class InputReader {
   // Opens the file `name`; "-" is standard input. Fails when it cannot be opened.
   explicit InputReader(const std::string& name);
 
-  // Waits with `patience` from now on, which is to be said before the first read.
+  // Waits with `patience` from now on. Call it before the first read.
   void WaitWith(Patience& patience) { patience_ = &patience; }
 
   // Reads the next line into `line`, without its newline; the last one may lack it.
-  // Result: kReady, with `at_end` telling that there was no further line; or what
+  // Result: kReady, where `at_end` says that there was no further line; or what
   // ended the wait. Fails when the line has more than `most` bytes.
   Outcome Next(std::string& line, std::size_t most, bool& at_end);
 
@@ -37,7 +37,7 @@ class InputReader {
   Descriptor file_;  // none for standard input
   int fd_;
   Patience* patience_ = nullptr;
-  std::string ahead_;  // read, handed out up to `start_`
+  std::string ahead_;  // read, and used up to `start_`
   std::size_t start_ = 0;
   std::size_t searched_ = 0;  // there is no newline between `start_` and here
   bool ended_ = false;

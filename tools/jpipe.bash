@@ -1,25 +1,24 @@
 # jpipe.bash - completion for bash. The commands, options and operands come from
 # jpipe's own help.
 
-# Names with other characters than these are left out: bash would expand them, and any
-# local user can make an endpoint.
+# Leaves out names with characters other than these: bash would expand them, and any local
+# user can make an endpoint.
 _jpipe_endpoints() {
   jpipe list 2>/dev/null | awk 'NR > 1 && $1 ~ /^[[:alnum:]:\/._-]+$/ { print $1 }'
 }
 
-# The options in the help $1, a line each: "--format text|quoted -f", "--help -h".
+# The options in the help $1, one per line: "--format text|quoted -f", "--help -h".
 _jpipe_options() {
   sed -nE 's/^ +(-.)?,? *(--[a-z-]+)( [^ ]+)?.*/\2\3 \1/p' <<<"$1"
 }
 
-# What the option $2 in the help $1 wants behind it; nothing for a flag.
+# The value that the option $2 in the help $1 takes; nothing for a flag.
 _jpipe_value() {
   _jpipe_options "$1" | awk -v option="$2" '
     ($1 == option || $NF == option) && NF > 1 && $2 !~ /^-/ { print $2 }'
 }
 
-# What stands at the end of the words "$2"...: the name that the help $1 has for it, or
-# "option".
+# What the last of the words "$2"... is: the name that the help $1 has for it, or "option".
 _jpipe_wanted() {
   local help=$1 operands operand=0 value='' only_operands=no
   read -ra operands < <(sed -nE 's/^Usage: .*\[OPTION\.\.\.\] ?//p' <<<"$help")
@@ -47,7 +46,7 @@ _jpipe_wanted() {
 
 _jpipe() {
   local word words=() current typed=${COMP_WORDS[COMP_CWORD]} help wanted offered=''
-  # bash takes a colon and an equals sign for words of their own.
+  # bash treats a colon and an equals sign as separate words.
   for word in "${COMP_WORDS[@]:0:COMP_CWORD+1}"; do
     if [[ $word = :* || ${words[*]: -1} = *: ]]; then
       words[-1]+=$word
@@ -75,7 +74,7 @@ _jpipe() {
   if [ -n "$offered" ]; then
     mapfile -t COMPREPLY < <(compgen -W "$offered" -- "$current")
   fi
-  # bash replaces only what stands behind the last colon.
+  # bash replaces only what comes after the last colon.
   if [ "$typed" != "$current" ]; then
     COMPREPLY=("${COMPREPLY[@]#"${current%"${current##*:}"}"}")
   fi

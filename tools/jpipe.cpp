@@ -1,4 +1,4 @@
-// jpipe.cpp - the endpoints from the shell: the table of commands, and main.
+// jpipe.cpp - endpoints from the shell: the table of commands, and main.
 #include <jactor.h>
 
 #include <exception>
@@ -19,14 +19,14 @@ constexpr Command kCommands[] = {
      "jpipe push ipc://sensors/temp kitchen 21.5", Push},
     {"signal", "ENDPOINT VALUE", "send a signal, 0 to 255", "jpipe signal ipc://jobs 3", Signal},
     {"list", "", "show the endpoints and who has them open", "jpipe list", List},
-    {"drain", "ENDPOINT", "throw away what lies in an endpoint", "jpipe drain -f hex ipc://jobs",
+    {"drain", "ENDPOINT", "throw away the contents of an endpoint", "jpipe drain -f hex ipc://jobs",
      Drain},
-    {"remove", "ENDPOINT", "take an endpoint's FIFO away", "jpipe remove ipc://jobs", Remove},
+    {"remove", "ENDPOINT", "remove an endpoint's FIFO", "jpipe remove ipc://jobs", Remove},
     {"decode", "[FILE]", "explain captured bytes, offset by offset", "jpipe decode capture.bin",
      Decode},
     {"export", "ENDPOINT tcp://HOST:PORT", "carry an endpoint to another machine",
      "jpipe export ipc://jobs tcp://receiver:5555", Export},
-    {"import", "tcp://*:PORT ENDPOINT", "write what export sends to an endpoint",
+    {"import", "tcp://*:PORT ENDPOINT", "receive messages from export into an endpoint",
      "jpipe import 'tcp://*:5555' ipc://jobs", Import},
     {"keygen", "FILE", "make a certificate for export and import", "jpipe keygen sender",
      MakeCertificate},
@@ -35,13 +35,13 @@ constexpr Command kCommands[] = {
 std::string HelpText() {
   std::string text =
       "Usage: jpipe COMMAND [OPTION...] [OPERAND...]\n"
-      "Looks into libjactor endpoints, feeds them, and joins them over the network.\n\n";
+      "Reads, writes and manages libjactor endpoints, and connects them over the network.\n\n";
   for (const Command& command : kCommands) {
     text += Text("  %-8s%-26s%s\n", command.name, command.operands, command.summary);
   }
   return text +
-         "\njpipe COMMAND --help shows the command's options; jpipe --version the version;"
-         "\njpipe(1) has the rest.\n\n"
+         "\njpipe COMMAND --help shows the command's options, jpipe --version the version."
+         "\nFor the rest see jpipe(1).\n\n"
          "Exit status: 0 done, 1 failure, 2 usage, 124 timed out.\n";
 }
 
@@ -51,12 +51,12 @@ const Command& FindCommand(const std::string& name) {
       return command;
     }
   }
-  throw Failure(kUsage, "\"" + name + "\" is not a command: jpipe --help shows them all");
+  throw Failure(kUsage, "\"" + name + "\" is not a command: jpipe --help lists the commands");
 }
 
 int Run(int argc, char** argv) {
   if (argc < 2) {
-    throw Failure(kUsage, "give a command: jpipe --help shows them all");
+    throw Failure(kUsage, "give a command: jpipe --help lists them");
   }
   StopRequests::Install();
   const std::string first = argv[1];

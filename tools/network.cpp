@@ -25,7 +25,7 @@ namespace {
 constexpr const char* kMonitorAddress = "inproc://jpipe-monitor";
 constexpr std::chrono::seconds kRetryInterval{1};
 constexpr int kHeartbeat = 5000;          // milliseconds
-constexpr int kHeartbeatTimeout = 20000;  // and without an answer
+constexpr int kHeartbeatTimeout = 20000;  // milliseconds without an answer
 constexpr int kClosing = 1000;            // milliseconds for what waits to be sent
 constexpr std::size_t kMostConnections = 256;
 constexpr std::size_t kSpareDescriptors = 10;
@@ -44,14 +44,14 @@ void CheckAddress(const std::string& address, bool binds) {
   const std::string port = address.substr(colon + 1);
   if (!binds && (host == "*" || port == "*")) {
     throw Failure(kUsage, "\"" + address + "\": a side that connects needs the other side's host " +
-                              "and port (--bind has this side wait for the other one)");
+                              "and port (with --bind this side waits for the other one)");
   }
   if (port != "*") {
     Number("port", port, 1, 65535);
   }
 }
 
-// The connections that the limit of open files leaves room for.
+// The number of connections that the limit on open files leaves room for.
 std::size_t RoomForConnections() {
   rlimit limit = {};
   ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -70,7 +70,7 @@ std::string FarName(int fd) {
   if (::getpeername(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
       ::getnameinfo(reinterpret_cast<sockaddr*>(&address), size, host, sizeof host, port,
                     sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
-    return "a host that has gone";
+    return "a host that has disconnected";
   }
   const std::string name = host;
   return (name.find(':') != std::string::npos ? "[" + name + "]" : name) + ":" + port;
@@ -78,27 +78,27 @@ std::string FarName(int fd) {
 
 std::string HostOf(const std::string& name) { return name.substr(0, name.rfind(':')); }
 
-// Why a handshake has failed. Sockets of types that do not fit, and a server that cannot
-// show its key, make one end the connection without a reason.
+// Why a handshake has failed. If the socket types do not fit together, or a server cannot
+// show its key, one side ends the connection without a reason.
 std::string WhyRefused(int event, std::uint32_t value, bool binds) {
   if (event == 0 || event == ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL) {
-    return binds ? "it went without a greeting: it is an older jpipe, or none"
-                 : "the other side broke off: it is an older jpipe, or none, or encrypts alone, or "
-                   "has another certificate than the one in --curve-server";
+    return binds ? "it left without a greeting: it is an older jpipe, or not a jpipe"
+                 : "the other side ended the connection: it is an older jpipe or not a jpipe, or "
+                   "only it encrypts, or its certificate is not the one in --curve-server";
   }
   if (event == ZMQ_EVENT_HANDSHAKE_FAILED_AUTH) {
     return binds ? "its certificate is not among those in --curve-clients"
-                 : "the other side does not let this certificate in: have it added to the other "
+                 : "the other side does not accept this certificate: have it added to the other "
                    "side's --curve-clients";
   }
   if (value == ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH) {
-    return "one side encrypts and the other does not: give --curve-cert on both sides or on none";
+    return "one side encrypts and the other does not: give --curve-cert on both sides or neither";
   }
   if (value == ZMQ_PROTOCOL_ERROR_ZMTP_CRYPTOGRAPHIC) {
     return "the keys do not match: --curve-server of the side that connects must be the "
            "certificate of the side that binds";
   }
-  return Text("it does not keep to ZeroMQ's protocol (%#x)", value);
+  return Text("it violates ZeroMQ's protocol (%#x)", value);
 }
 
 }  // namespace
@@ -112,7 +112,7 @@ Network::Network(const Options& options, const std::string& address, Link usual,
       limits_(limits) {
   CheckAddress(address, binds_);
   CheckCertificateOptions(options, binds_);
-  zsys_handler_set(nullptr);  // the signals are jpipe's own
+  zsys_handler_set(nullptr);  // jpipe handles signals itself
   zsys_set_logstream(stderr);
   socket_ = zsock_new(binds_ ? ZMQ_ROUTER : ZMQ_DEALER);
   monitor_ = zsock_new(ZMQ_PAIR);
@@ -139,7 +139,7 @@ void Network::Open(const Options& options) {
   if (binds_) {
     zsock_set_router_mandatory(socket_, 1);
   }
-  // Finds a host that has vanished.
+  // Detects a host that has vanished.
   zsock_set_heartbeat_ivl(socket_, kHeartbeat);
   zsock_set_heartbeat_timeout(socket_, kHeartbeatTimeout);
   authenticator_ = SetCertificates(options, binds_, socket_);
@@ -218,14 +218,14 @@ void Network::Added(int fd) {
   connection->name = FarName(fd);
   connection->order = ++connections_made_;
   connections_[fd] = connection;
-  Watch(fd, EPOLLIN | EPOLLET);  // tells of all that arrives, see CheckBytes
+  Watch(fd, EPOLLIN | EPOLLET);  // reports everything that arrives, see CheckBytes
   if (binds_) {
     MakeRoom();
   }
 }
 
-// Reads what ZeroMQ has told since the last time. Of a connection that has ended there
-// may still be messages.
+// Reads what ZeroMQ has reported since the last time. A connection that has ended may still
+// have messages to be received.
 void Network::ReadMonitor() {
   void* monitor = zsock_resolve(monitor_);
   unsigned char bytes[6];
@@ -248,8 +248,9 @@ void Network::ReadMonitor() {
   }
 }
 
-// The connection that a message has come on; nullptr when that cannot be told. The
-// descriptor may be a new connection's while messages of the old one are still there.
+// The connection that a message arrived on; nullptr when that cannot be told. The
+// descriptor may already belong to a new connection while messages of the old one are
+// still there.
 std::shared_ptr<Network::Connection> Network::ConnectionOf(int fd, const std::string& far) {
   if (const auto live = connections_.find(fd);
       live != connections_.end() && live->second->heard && live->second->far == far) {
@@ -324,8 +325,8 @@ void Network::Cut(const std::string& far, const std::string& why) {
   }
 }
 
-// After something has arrived: the far end may not have sent more than this since the
-// last whole message that was received here.
+// Called after something has arrived: the far end must not have sent more than the limit
+// since the last whole message that was received here.
 void Network::CheckBytes(Connection& connection) {
   const std::uint64_t received = BytesReceived(connection.fd);
   if (connection.took) {
@@ -353,8 +354,8 @@ bool Network::CheckArrivals() {
   return any;
 }
 
-// What a connection has sent is there before ZeroMQ tells of its end: so it is received
-// before that is told.
+// What a connection has sent is there before ZeroMQ reports its end, so it is received
+// before the end is reported on.
 bool Network::Serve() {
   while (CheckArrivals()) {
   }
@@ -393,15 +394,15 @@ void Network::Tell(const Happening& happening) {
       }
       break;
     case ZMQ_EVENT_CONNECT_RETRIED:
-      SayOnce("no connection to " + linked_ + ": trying until there is one");
+      SayOnce("no connection to " + linked_ + " yet: still trying");
       break;
     default:
       break;
   }
 }
 
-// A connection that has ended without a message, and on the connecting side before its
-// handshake was done, was refused by one of the two.
+// A connection that has ended without a message (on the connecting side: before its
+// handshake was done) was refused by one of the two sides.
 void Network::TellEnd(const Connection& connection) {
   const bool refused = binds_ ? !connection.heard && !connection.cut : !up_;
   if (!refused) {
@@ -418,7 +419,7 @@ void Network::TellEnd(const Connection& connection) {
   }
 }
 
-// ZeroMQ gives some refused connections up, and tries others again at once.
+// ZeroMQ gives up some refused connections, and retries others immediately.
 void Network::Refused(const std::string& reason) {
   why_refused_ = reason;
   up_ = false;
@@ -437,9 +438,9 @@ void Network::Accepted() {
   said_.clear();
 }
 
-// Where no descriptor is left, ZeroMQ would try to accept the next connection without an
-// end. So there are never that many: the oldest one goes that has said nothing, or else
-// the newest.
+// If no descriptor were left, ZeroMQ would try for ever to accept the next connection. So
+// there are never that many: the oldest one that has said nothing is closed, or else the
+// newest.
 void Network::MakeRoom() {
   std::size_t count = 0;
   std::shared_ptr<Connection> silent;
@@ -470,25 +471,25 @@ std::string Network::NameOf(const std::string& far) const {
       return connection->name;
     }
   }
-  return "a host that has gone";
+  return "a host that has disconnected";
 }
 
 void Network::Send(const std::string& far, std::string_view head, std::string_view body) {
   void* socket = zsock_resolve(socket_);
   zmq_msg_t message;
   if (zmq_msg_init_size(&message, head.size() + body.size()) != 0) {
-    return Cut(far, "no memory left");
+    return Cut(far, "out of memory");
   }
   auto* bytes = static_cast<char*>(zmq_msg_data(&message));
   std::copy(head.begin(), head.end(), bytes);
   std::copy(body.begin(), body.end(), bytes + head.size());
-  zsock_events(socket_);  // has ZeroMQ look at its connections first
+  zsock_events(socket_);  // makes ZeroMQ look at its connections first
   if ((binds_ && zmq_send(socket, far.data(), far.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) < 0) ||
       zmq_msg_send(&message, socket, ZMQ_DONTWAIT) < 0) {
     const bool is_full = errno == EAGAIN && limits_.queued > 0;  // and not gone
     zmq_msg_close(&message);
     if (is_full) {
-      Cut(far, "it does not take what is sent to it");
+      Cut(far, "it does not read what is sent to it");
     }
   }
 }

@@ -2,9 +2,9 @@
 //
 // The side that connects has a DEALER socket and one far end, whose name is empty. The
 // side that binds has a ROUTER socket and many far ends, each named by its routing id.
-// All messages have one part: what has more is not a message of a bridge, and as ZeroMQ
-// keeps the parts until the last one is there, a connection that sends more bytes than
-// it may without a whole message is closed.
+// All messages have one part: one with more is not a message of a bridge. ZeroMQ keeps the
+// parts until the last one is there, so a connection that sends more bytes than allowed
+// without a whole message is closed.
 //
 // One thread: the one that runs the command.
 #ifndef JPIPE_NETWORK_H
@@ -26,16 +26,16 @@
 
 namespace jpipe {
 
-// What a network tells its owner. None of these throws.
+// What a network reports to its owner. None of these throws.
 class NetworkEvents {
  public:
   virtual ~NetworkEvents() = default;
   // The side that connects: the connection is up.
   virtual void Connected() = 0;
-  // A message has come; `bytes` is empty when it was none of one part.
+  // A message has arrived; `bytes` is empty if it had more than one part.
   virtual void Received(const std::string& far, std::string_view bytes) = 0;
-  // The connection of a far end that had sent something, or was up, has ended, and all
-  // that it sent was received.
+  // The connection of a far end that had sent something, or was up, has ended, and
+  // everything it sent has been received.
   virtual void Ended(const std::string& far) = 0;
 };
 
@@ -44,12 +44,12 @@ class Network {
   // For each far end.
   struct Limits {
     std::size_t message = 0;    // bytes of one
-    std::size_t under_way = 0;  // bytes that it has sent and this side not taken
+    std::size_t under_way = 0;  // bytes that it has sent and this side has not taken
     int queued = 0;             // messages that wait to be sent to it, 0 for any number
   };
 
-  // Binds or connects: as the options say, or else as `usual`.
-  // Fails with kUsage on an address or certificates that make no sense.
+  // Binds or connects, as the options say or else as `usual` says.
+  // Fails with kUsage if the address or the certificates make no sense.
   Network(const Options& options, const std::string& address, Link usual, const Limits& limits,
           NetworkEvents& events);
   Network(const Network&) = delete;
@@ -61,10 +61,10 @@ class Network {
   // Readable when Serve has something to do.
   int fd() const { return epoll_; }
 
-  // Tells what has happened. Result: whether anything has.
+  // Reports what has happened. Result: whether anything has.
   bool Serve();
 
-  // Sends one message of two pieces. A far end that does not take it is cut off.
+  // Sends one message, given in two pieces. A far end that does not take it is cut off.
   void Send(const std::string& far, std::string_view head, std::string_view body = {});
 
   // Closes the connection to a far end, and says why.
@@ -73,24 +73,24 @@ class Network {
   // The side that connects: the connection is refused. It is tried again later.
   void Refused(const std::string& reason);
 
-  // The far end is one to work with.
+  // The far end was accepted.
   void Accepted();
 
-  // Says a sentence once, until the next Accepted.
+  // Writes a note only once, until the next Accepted.
   void SayOnce(const std::string& text);
 
   // The address of the far end.
   std::string NameOf(const std::string& far) const;
 
-  // Since when the connection is refused without an Accepted, and why.
+  // Since when the connection has been refused without an Accepted, and why.
   using Clock = std::chrono::steady_clock;
   std::optional<Clock::time_point> refused_since() const { return refused_since_; }
   const std::string& why_refused() const { return why_refused_; }
 
-  // The own address.
+  // This side's address.
   const std::string& address() const { return linked_; }
 
-  // Has fd() be readable at that moment too.
+  // Makes fd() readable at that moment too.
   void WakeAt(Clock::time_point moment);
 
  private:
@@ -99,7 +99,7 @@ class Network {
     unsigned long long order = 0;
     std::string name;  // host and port
     bool heard = false;
-    std::string far;             // who was heard
+    std::string far;             // the far end that was heard
     bool cut = false;            // by this side
     std::uint64_t received = 0;  // bytes, as of the last message
     bool took = false;           // a message since then
@@ -107,7 +107,7 @@ class Network {
   struct Happening {
     int event;
     std::uint32_t value;
-    std::shared_ptr<Connection> connection;  // that has ended
+    std::shared_ptr<Connection> connection;  // the one that has ended
   };
 
   void Open(const Options& options);
@@ -138,7 +138,7 @@ class Network {
   const Limits limits_;
   std::map<int, std::shared_ptr<Connection>> connections_;
   unsigned long long connections_made_ = 0;
-  std::vector<Happening> happenings_;  // not yet told
+  std::vector<Happening> happenings_;  // not yet reported
   bool up_ = false;                    // the side that connects: it is connected
   std::string reason_;                 // why the last handshake failed
   std::string why_refused_;

@@ -33,16 +33,16 @@ Format ReadFormat(const std::string& name) {
 
 std::string Given(const char* what, const std::string& text) {
   if (text.empty()) {
-    throw Failure(kUsage, std::string(what) + " needs a value that is not empty");
+    throw Failure(kUsage, std::string(what) + " needs a non-empty value");
   }
   return text;
 }
 
 // One option. The completion knows the values FILE and DIR, and words between bars.
 struct OptionRow {
-  const char* commands;  // that take it; all when empty
+  const char* commands;  // that take it; empty: all of them
   const char* name;
-  const char* value;  // nothing for a flag
+  const char* value;  // null for a flag
   const char* help;
   void (*set)(Options& options, const std::string& value);
 };
@@ -61,13 +61,13 @@ constexpr OptionRow kOptions[] = {
      [](Options& o, const std::string& v) { o.frames = Given("--frames", v); }},
     {"push", "--file", "FILE", "send the bytes of FILE (- for standard input) as one message",
      [](Options& o, const std::string& v) { o.file = Given("--file", v); }},
-    {"push signal", "--no-wait", nullptr, "wait for nobody to read, even if that loses messages",
+    {"push signal", "--no-wait", nullptr, "do not wait for a reader, even if that loses messages",
      [](Options& o, const std::string&) { o.no_wait = true; }},
-    {"list", "--json", nullptr, "one object a line, for scripts",
+    {"list", "--json", nullptr, "one object per line, for scripts",
      [](Options& o, const std::string&) { o.json = true; }},
     {"list", "--watch", nullptr, "keep the list on the terminal up to date",
      [](Options& o, const std::string&) { o.watch = true; }},
-    {"remove", "--force", nullptr, "even while somebody has it open",
+    {"remove", "--force", nullptr, "remove it even while it is open",
      [](Options& o, const std::string&) { o.force = true; }},
     {"pull push export import", "--progress", nullptr,
      "show messages, bytes and rate when on a terminal",
@@ -78,17 +78,17 @@ constexpr OptionRow kOptions[] = {
      [](Options& o, const std::string&) { o.link = Link::kConnect; }},
     {"export import", "--window", "N", "messages that may be unconfirmed (default 256)",
      [](Options& o, const std::string& v) { o.window = Number("--window", v, 1, 1 << 20); }},
-    {"export import", "--window-bytes", "N", "and their bytes (default 1048576)",
+    {"export import", "--window-bytes", "N", "bytes that may be unconfirmed (default 1048576)",
      [](Options& o, const std::string& v) {
        o.window_bytes = Number("--window-bytes", v, 1, 1 << 30);
      }},
     {"export import", "--connect-timeout", "SECONDS",
-     "give up without a connection (default: 10 when refused)",
+     "give up when not connected for SECONDS (default: 10 if refused)",
      [](Options& o, const std::string& v) { o.connect_timeout = Seconds("--connect-timeout", v); }},
     {"export import", "--linger", "SECONDS",
-     "how long to wait at the end for what is on its way (default 5)",
+     "how long to wait at the end for messages under way (default 5)",
      [](Options& o, const std::string& v) { o.linger = Seconds("--linger", v); }},
-    {"export import", "--curve-cert", "FILE", "own certificate, which turns on encryption",
+    {"export import", "--curve-cert", "FILE", "this side's certificate; turns on encryption",
      [](Options& o, const std::string& v) { o.certificate = Given("--curve-cert", v); }},
     {"export import", "--curve-server", "FILE", "connecting: the other side's public certificate",
      [](Options& o, const std::string& v) { o.server = Given("--curve-server", v); }},
@@ -114,7 +114,7 @@ bool Takes(const std::string& command, const OptionRow& row) {
   return *row.commands == '\0' || takers.find(" " + command + " ") != std::string::npos;
 }
 
-// Shows the usage in jpipe's own form, and of an option only its value.
+// Shows the usage in jpipe's own form, and after an option only its value.
 class HelpFormatter : public CLI::Formatter {
  public:
   explicit HelpFormatter(const Command& command) : usage_(Usage(command)) { column_width(34); }
@@ -167,8 +167,8 @@ std::unique_ptr<CLI::App> Declare(const Command& command, Options& options) {
 }
 
 [[noreturn]] void Refuse(const Command& command, const std::string& what) {
-  throw Failure(kUsage, what + "; usage: " + Usage(command) + " (jpipe " + command.name +
-                            " --help tells more)");
+  throw Failure(kUsage, what + "; usage: " + Usage(command) + " (for more: jpipe " + command.name +
+                            " --help)");
 }
 
 // CLI11 would take the next word for the value.
@@ -176,12 +176,12 @@ void RefuseEmptyValues(const Command& command, int argc, char** argv) {
   for (int k = 0; k < argc && std::string(argv[k]) != "--"; ++k) {
     const std::string word = argv[k];
     if (word.size() > 2 && word.compare(0, 2, "--") == 0 && word.find('=') == word.size() - 1) {
-      Refuse(command, "\"" + word + "\" needs a value that is not empty");
+      Refuse(command, "\"" + word + "\" needs a non-empty value");
     }
   }
 }
 
-// The words that are no options, as many as the command wants.
+// The words that are not options, as many as the command wants.
 std::vector<std::string> TakeOperands(const Command& command,
                                       const std::vector<std::string>& words) {
   std::vector<std::string> operands;
@@ -190,7 +190,7 @@ std::vector<std::string> TakeOperands(const Command& command,
     if (!only_operands && word == "--") {
       only_operands = true;
     } else if (!only_operands && word.size() > 1 && word[0] == '-' && !std::isdigit(word[1])) {
-      Refuse(command, std::string(command.name) + " takes no " + word);
+      Refuse(command, std::string(command.name) + " has no option " + word);
     } else {
       operands.push_back(word);
     }
@@ -241,7 +241,7 @@ std::optional<Options> ReadOptions(const Command& command, int argc, char** argv
     const std::string what = error.what();
     const std::size_t colon = what.find(':');
     Refuse(command, colon != std::string::npos ? what.substr(0, colon) + " needs a value"
-                                               : "an option that takes no value has one");
+                                               : "an option that takes no value was given one");
   } catch (const CLI::ParseError& error) {
     Refuse(command, error.what());
   }

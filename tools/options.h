@@ -37,7 +37,7 @@ struct Options {
   std::optional<std::string> clients;
 };
 
-// One command. Which options it takes stands with the options.
+// One command. The table of options says which options it takes.
 struct Command {
   const char* name;
   const char* operands;  // as its usage shows them: "ENDPOINT [FRAME...]"
@@ -51,12 +51,12 @@ struct Command {
 std::uint64_t Number(const char* what, const std::string& text, std::uint64_t least,
                      std::uint64_t most);
 
-// Reads the words behind the command's name. Result: nothing when --help was asked for.
+// Reads the words after the command's name. Result: nullopt when --help was asked for.
 // Fails with kUsage.
 std::optional<Options> ReadOptions(const Command& command, int argc, char** argv);
 
 // What `jpipe COMMAND --help` shows. The completion reads it too: the usage line, and
-// the value behind each option.
+// the value after each option.
 std::string CommandHelp(const Command& command);
 
 // "jpipe COMMAND [OPTION...] OPERAND..."

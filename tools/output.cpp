@@ -33,7 +33,7 @@ void OccupyStandardDescriptors() {
 }
 
 void RequireOutput() {
-  // No byte: a pipe, a terminal or a file takes that, a closed descriptor does not.
+  // Writes no byte: that works on a pipe, a terminal or a file, not on a closed descriptor.
   if (::write(STDOUT_FILENO, "", 0) < 0 && errno != EAGAIN && errno != EINTR) {
     FailToWrite(errno);
   }

@@ -8,12 +8,12 @@
 
 namespace jpipe {
 
-// Puts something in the place of each of the descriptors 0, 1 and 2 that is closed, so
-// that no pipe or endpoint gets its number. Reading and writing it fails. Call first.
+// Fills each of the descriptors 0, 1 and 2 that is closed, so that no pipe or endpoint
+// gets its number. Reading and writing it fails. Call first.
 void OccupyStandardDescriptors();
 
 // Fails when standard output is closed or is known to take nothing. Call before
-// something is taken from an endpoint only to be written.
+// taking something from an endpoint in order to write it.
 void RequireOutput();
 
 // Writes all of `bytes` to standard output. Result: kReady; kOutputClosed when

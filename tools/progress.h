@@ -10,7 +10,7 @@
 
 namespace jpipe {
 
-// At most one at a time.
+// There is at most one at a time.
 class Progress {
  public:
   using Clock = std::chrono::steady_clock;
@@ -24,8 +24,8 @@ class Progress {
   // Counts one message, and brings the line up to date a few times a second.
   void Add(const Content& content);
 
-  // Brings the line up to date when nothing else has done so for a second. To be called
-  // at NextTick, if that is some time.
+  // Brings the line up to date when nothing else has done so for a second. Call it at
+  // NextTick, if there is one.
   static void Tick();
   static std::optional<Clock::time_point> NextTick();
 

@@ -1,7 +1,7 @@
 // report.cpp - notes, failures and the library's log lines.
 //
-// jpipe takes the place of the log library: the library's failure lines become
-// the reasons in jpipe's own messages, and are shown as they are with --verbose.
+// jpipe replaces the log library: the library's failure lines become the reasons in
+// jpipe's own messages, and are shown unchanged with --verbose.
 // The library is called from one thread only, so the last line needs no lock.
 #include "report.h"
 

@@ -34,7 +34,7 @@ void Note(const std::string& text);
 std::string LibraryError();
 void ForgetLibraryError();
 
-// Has every failure line of the library written to standard error as well.
+// From now on writes every failure line of the library to standard error as well.
 void ShowLibraryErrors();
 
 }  // namespace jpipe

@@ -18,9 +18,9 @@
 namespace jpipe {
 namespace {
 
-constexpr int kOpenings = 3;         // two first openings that meet may both have to try again
+constexpr int kOpenings = 3;         // two that race to make the FIFO may both have to try again
 constexpr int kLookInterval = 20;    // milliseconds between two looks at the bytes that wait
-constexpr int kLooksPerSearch = 10;  // and between two searches for who has the FIFO open
+constexpr int kLooksPerSearch = 10;  // looks between two searches for who has the FIFO open
 
 bool MustRepeat(int error) { return error == EINTR; }
 
@@ -34,14 +34,14 @@ std::string WhyNotOpened(const std::string& endpoint, const std::string& fifo) {
   }
   if (::access(kRunDirectory, W_OK | X_OK) != 0) {
     return reason + kRunDirectory + ": " + std::strerror(errno) +
-           ": have the administrator create it for you";
+           ": ask the administrator to create it";
   }
   const std::string why = LibraryError();
-  return reason + (why.empty() ? "no memory left" : why) + ": see " + fifo;
+  return reason + (why.empty() ? "out of memory" : why) + ": see " + fifo;
 }
 
-// Opens the endpoint as the library does. The copy of its descriptor is the endpoint, as far
-// as others can see.
+// Opens the endpoint as the library does, and keeps only a copy of the descriptor. To others
+// this looks like any sock on the endpoint.
 Descriptor Open(const std::string& endpoint, Direction direction) {
   const std::string fifo = FifoPath(endpoint);
   for (int k = 0; k < kOpenings; ++k) {
@@ -63,11 +63,11 @@ Descriptor Open(const std::string& endpoint, Direction direction) {
 void CheckSize(const Content& content) {
   const std::size_t bytes = content.Bytes();
   if (bytes > wire::kMaxSize) {
-    throw Failure(kFailed, Text("the message has %zu bytes, and the most is %u: split it", bytes,
+    throw Failure(kFailed, Text("the message has %zu bytes, but the limit is %u: split it", bytes,
                                 wire::kMaxSize));
   }
   if (content.frames.size() > wire::kMaxFrames) {
-    throw Failure(kFailed, Text("the message has %zu frames, and the most is %zu: split it",
+    throw Failure(kFailed, Text("the message has %zu frames, but the limit is %zu: split it",
                                 content.frames.size(), wire::kMaxFrames));
   }
 }
@@ -123,7 +123,7 @@ int EndpointSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t&
   return 0;
 }
 
-// Whether a message surely goes in whole. The kernel sees to it up to PIPE_BUF bytes.
+// Whether a message is certain to fit whole. The kernel guarantees that up to PIPE_BUF bytes.
 // Pages are not always full, but any two neighbours hold more than one page's bytes,
 // except where the reader has taken from the first.
 bool EndpointSock::HasRoomFor(std::size_t size) const {
@@ -155,8 +155,8 @@ int EndpointSock::WriteBlocking(unsigned char* buf, std::size_t len, std::size_t
   return 0;
 }
 
-// One write of the whole message keeps it in one piece among other writers up to
-// PIPE_BUF bytes, however many frames it has.
+// A single write keeps a message of up to PIPE_BUF bytes in one piece among other
+// writers, however many frames it has.
 int EndpointSock::WriteBlockingIOV(const iovec* iov, int iovcnt, std::size_t& written) {
   std::vector<unsigned char> bytes;
   for (int k = 0; k < iovcnt; ++k) {
@@ -184,7 +184,7 @@ void EndpointSock::TakeApart(JCXXMsg* msg, Content& content) {
   }
 }
 
-// What to tell of a message that was not transferred to its end.
+// Reports a message that was not transferred completely.
 Outcome EndpointSock::Unfinished(Direction direction) {
   const bool pull = direction == Direction::kPull;
   if (ended_ == Outcome::kReady) {
@@ -199,12 +199,12 @@ Outcome EndpointSock::Unfinished(Direction direction) {
   if (moved_ > 0 && pull) {
     Note(
         Text("%s of a message that its sender has not finished were taken from %s and are lost; "
-             "when no sender is at work any more, throw away the rest with: jpipe drain %s",
+             "once no sender is running, throw away the rest with: jpipe drain %s",
              Counted(moved_, "byte").c_str(), endpoint_.c_str(), endpoint_.c_str()));
   } else if (moved_ > 0) {
     Note(
-        Text("only %zu of the %zu bytes of a message went into %s: its reader cannot make sense "
-             "of them; throw them away with: jpipe drain %s",
+        Text("only %zu of the %zu bytes of a message went into %s: its reader cannot use them; "
+             "throw them away with: jpipe drain %s",
              moved_, size_on_wire_, endpoint_.c_str(), endpoint_.c_str()));
   }
   return ended_;
@@ -248,7 +248,7 @@ Outcome EndpointSock::Put(const Content& content) {
   Msg msg(j_msg_new());
   for (const std::string_view frame : content.frames) {
     if (j_msg_addmem(msg.get(), frame.empty() ? "" : frame.data(), frame.size()) != 0) {
-      throw Failure(kFailed, "no memory left for a message");
+      throw Failure(kFailed, "out of memory for a message");
     }
   }
   JCXXMsg* sent = msg.release();
@@ -261,9 +261,9 @@ Outcome EndpointSock::Put(const Content& content) {
 
 // Leaving
 //
-// The bytes in a FIFO are lost with the last descriptor on it. So who leaves closes the
-// endpoint first, keeps a look, and only then searches for others: who closes last finds
-// nobody, and knows. models/leaving.pml searches these rules for a loss without a word.
+// The bytes in a FIFO are lost with the last descriptor on it. So a process that leaves first
+// closes the endpoint, keeps only a look, and then searches for others: the last one to close
+// it finds nobody, and so knows. models/leaving.pml searches these rules for a silent loss.
 
 namespace {
 
@@ -301,8 +301,8 @@ Outcome EndpointSock::LeaveWhenSafe() {
       if (!keeper && look > 0 && !said && Waiting() > 0) {
         said = true;
         Note(
-            Text("%s wait in %s, which nobody else keeps open: staying until they are taken "
-                 "(leaving now would lose them; --no-wait does)",
+            Text("%s wait in %s, which no other process keeps open: staying until they are read "
+                 "(leaving now would lose them; --no-wait leaves anyway)",
                  Counted(Waiting(), "byte").c_str(), endpoint_.c_str()));
       }
     }
@@ -321,7 +321,7 @@ void EndpointSock::Leave() {
   MarkAsLeaving();
   KeepALook();
   if (Waiting() > 0 && !IsHeldElsewhere(fd_)) {
-    Note(Text("%s that wait in %s are lost, since nobody else has it open",
+    Note(Text("%s that wait in %s are lost, since no other process has it open",
               Counted(Waiting(), "byte").c_str(), endpoint_.c_str()));
   }
 }

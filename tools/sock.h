@@ -21,9 +21,9 @@ enum class Direction { kPull, kPush };
 // A sock on an endpoint that reads and writes without blocking and waits with a
 // Patience in between.
 //
-// It takes no byte before a message asks for it: the library's socks read ahead,
-// and what they have read ahead is lost when the process ends, which a command
-// that takes a few messages and leaves cannot have.
+// It reads no byte that the current message does not need. The library's socks read ahead,
+// and what they have read ahead is lost when the process ends; a command that takes a few
+// messages and leaves must not lose any.
 class EndpointSock final : public JCXXSock {
  public:
   // Opens the endpoint. Fails with the reason and what to do about it.
@@ -32,7 +32,7 @@ class EndpointSock final : public JCXXSock {
   EndpointSock& operator=(const EndpointSock&) = delete;
   ~EndpointSock() override = default;
 
-  // Receives the next message. Result: kReady and `content`, which is good until
+  // Receives the next message. Result: kReady and `content`, which is valid until
   // the next call; or what ended the wait. Fails when the bytes are not a message.
   Outcome Take(Content& content);
 
@@ -40,28 +40,28 @@ class EndpointSock final : public JCXXSock {
   // message is too large, or cannot be written.
   Outcome Put(const Content& content);
 
-  // The bytes of the message that was received last.
+  // The message received last, as bytes on the wire.
   const std::string& wire() const { return wire_; }
 
-  // Sends a message that is such bytes.
+  // Sends a message given as bytes on the wire.
   Outcome PutWire(std::string& bytes);
 
-  // Has Take and Put treat every message as begun: it gets the grace period even when no
+  // Makes Take and Put treat every message as begun: it gets the grace period even when no
   // byte of it was read or written.
   void GoesOnInGrace() { goes_on_in_grace_ = true; }
 
-  // Has Put send a message whole and at once, or not at all: its result then is kFull.
+  // Makes Put send a message whole and without waiting, or not at all: its result is then kFull.
   void NeverWaitForRoom() { waits_for_room_ = false; }
 
   // Waits with another Patience from now on.
   void WaitWith(Patience& patience) { patience_ = &patience; }
 
-  // Leaves the endpoint when nothing waits in it or somebody else stays; until then waits,
+  // Leaves the endpoint when nothing waits in it or another process stays; until then waits,
   // since the bytes would be lost, and says so once. Result: kReady, or what ended the
-  // wait. Leaves in any case. The process is marked (MarkAsLeaving).
+  // wait. Leaves in any case. Call MarkAsLeaving first.
   Outcome LeaveWhenSafe();
 
-  // Leaves the endpoint, and says so when bytes are lost since nobody else has it open.
+  // Leaves the endpoint, and reports bytes that are lost because nobody else has it open.
   void Leave();
 
   int fd() const { return fd_; }
@@ -93,7 +93,7 @@ class EndpointSock final : public JCXXSock {
 
   std::string endpoint_;
   Patience* patience_;
-  Descriptor open_;  // the endpoint; later only a look into it
+  Descriptor open_;  // the endpoint; later only a look at it
   int fd_;
   bool waits_for_room_ = true;
   bool goes_on_in_grace_ = false;

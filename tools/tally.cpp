@@ -1,4 +1,4 @@
-// tally.cpp - taking out what lies in an endpoint.
+// tally.cpp - taking out the contents of an endpoint.
 //
 // It reads the FIFO itself: what a crash left may begin or end inside a message.
 #include "tally.h"
@@ -16,8 +16,8 @@
 namespace jpipe {
 namespace {
 
-// Reads what is there without waiting for more. A stop request ends a drain whose
-// sender is faster.
+// Reads what is there without waiting for more. If a sender is faster than the drain, a
+// stop request ends it.
 std::size_t ReadWhatIsThere(int fd, char* bytes, std::size_t size, Patience& patience) {
   std::size_t done = 0;
   while (done < size) {

@@ -1,4 +1,4 @@
-// tally.h - what lies in an endpoint, taken out and counted.
+// tally.h - the contents of an endpoint, taken out and counted.
 #ifndef JPIPE_TALLY_H
 #define JPIPE_TALLY_H
 
@@ -20,8 +20,8 @@ struct Tally {
   std::string Told() const;
 };
 
-// Takes what lies in the FIFO `fd`, at most `most` bytes, and waits for no more: messages
-// as far as they go, and everything behind a fault as loose bytes. Writes the messages
+// Takes the contents of the FIFO `fd`, at most `most` bytes, without waiting for more: whole
+// messages up to the first fault, and everything after it as loose bytes. Writes the messages
 // to standard output with `formatter`, if there is one.
 Tally DrainAll(int fd, std::size_t most, const Formatter* formatter, Patience& patience);
 

@@ -1,5 +1,5 @@
-// tcp.h - what the system knows of a TCP connection. In a file of its own, as the
-// system's header for it does not go together with the one that ZeroMQ's headers have.
+// tcp.h - what the system knows about a TCP connection. In a separate file, since the
+// system's header for it conflicts with the one that ZeroMQ's headers include.
 #ifndef JPIPE_TCP_H
 #define JPIPE_TCP_H
 
@@ -7,7 +7,7 @@
 
 namespace jpipe {
 
-// The bytes that have come on the connection `fd`; 0 when it is none.
+// The bytes that have arrived on the connection `fd`; 0 when it is not a TCP connection.
 std::uint64_t BytesReceived(int fd);
 
 }  // namespace jpipe

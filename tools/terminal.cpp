@@ -19,7 +19,7 @@ void WriteToStandardError(const std::string& text) {
   const std::string line = (status_shown ? kEraseLine : "") + text;
   status_shown = false;
   if (::write(STDERR_FILENO, line.data(), line.size()) < 0) {
-    return;  // there is nobody left to tell
+    return;  // nobody is left to read it
   }
 }
 

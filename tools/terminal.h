@@ -7,22 +7,22 @@
 
 namespace jpipe {
 
-// The size of the terminal `fd`; the usual one when it is not known.
+// The size of the terminal `fd`; 80 by 24 when it is not known.
 struct TerminalSize {
   std::size_t columns = 80;
   std::size_t rows = 24;
 };
 TerminalSize SizeOfTerminal(int fd);
 
-// The status: a line at the bottom of the terminal on standard error, which gives way
+// Shows the status: a line at the bottom of the terminal on standard error, which gives way
 // to everything else. It is cut to the terminal's width.
 void ShowStatus(const std::string& line);
 
-// The same for the last time: the line stays.
+// Shows it for the last time: the line stays.
 void EndStatus(const std::string& line);
 
-// Removes the line before something is written to a terminal on standard output, whose
-// last byte will be `last`: an unfinished line keeps the status away.
+// Removes the line before standard output writes something to the terminal, whose last
+// byte will be `last`: after an unfinished line no status is shown.
 void GiveWay(char last);
 
 // Writes to standard error with one write, after the status has given way.

@@ -74,7 +74,7 @@ bool Patience::IsOver(bool begun) const {
   return cause_ && (!begun || (grace_end_ && Clock::now() >= *grace_end_));
 }
 
-// For how long to poll: until the first of all that is to happen; -1 when nothing is.
+// How long to poll: until the next thing that is due; -1 when nothing is.
 int Patience::Milliseconds(std::optional<Clock::time_point> slice_end) const {
   std::optional<Clock::time_point> first = cause_ ? grace_end_ : deadline_;
   for (const auto& other : {slice_end, Progress::NextTick()}) {

@@ -1,8 +1,8 @@
 // whole_reader.h - messages taken out of a FIFO in one piece.
 //
-// A process that is killed between two reads leaves the FIFO in the middle of a message.
-// So this looks first, at a copy that the system makes inside a second pipe, and then
-// takes a whole message with one read.
+// If a process is killed between two reads, it leaves the FIFO in the middle of a message.
+// So this first looks at a copy that the system makes in a second pipe, and then takes a
+// whole message with one read.
 #ifndef JPIPE_WHOLE_READER_H
 #define JPIPE_WHOLE_READER_H
 
@@ -14,11 +14,11 @@ namespace jpipe {
 
 class WholeReader {
  public:
-  // `fifo` stays the caller's, who reads nothing else from it before Take gives false.
+  // `fifo` stays the caller's, who must not read from it until Take returns false.
   explicit WholeReader(int fifo);
 
-  // Takes the next message into `bytes`. Result: false when no whole one waits, as far as
-  // a pipe's room shows.
+  // Takes the next message into `bytes`. Result: false when no whole one waits that fits
+  // into the second pipe.
   bool Take(std::string& bytes);
 
  private:

@@ -9,7 +9,7 @@ start_import "tcp://$loopback:*" "$far"
 
 # Another version is told on both sides, as is a peer that is not an export.
 greeting='E0123456789abcdef'
-for far_end in "JPB\\x02H$greeting|*version 1*version 2*" "hello|*does not speak as a jpipe*" \
+for far_end in "JPB\\x02H$greeting|*version 1*version 2*" "hello|*does not speak jpipe's protocol*" \
   "JPB\\x01HI0123456789abcdef|*both sides are an import*" "JPB\\x01Hshort|*greeting is damaged*" \
   "JPB\\x01D12345678x|*without a greeting*" ; do
   has "the answer to ${far_end%|*}" "${far_end#*|}" \
@@ -18,7 +18,7 @@ done
 said import 'refused .*version'
 # Data that is not a message, a window from an export.
 for data in 'D\x00\x00\x00\x00\x00\x00\x00\x01\x05ab|*not a message of an endpoint*' \
-  'W0000000000000000|*no export sends*'; do
+  'W0000000000000000|*something no export sends*'; do
   has "the answer to ${data%|*}" "${data#*|}" \
     "$("$traffic" dealer "$address" "JPB\\x01H$greeting" "JPB\\x01${data%|*}")"
 done

@@ -34,12 +34,12 @@ refused() { # WHAT BIND-OPTIONS CONNECT-OPTIONS SAID-HERE SAID-THERE
 }
 server='--curve-cert server --curve-clients clients'
 refused 'a certificate that is not let in' "$server" '--curve-cert bad --curve-server server' \
-  'does not let this certificate in' 'not among those in --curve-clients'
+  'does not accept this certificate' 'not among those in --curve-clients'
 refused 'another server' "$server" '--curve-cert good --curve-server bad' \
-  'another certificate than the one in --curve-server' 'the keys do not match'
+  'certificate is not the one in --curve-server' 'the keys do not match'
 # Who finds out first breaks off, and the other one can only guess.
-unequal_here='one side encrypts\|encrypts alone'
-unequal_there='one side encrypts\|went without a greeting'
+unequal_here='one side encrypts\|only it encrypts'
+unequal_there='one side encrypts\|left without a greeting'
 refused 'no certificate' "$server" '' "$unequal_here" "$unequal_there"
 refused 'a certificate for nobody' '' '--curve-cert good --curve-server server' \
   "$unequal_here" "$unequal_there"

@@ -33,9 +33,9 @@ done <<'LINES'
 1 \xc0 00000001 fault: the bytes end inside a header: 1 byte missing
 1 \x03ab 00000003 fault: the bytes end inside a frame: 1 byte missing
 1 \x01a\x45\x02ab 00000006 fault: the bytes end inside a message: 3 payload bytes missing
-1 \x30\x00\x10\x00\x01 00000000 fault: the header says 1048577 bytes, and the most is 1048576
-1 \x01a\x70\x80\x00\x00\x00 00000002 fault: the header says 2147483648 bytes, and the most is 1048576
-1 \x45\x06abcdef 00000001 fault: a frame of 6 bytes in a message that lacks only 5
+1 \x30\x00\x10\x00\x01 00000000 fault: the header says 1048577 bytes, but the limit is 1048576
+1 \x01a\x70\x80\x00\x00\x00 00000002 fault: the header says 2147483648 bytes, but the limit is 1048576
+1 \x45\x06abcdef 00000001 fault: a frame of 6 bytes in a message that only lacks 5
 1 \x45\x02ab\x81 00000004 fault: a signal inside a message that still lacks 3 bytes
 1 \x41\x41 00000001 fault: a message header inside a message that still lacks 1 byte
 LINES

@@ -69,7 +69,7 @@ while read -r waiting code sent words; do
   timeout 10 "$JPIPE" ${words/E/$e} --no-wait 2>"$scratch/err" <"$scratch/lines"
   is "exit code of $words above $waiting bytes" "$code" $?
   [ "$code" = 0 ] ||
-    has "what $words says" "jpipe: $e is full: a message of *not sent; sent before: $sent message*" "$(cat "$scratch/err")"
+    has "what $words says" "jpipe: $e is full: a message of *not sent; sent so far: $sent message*" "$(cat "$scratch/err")"
   has "what $words leaves" "*: $((waiting + sent * 4002)) bytes thrown*" "$("$JPIPE" drain "$e")"
 done <<LINES
 65536 1 0 push E x

@@ -10,7 +10,7 @@ namespace jpipe {
 namespace {
 
 constexpr std::size_t kBytesPerLine = 8;
-constexpr std::size_t kLinesPerFrame = 4;  // what is shown of a long payload
+constexpr std::size_t kLinesPerFrame = 4;  // how much of a long payload is shown
 constexpr int kHexWidth = static_cast<int>(3 * kBytesPerLine) + 3;
 
 // Offset, bytes and what they are. Inside a message the bytes are indented.

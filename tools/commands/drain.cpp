@@ -1,5 +1,5 @@
-// drain.cpp - jpipe drain: throws away what lies in an endpoint, and tells what it
-// was.
+// drain.cpp - jpipe drain: throws away the contents of an endpoint, and says what
+// they were.
 #include <unistd.h>
 
 #include <cstdint>
@@ -29,7 +29,7 @@ int Drain(const Options& options) {
   const std::string told = endpoint + ": " + tally.Told();
   const Outcome ended = patience.cause().value_or(Outcome::kReady);
   if (ended != Outcome::kReady) {
-    Note("stopped while bytes were still coming: stop the sender first, or drain again");
+    Note("stopped while bytes were still arriving: stop the sender first, or drain again");
   }
   if (options.format) {
     Note(told);

@@ -1,8 +1,8 @@
 // export.cpp - jpipe export: messages from an endpoint to imports.
 //
-// A message is taken from the endpoint only when an import has room for it: a full far
-// end stops the reading, the FIFO fills, and the senders wait. Messages that an import
-// has not confirmed are kept in its lane.
+// A message is taken from the endpoint only when an import has room for it: when the far
+// end is full, the reading stops, the FIFO fills, and the senders wait. Messages that an
+// import has not confirmed are kept in its lane.
 #include <poll.h>
 
 #include <algorithm>
@@ -29,7 +29,7 @@ class Exporter final : private Carrier {
         bridge_(options, options.operands[1], Role::kExport, Link::kConnect, *this),
         progress_(options.progress) {
     patience_.Serve(bridge_.fd(), [this] { return bridge_.Serve(); });
-    patience_.SayInGrace("waiting for the confirmations; interrupt again to give up");
+    patience_.SayInGrace("waiting for confirmations; interrupt again to give up");
   }
 
   Exit Run();
@@ -39,7 +39,7 @@ class Exporter final : private Carrier {
     std::uint64_t number;
     std::string bytes;
   };
-  // What is on its way to one import.
+  // The messages under way to one import.
   struct Lane {
     Window window;
     bool ending = false;  // the import takes nothing more
@@ -71,7 +71,7 @@ class Exporter final : private Carrier {
   std::map<Identity, Lane> lanes_;
   std::uint64_t last_ = 0;         // number of a message
   Identity latest_;                // whose turn it was
-  std::deque<std::string> again_;  // for an import that is not the one they went to
+  std::deque<std::string> again_;  // to be sent again, to another import than before
   Bridge bridge_;
   Progress progress_;
   std::optional<Failure> failure_;
@@ -91,7 +91,7 @@ void Exporter::SendNew(const Identity& far, std::string bytes) {
   Send(far, lane.held.back());
 }
 
-// An import whose turn it is and that has room; nullptr when there is none.
+// The next import in turn that has room; nullptr when there is none.
 const Identity* Exporter::Ready() {
   const auto ready = [this](const auto& entry) {
     const Lane& lane = entry.second;
@@ -107,7 +107,7 @@ const Identity* Exporter::Ready() {
   return found != lanes_.end() ? &found->first : nullptr;
 }
 
-// Takes what an import has not confirmed back, to be sent to others.
+// Takes back what an import has not confirmed, to be sent to others.
 void Exporter::TakeBack(const Identity& far) {
   const auto lane = lanes_.find(far);
   std::deque<Held>& held = lane->second.held;
@@ -129,7 +129,7 @@ void Exporter::SendAgain() {
   }
 }
 
-// An import that has not been here takes over what went to those who have gone.
+// An import that is new here takes over the messages of those that have gone.
 void Exporter::Joined(const Identity& far) {
   if (lanes_.count(far) != 0) {
     lanes_[far].window = {};
@@ -154,7 +154,7 @@ void Exporter::Left(const Identity& far) {
 
 std::string Exporter::Got(const Identity& far, BridgeType type, std::string_view body) {
   return type == BridgeType::kWindow && body.size() == 16 ? SetWindow(far, body)
-                                                          : "it sends what no import sends";
+                                                          : "it sends something no import sends";
 }
 
 // Result: false when that number was not sent.
@@ -169,12 +169,12 @@ bool Exporter::Confirm(Lane& lane, std::uint64_t number) {
   return true;
 }
 
-// The first window on a connection comes behind a loss of what was on its way.
+// The first window on a connection comes after a loss of what was under way.
 std::string Exporter::SetWindow(const Identity& far, std::string_view body) {
   Lane& lane = lanes_[far];
   const std::uint64_t confirmed = TakeNumber(body, 8);
   if (!Confirm(lane, confirmed)) {
-    return "it confirms what was not sent";
+    return "it confirms a message that was not sent";
   }
   const bool is_first = lane.window.bytes == 0;
   lane.window.messages = std::min<std::uint64_t>(TakeNumber(body, 4), options_.window);
@@ -213,8 +213,8 @@ Outcome Exporter::TakeOne() {
   }
   progress_.Add(ContentToCount(bytes));
   if (bytes.size() > kMaxOnWire) {
-    throw Failure(kFailed, Text("a message takes %zu bytes in %s, and the most that a bridge "
-                                "carries is %zu: it is lost; let its sender use shorter headers",
+    throw Failure(kFailed, Text("a message takes %zu bytes in %s, but a bridge carries at most "
+                                "%zu: it is lost; its sender should use shorter headers",
                                 bytes.size(), sock_.endpoint().c_str(), kMaxOnWire));
   }
   again_.push_back(std::move(bytes));
@@ -222,7 +222,7 @@ Outcome Exporter::TakeOne() {
   return Outcome::kReady;
 }
 
-// Carries messages until it is stopped, or there were enough.
+// Carries messages until it is stopped, or has carried enough.
 Outcome Exporter::Carry() {
   while (!Enough()) {
     bridge_.CheckConnection();
@@ -237,8 +237,8 @@ Outcome Exporter::Carry() {
   return Outcome::kReady;
 }
 
-// Takes what would be lost in the FIFO as nobody else has it open, and waits until all is
-// confirmed. Result: kReady, or what ended the wait.
+// Takes what would be lost in the FIFO if nobody else has it open, and waits until everything
+// is confirmed. Result: kReady, or what ended the wait.
 Outcome Exporter::Finish() {
   sock_.GoesOnInGrace();
   bool takes = false;
@@ -280,7 +280,7 @@ Exit Exporter::Run() {
   Note("exported " + progress_.Counts());
   if (unconfirmed > 0) {
     Note(Counted(unconfirmed, "message") +
-         " of them were not confirmed: an import that runs may still have and deliver them");
+         " of these not confirmed: an import that is still running may have and deliver them");
   }
   if (failure_ || finished != Outcome::kReady || unconfirmed > 0) {
     return failure_ ? failure_->code() : carried == Outcome::kTimedOut ? kTimedOut : kFailed;

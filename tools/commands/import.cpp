@@ -1,7 +1,7 @@
 // import.cpp - jpipe import: messages from exports to an endpoint.
 //
-// What has come waits in a queue, which the windows bound, until it lies in the FIFO; then
-// it is confirmed.
+// A message that has arrived waits in a queue, which the windows bound, until it is written
+// to the FIFO; then it is confirmed.
 #include <algorithm>
 #include <deque>
 
@@ -29,18 +29,18 @@ class Importer final : private Carrier {
         progress_(options.progress) {
     sock_.GoesOnInGrace();
     patience_.Serve(bridge_.fd(), [this] { return Serve(); });
-    patience_.SayInGrace("stopping when what has arrived is delivered; interrupt again to give up");
+    patience_.SayInGrace("delivering what has arrived, then stopping; interrupt again to give up");
   }
 
   Exit Run();
 
  private:
-  // What has come from one export.
+  // What has arrived from one export.
   struct Lane {
     std::uint64_t accepted = 0;   // the last number in the queue
     std::uint64_t written = 0;    // and in the endpoint
-    Window unconfirmed;           // what has come and is not confirmed
-    Window to_confirm;            // what of it lies in the endpoint
+    Window unconfirmed;           // what has arrived and is not confirmed
+    Window to_confirm;            // the part of it that is in the endpoint
     std::uint64_t known = 0;      // the last number that the export knows to be confirmed
     bool ended = false;           // it sends nothing more
     unsigned long long used = 0;  // when, to forget the one that has been gone longest
@@ -77,7 +77,7 @@ class Importer final : private Carrier {
   Progress progress_;
 };
 
-// Confirms what lies in the endpoint, and grants the window again.
+// Confirms what has been written to the endpoint, and grants the window again.
 void Importer::Grant(const Identity& far, Lane& lane) {
   lane.unconfirmed.messages -= lane.to_confirm.messages;
   lane.unconfirmed.bytes -= lane.to_confirm.bytes;
@@ -120,10 +120,10 @@ std::string Importer::Got(const Identity& far, BridgeType type, std::string_view
     return {};
   }
   return type == BridgeType::kData && body.size() > 8 ? Accept(far, body)
-                                                      : "it sends what no export sends";
+                                                      : "it sends something no export sends";
 }
 
-// Whether these are one message, and nothing behind it.
+// Whether these bytes are one message, with nothing after it.
 bool IsOneMessage(std::string_view bytes) {
   MessageScan scan;
   return scan.Look(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()) ==
@@ -135,14 +135,14 @@ std::string Importer::Accept(const Identity& far, std::string_view body) {
   Lane& lane = lanes_[far];
   const std::uint64_t number = TakeNumber(body, 8);
   if (number <= lane.accepted) {
-    return {};  // it was sent again, as its confirmation had not arrived
+    return {};  // it was sent again because its confirmation had not arrived
   }
   if (lane.unconfirmed.messages >= options_.window ||
       lane.unconfirmed.bytes >= options_.window_bytes) {
     return "it sends more than was granted";
   }
   if (!IsOneMessage(body)) {
-    return "what it sends is not a message of an endpoint";
+    return "its data is not a message of an endpoint";
   }
   lane.accepted = number;
   ++lane.unconfirmed.messages;
@@ -151,7 +151,7 @@ std::string Importer::Accept(const Identity& far, std::string_view body) {
   return {};
 }
 
-// Has the exports stop, which answer it.
+// Tells the exports to stop, which they answer.
 void Importer::Stop() {
   stopping_ = true;
   for (auto& [far, lane] : lanes_) {
@@ -200,7 +200,7 @@ bool Importer::AllHaveEnded() const {
   });
 }
 
-// Has the exports know what is confirmed, or else the next import would get it again.
+// Waits until the exports know what is confirmed, or the next import would get it again.
 void Importer::AwaitEnds() {
   Patience closing(kAnswers);
   closing.Serve(bridge_.fd(), [this] { return Serve(); });
@@ -208,8 +208,8 @@ void Importer::AwaitEnds() {
   }
 }
 
-// Delivers what comes until it is stopped, and then what has come. Result: kReady, or what
-// ended it.
+// Delivers what arrives until it is stopped, and then the rest of what has arrived.
+// Result: kReady, or what ended it.
 Outcome Importer::DeliverAll() {
   for (;;) {
     if (queue_.empty()) {
@@ -245,11 +245,11 @@ Exit Importer::Run() {
   AwaitEnds();
   Note("imported " + progress_.Counts());
   if (outcome != Outcome::kReady && queue_.empty() && !AllHaveEnded()) {
-    Note("an export has not stopped in time: it keeps what was not confirmed");
+    Note("an export did not stop in time: it keeps the unconfirmed messages");
   }
   if (!queue_.empty()) {
     Note(Counted(queue_.size(), "message") + " that had arrived could not be delivered to " +
-         sock_.endpoint() + ": the exports that run keep what was not confirmed");
+         sock_.endpoint() + ": exports that are still running keep the unconfirmed ones");
   }
   if (failure) {
     return failure->code();

@@ -12,7 +12,7 @@ int MakeCertificate(const Options& options) {
   const std::string secret = file + "_secret";
   for (const std::string& name : {file, secret}) {
     if (::access(name.c_str(), F_OK) == 0) {
-      throw Failure(kFailed, name + " is there already: remove it first, or choose another name");
+      throw Failure(kFailed, name + " already exists: remove it first, or choose another name");
     }
   }
   if (!zsys_has_curve()) {
@@ -24,7 +24,7 @@ int MakeCertificate(const Options& options) {
   zcert_destroy(&certificate);
   if (!saved) {
     throw Failure(kFailed, "cannot write " + file + " and " + secret +
-                               ": see that the directory is there and may be written");
+                               ": check that the directory exists and is writable");
   }
   return kDone;
 }

@@ -46,7 +46,7 @@ std::vector<std::string> FilesInRunDirectory() {
   // The first endpoint makes the directory.
   if (error && error != std::errc::no_such_file_or_directory) {
     throw Failure(kFailed, std::string("cannot read ") + kRunDirectory + ": " + error.message() +
-                               ": have the administrator open it for you");
+                               ": ask the administrator for access");
   }
   std::sort(names.begin(), names.end());
   return names;
@@ -107,7 +107,7 @@ std::string Table(const Endpoints& endpoints) {
   return table;
 }
 
-// One object a line. Bytes of a name that are not UTF-8 are replaced.
+// One object per line. Bytes of a name that are not UTF-8 are replaced.
 std::string JsonLines(const Endpoints& endpoints) {
   using Json = nlohmann::ordered_json;
   std::string lines;
@@ -144,7 +144,7 @@ std::string OnScreen(const std::string& table) {
 Exit Watch() {
   constexpr int kRefresh = 500;  // milliseconds
   if (::isatty(STDOUT_FILENO) != 1) {
-    throw Failure(kUsage, "--watch shows the list on a terminal: leave it out, or use --json");
+    throw Failure(kUsage, "--watch needs a terminal: leave it out, or use --json");
   }
   Patience patience(std::nullopt);
   patience.WatchOutput(STDOUT_FILENO);

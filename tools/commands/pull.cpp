@@ -11,12 +11,12 @@
 namespace jpipe {
 namespace {
 
-// Writes one message. Says so when it is lost, for whatever reason.
+// Writes one message. If it is lost, for any reason, says so.
 Outcome Show(const std::string& shown, Patience& patience) {
   try {
     const Outcome outcome = WriteOut(shown, patience);
     if (outcome != Outcome::kReady) {
-      Note("1 message that was taken could not be written to standard output and is lost");
+      Note("1 message was taken, could not be written to standard output, and is lost");
     }
     return outcome;
   } catch (const Failure& failure) {

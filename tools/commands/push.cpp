@@ -9,10 +9,10 @@
 namespace jpipe {
 namespace {
 
-// A line that is cut into frames may be longer than a message by its separators.
+// With its separators, a line that is cut into frames may be longer than a message.
 constexpr std::size_t kLongestLine = std::size_t{4} * JACTOR_MAX_SIZE;
 
-// Sends messages, and remembers what there is to say about them.
+// Sends messages, and reports on them.
 class Pusher {
  public:
   explicit Pusher(const Options& options)
@@ -28,7 +28,7 @@ class Pusher {
   Outcome Send(const Content& content) {
     if (content.frames.size() > 1 && content.frames.back().empty() && !warned_) {
       warned_ = true;
-      Note("an empty frame at the end of a message arrives as a message of its own");
+      Note("an empty frame at the end of a message arrives as a separate message");
     }
     const Outcome outcome = sock_.Put(content);
     if (outcome == Outcome::kReady) {
@@ -36,14 +36,14 @@ class Pusher {
     } else {
       Note((outcome == Outcome::kFull ? sock_.endpoint() + " is full" : "stopped") +
            ": a message of " + Counted(content.Bytes(), "byte") +
-           ", and what follows it, was not sent; sent before: " + progress_.Counts());
+           " and what follows it were not sent; sent so far: " + progress_.Counts());
     }
     return outcome;
   }
 
   bool Enough() const { return options_.count && progress_.messages() >= *options_.count; }
 
-  // The end of the command, after the last message or what came instead of it.
+  // Ends the command, after the last message or whatever came instead of it.
   Exit Leave(Outcome outcome) {
     if (outcome != Outcome::kReady) {
       sock_.Leave();
@@ -116,7 +116,8 @@ int Push(const Options& options) {
   MarkAsLeaving();
   const bool words = options.operands.size() > 1;
   if (words && (options.file || options.frames || options.count)) {
-    throw Failure(kUsage, "FRAME words make one message: leave out --file, --frames and --count");
+    throw Failure(kUsage,
+                  "FRAME operands make one message: leave out --file, --frames and --count");
   }
   InputReader input(options.file.value_or("-"));
   Pusher pusher(options);
@@ -126,7 +127,7 @@ int Push(const Options& options) {
                         : options.file ? PushFile(input, pusher)
                                        : PushLines(options, input, pusher));
   } catch (const Failure& failure) {
-    // What was sent before is not lost with the bad input.
+    // Bad input does not lose what was sent before it.
     Note(failure.what());
     pusher.Leave(Outcome::kReady);
     return failure.code();

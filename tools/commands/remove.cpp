@@ -1,4 +1,4 @@
-// remove.cpp - jpipe remove: takes an endpoint's FIFO away.
+// remove.cpp - jpipe remove: removes an endpoint's FIFO.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,7 +15,7 @@
 namespace jpipe {
 namespace {
 
-// Who has the FIFO open, in words; empty when surely nobody has.
+// Who has the FIFO open, in words; empty when it is certain that nobody has.
 std::string WhoHasItOpen(const FileId& file, const Descriptor& look) {
   const Holders holders = FindHolders();
   if (const auto found = holders.by_file.find(file); found != holders.by_file.end()) {
@@ -45,18 +45,19 @@ int Remove(const Options& options) {
   }
   const std::string who = WhoHasItOpen({status.st_dev, status.st_ino}, look);
   if (!who.empty() && !options.force) {
-    throw Failure(kFailed, problem + "it is " + who + " (--force removes it all the same)");
+    throw Failure(kFailed, problem + "it is " + who + " (--force removes it anyway)");
   }
   if (::unlink(fifo.c_str()) != 0) {
     throw Failure(kFailed, problem + fifo + ": " + std::strerror(errno));
   }
   if (!who.empty()) {
-    Note(endpoint + " was " + who + ": who has the old one open does not meet who opens it anew");
+    Note(endpoint + " was " + who +
+         ": processes that have the old FIFO open do not reach those that open the new one");
   }
   Patience patience(std::nullopt);
   return Print(endpoint + ": removed, " +
                (look ? DrainAll(look.get(), BytesWaiting(look.get()), nullptr, patience).Told()
-                     : "with what lay in it, which this user may not read") +
+                     : "with its contents, which this user may not read") +
                "\n");
 }
 
