@@ -3,8 +3,6 @@
 
 #include <pthread.h>
 
-#include <cerrno>
-
 #include "jcxxmsg.h"
 #include "support.h"
 
@@ -14,40 +12,19 @@ using namespace support;
 
 using ActorTest = support::Test;
 
-// Says something before it is ready, then sends back what it gets until the end.
-void Echo(j_sock_t* sock, void* stopped) {
+// Says something before it is ready, and waits for the end.
+void WaitsForItsEnd(j_sock_t* sock, void* stopped) {
   JCXXMsg* msg = j_msg_new();
   EXPECT_EQ(j_msg_send(&msg, sock), 0);
   EXPECT_EQ(j_sock_signal(sock, 64), 0);
-  while ((msg = j_msg_recv(sock)) != nullptr) {
-    EXPECT_EQ(j_msg_send(&msg, sock), 0);
-  }
+  EXPECT_EQ(j_msg_recv(sock), nullptr);
   ++*static_cast<std::atomic<int>*>(stopped);
-}
-
-TEST_F(ActorTest, AnActorAnswersUntilItIsDestroyed) {
-  std::atomic<int> stopped{0};
-  JCXXActor* actor = j_actor_new(Echo, &stopped);
-  EXPECT_EQ(j_sock_signal(actor, 255), 0);
-  EXPECT_EQ(j_sock_wait(actor, -1), 1);
-  EXPECT_EQ(j_msg_signal(std::unique_ptr<JCXXMsg>(j_msg_recv(actor)).get()), 255);
-  j_actor_destroy(&actor);
-  EXPECT_EQ(stopped, 1);
-  EXPECT_EQ(Log(), "irv=-1") << "the end of the actor's stream";
-}
-
-TEST_F(ActorTest, AFailedStartIsALine) {
-  for (const Call call : {Call::kPipe, Call::kPthreadCreate}) {
-    const Script script(call, {Fail(EAGAIN)});
-    EXPECT_EQ(j_actor_new(Echo, nullptr), nullptr);
-  }
-  EXPECT_EQ(Log(), "std::bad_alloc; Resource temporarily unavailable");
 }
 
 // Both ends are lent, and whoever borrows one must not destroy it.
 TEST_F(ActorTest, ASockThatTheBorrowerDestroyedIsALine) {
   std::atomic<int> stopped{0};
-  JCXXActor* actor = j_actor_new(Echo, &stopped);
+  JCXXActor* actor = j_actor_new(WaitsForItsEnd, &stopped);
   JCXXSock* callers_end = j_actor_sock(actor);
   j_sock_destroy(&callers_end);
   j_actor_destroy(&actor);
@@ -82,7 +59,7 @@ TEST_F(ActorTest, AFunctionThatReturnsBeforeItsSignalIsALine) {
 
 TEST_F(ActorTest, DestroyingIsNoCancellationPoint) {
   std::atomic<int> stopped{0};
-  JCXXActor* actor = j_actor_new(Echo, &stopped);
+  JCXXActor* actor = j_actor_new(WaitsForItsEnd, &stopped);
   const UniqueEndpoint endpoint;
   JCXXSock* sock = j_pipe_new_pull(endpoint.name.c_str());
   std::thread([&] {
@@ -92,6 +69,7 @@ TEST_F(ActorTest, DestroyingIsNoCancellationPoint) {
     ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   }).join();
   EXPECT_EQ(stopped, 1);
+  EXPECT_EQ(Log(), "irv=-1") << "the end of the actor's stream";
 }
 
 TEST_F(ActorTest, AThreadThatCannotBeJoinedIsLeftAlone) {

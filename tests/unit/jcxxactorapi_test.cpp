@@ -160,15 +160,4 @@ TEST_F(ApiTest, ACopyIsAnEmptyObjectOfItsOwn) {
   EXPECT_EQ(LinesOfCopying<JCXXMsg>(), "JCXXMsg pointer already exists");
 }
 
-TEST_F(ApiTest, AnExceptionBecomesALineOfTheCallsLevel) {
-  Feed("\x81");
-  {
-    const Script script({Call::kNew}, {}, Fail(ENOMEM), true);
-    EXPECT_EQ(j_msg_new(), nullptr);
-    EXPECT_EQ(j_msg_recv(b.get()), nullptr);
-  }
-  EXPECT_EQ(Log(), "std::bad_alloc; std::bad_alloc");
-  EXPECT_EQ(Log(1, "j_msg_recv"), "std::bad_alloc");
-}
-
 }  // namespace

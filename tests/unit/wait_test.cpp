@@ -64,27 +64,28 @@ TEST_F(WaitTest, WhatWasReadAheadGivesWayToTheRest) {
   EXPECT_EQ(Receive(), 5U);
 }
 
-TEST_F(WaitTest, AReadThatIsInterruptedIsRepeated) {
-  Feed("\5he");
-  const Script reads(Call::kRead, {Fail(EINTR), Fail(EAGAIN)});
-  EXPECT_EQ(Wait(), 0);
-  EXPECT_EQ(reads.count(), 3U);
-}
-
-TEST_F(WaitTest, AReadThatFailsIsLeftToTheReceive) {
-  Feed("\5hello");
-  const Script reads(Call::kRead, {Fail(EIO), Return(0)});
-  EXPECT_EQ(Wait(), 1);
-  EXPECT_EQ(Wait(), 1);
-  EXPECT_EQ(Receive(), 5U);
-}
-
-TEST_F(WaitTest, AnInterruptedWaitEnds) {
-  for (const char* bytes : {"", "\5he"}) {
-    Feed(bytes);
-    const Script waits(Call::kPoll, {Fail(EINTR)});
-    EXPECT_EQ(Wait(-1), -1);
-    EXPECT_EQ(errno, EINTR);
+// What one call that fails makes of a wait. Nothing is lost.
+TEST_F(WaitTest, AFailedCallIsRepeatedOrToldOrLeftToTheReceive) {
+  const struct {
+    Call call;
+    Step step;
+    int result, error;
+  } kFaults[] = {
+      {Call::kNew, Fail(ENOMEM), -1, ENOMEM}, {Call::kRead, Fail(EINTR), 0, 0},
+      {Call::kRead, Fail(EAGAIN), 0, 0},      {Call::kRead, Fail(EIO), 1, 0},
+      {Call::kRead, Return(0), 1, 0},         {Call::kPoll, Fail(EINTR), -1, EINTR},
+  };
+  for (const auto& fault : kFaults) {
+    SCOPED_TRACE(&fault - kFaults);
+    Feed("\5he");
+    {
+      const Script script(fault.call, {fault.step});
+      errno = 0;
+      EXPECT_EQ(Wait(), fault.result);
+      EXPECT_EQ(errno, fault.error);
+    }
+    Feed("llo");
+    EXPECT_EQ(Receive(), 5U);
   }
 }
 
@@ -144,18 +145,6 @@ TEST_F(WaitTest, TheTimeIsNeverUpEarly) {
     EXPECT_EQ(Wait(limit), 0);
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(limit));
   }
-}
-
-TEST_F(WaitTest, WithoutMemoryNothingIsLost) {
-  Feed("\5he");
-  {
-    const Script script({Call::kNew}, {}, Fail(ENOMEM), true);
-    EXPECT_EQ(Wait(), -1);
-    EXPECT_EQ(errno, ENOMEM);
-  }
-  Feed("llo");
-  EXPECT_EQ(Wait(), 1);
-  EXPECT_EQ(Receive(), 5U);
 }
 
 }  // namespace
