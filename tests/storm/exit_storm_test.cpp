@@ -1,14 +1,9 @@
 // exit_storm_test.cpp - processes that fork while their threads use the library, and
 // that end at bad moments.
-//
-// Each case runs in a child process, which is killed after a while if it hangs.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -17,8 +12,10 @@
 
 #include "jactor.hpp"
 #include "jcxxactorapi.h"
+#include "jcxxmsg.h"
 #include "jcxxsock.h"
 #include "jlog.h"
+#include "storm/storm.h"
 #include "wrapper/common.h"
 
 namespace {
@@ -31,7 +28,8 @@ extern "C" void jlog_printf(int level, int, const char*, ...) {
   }
 }
 
-// A child has none of the threads that hold what the parent allocated.
+// What still lives at exit is left alone by design, and a child has none of the threads
+// that hold what the parent allocated.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
   return "detect_leaks=0";
 }
@@ -42,9 +40,8 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_opt
 namespace {
 
 using namespace jactor;
-using wrapper::Echo;
-
-constexpr unsigned kHangs = 30;  // seconds after which a child is killed
+using storm::Child;
+using storm::Outcome;
 
 // How many times a storm does it, a sanitizer's slower program fewer times;
 // JACTOR_STORM_EXITS says otherwise.
@@ -56,23 +53,12 @@ int Rounds(int usual) {
   return asked != nullptr ? std::atoi(asked) : usual;
 }
 
-// Runs `body` in a child process that ends with exit(0) after it.
-template <class Body>
-pid_t Child(Body body) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::alarm(kHangs);
-    body();
-    std::exit(0);
+// For a child that has nobody to tell a test's failure to.
+void Require(bool holds, int line = __builtin_LINE()) {
+  if (!holds) {
+    std::fprintf(stderr, "line %d: the condition does not hold\n", line);
+    std::_Exit(1);
   }
-  return pid;
-}
-
-// How a child ends: its exit code, or minus the signal that killed it.
-int Outcome(pid_t pid) {
-  int status = 0;
-  EXPECT_EQ(::waitpid(pid, &status, 0), pid);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 // A pair of socks, and a message over it.
@@ -90,29 +76,22 @@ struct Pair {
   std::unique_ptr<JCXXSock> b;
 };
 
-[[noreturn]] void ExchangeForEver() {
-  for (const Pair pair;;) {
-    pair.Exchange();
+void ExchangeForEver() {
+  try {
+    for (const Pair pair;;) {
+      pair.Exchange();
+    }
+  } catch (const error&) {  // refused at the end of the process
+    ::pause();
   }
-}
-
-// An endpoint, until its FIFO is removed again. Result: whether it could be opened.
-bool OpenEndpoint(const std::string& name) {
-  JCXXSock* sock = j_pipe_new_pull(("ipc://" + name).c_str());
-  const bool opened = sock != nullptr;
-  j_sock_destroy(&sock);
-  std::filesystem::remove("/var/run/jactor/Jipc_" + name);
-  return opened;
 }
 
 // Lives longer than the library's own end, since it was made before its first use.
 struct Late {
-  void (*at_the_end)() = nullptr;
-  ~Late() {
-    if (at_the_end != nullptr) {
-      at_the_end();
-    }
-  }
+  void (*at_the_end)() = [] {};
+  std::unique_ptr<JCXXMsg> msg = {};
+  JCXXActor* echo = nullptr;
+  ~Late() { at_the_end(); }
 };
 Late late;
 
@@ -131,26 +110,18 @@ void TerminateAtWork(bool second_thread) {
     sigaddset(&term, SIGTERM);
     ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
     if (second_thread) {
-      std::thread([] {
-        try {
-          ExchangeForEver();
-        } catch (const error&) {  // refused at the end of the process
-          ::pause();
-        }
-      }).detach();
+      std::thread(ExchangeForEver).detach();
     }
-    const Pair pair;
-    pair.Exchange();
+    Pair().Exchange();
     ::pthread_sigmask(SIG_UNBLOCK, &term, nullptr);
-    EXPECT_EQ(::write(ready[1], "x", 1), 1);
+    Require(::write(ready[1], "x", 1) == 1);
     ExchangeForEver();
   });
   char byte = 0;
   EXPECT_EQ(::read(ready[0], &byte, 1), 1);
   for (std::atomic<int> moment{std::rand() % 100000}; --moment > 0;) {
   }
-  ::kill(pid, SIGTERM);
-  ASSERT_EQ(Outcome(pid), 0) << (second_thread ? "beside a busy thread" : "alone");
+  ASSERT_EQ(Outcome(pid, SIGTERM), 0) << (second_thread ? "beside a busy thread" : "alone");
 }
 
 TEST(ExitStorm, ASignalHandlerMayExitWhereverItInterruptsTheLibrary) {
@@ -160,29 +131,21 @@ TEST(ExitStorm, ASignalHandlerMayExitWhereverItInterruptsTheLibrary) {
   }
 }
 
-// How the endpoints of this run begin: the processes end in the middle of their work.
-const std::string names = "exit-storm-" + std::to_string(::getpid()) + "-";
-
-void RemoveFifos() {
-  for (const auto& entry : std::filesystem::directory_iterator("/var/run/jactor")) {
-    if (entry.path().filename().string().rfind("Jipc_" + names, 0) == 0) {
-      std::filesystem::remove(entry.path());
-    }
-  }
+// Opens an endpoint, and removes its FIFO again.
+void OpenEndpoint(const std::string& number) {
+  const std::string name = "exit-storm-" + number;
+  Sock::pull("ipc://" + name);
+  std::filesystem::remove("/var/run/jactor/Jipc_" + name);
 }
 
-// What a child of a parent with busy threads may do: use objects of its own. What fails
-// is thrown, and ends it.
+// What a child of a parent with busy threads may do: use objects of its own.
 void UseEverything() {
-  const bool opened = OpenEndpoint(names + std::to_string(::getpid()));
+  OpenEndpoint(std::to_string(::getpid()));
   Pair().Exchange();
-  const Actor actor(Echo);
+  const Actor actor(wrapper::Echo);
   actor.send(Message{"child"});
   actor.receive().value();
-  const mode_t umask_left = ::umask(022);
-  if (!opened || umask_left == 0) {
-    std::_Exit(opened ? 2 : 1);
-  }
+  Require(::umask(022) == 022);
 }
 
 // The parent's threads exchange messages, start actors and open endpoints meanwhile.
@@ -190,59 +153,76 @@ TEST(ExitStorm, AForkedChildUsesTheLibraryWhateverTheParentsThreadsHeld) {
 #if defined(JACTOR_SANITIZED) || defined(JACTOR_EMULATED)
   GTEST_SKIP() << "a sanitizer's, or an emulator's, own locks may be held in the child";
 #endif
-  ::umask(022);
   const pid_t parent = Child([] {
+    ::umask(022);
+    std::vector<std::jthread> busy;
+    const auto keep_busy = [&](auto work) {
+      busy.emplace_back([=](std::stop_token stop) {
+        while (!stop.stop_requested()) {
+          work();
+        }
+      });
+    };
     for (int n = 0; n < 2; ++n) {
-      std::thread(ExchangeForEver).detach();
-      std::thread([] {
-        for (;;) {
-          Actor{Echo};
-        }
-      }).detach();
-      std::thread([n] {
-        for (;;) {
-          OpenEndpoint(names + std::to_string(n));
-        }
-      }).detach();
+      keep_busy([] { Pair().Exchange(); });
+      keep_busy([] { Actor{wrapper::Echo}; });
+      keep_busy(
+          [name = std::to_string(::getpid()) + "-" + std::to_string(n)] { OpenEndpoint(name); });
     }
     for (int round = Rounds(150); round > 0; --round) {
-      const int outcome = Outcome(Child(UseEverything));
-      if (outcome != 0) {
-        std::fprintf(stderr, "a child ended with %d\n", outcome);
-        std::_Exit(3);
-      }
+      Require(Outcome(Child(UseEverything)) == 0);
     }
-    std::_Exit(0);
   });
   EXPECT_EQ(Outcome(parent), 0);
-  RemoveFifos();
 }
 
-std::size_t Entries(const char* folder) {
-  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+// Sends back what comes, until it is asked to stop.
+std::atomic<bool> echo_stopped{false};
+void Echo(j_sock_t* sock, void*) {
+  j_sock_signal(sock, 0);
+  while (const std::unique_ptr<JCXXMsg> msg{j_msg_recv(sock)}) {
+    msg->WriteMessage(sock);
+  }
+  echo_stopped = true;
 }
 
-TEST(ExitStorm, NothingIsStartedOnceTheProcessEnds) {
-  const pid_t pid = Child([] {
-    Pair().Exchange();
-    late.at_the_end = [] {
-      const std::size_t before = Entries("/proc/self/task") + Entries("/proc/self/fd");
-      errors_logged = 0;
-      if (j_actor_new([](j_sock_t*, void*) {}, nullptr) != nullptr || errno != ECANCELED ||
-          errors_logged != 1) {
-        std::_Exit(1);
+std::ptrdiff_t ThreadsAndDescriptors() {
+  using std::filesystem::directory_iterator;
+  return std::distance(directory_iterator("/proc/self/task"), {}) +
+         std::distance(directory_iterator("/proc/self/fd"), {});
+}
+
+// Nothing is started any more, in a line each; what lives can be used and released.
+void UseWhatLives() {
+  const std::ptrdiff_t before = ThreadsAndDescriptors();
+  errors_logged = 0;
+  Require(j_actor_new(Echo, nullptr) == nullptr && errno == ECANCELED && errors_logged == 1);
+  Require(j_pipe_new_pull("ipc://exit-storm") == nullptr && errno == ECANCELED);
+  Require(errors_logged == 2 && ThreadsAndDescriptors() == before);
+  Require(j_msg_addstr(late.msg.get(), "late") == 0);
+  Require(late.msg->WriteMessage(j_actor_sock(late.echo)) == 0);
+  Require(std::unique_ptr<JCXXMsg>(j_msg_recv(late.echo)) != nullptr);
+  j_actor_destroy(&late.echo);
+  Require(echo_stopped);
+}
+
+TEST(ExitStorm, TheProcessExitsWhileActorsRunAndStaticObjectsHoldHandles) {
+  for (int round = Rounds(8); round > 0; --round) {
+    const pid_t pid = Child([] {
+      late.msg.reset(j_msg_new());
+      late.echo = j_actor_new(Echo, nullptr);
+      late.at_the_end = UseWhatLives;
+      static const JCXXMsg early;
+      for (int n = 0; n < 3; ++n) {
+        new Actor([](SockRef sock) {
+          sock.ready();
+          ExchangeForEver();
+        });
       }
-      errno = 0;
-      if (j_pipe_new_pull("ipc://exit-storm") != nullptr || errno != ECANCELED ||
-          errors_logged != 2) {
-        std::_Exit(2);
-      }
-      if (Entries("/proc/self/task") + Entries("/proc/self/fd") != before) {
-        std::_Exit(3);
-      }
-    };
-  });
-  EXPECT_EQ(Outcome(pid), 0);
+      std::exit(0);
+    });
+    ASSERT_EQ(Outcome(pid), 0);
+  }
 }
 
 }  // namespace

@@ -1,32 +1,21 @@
-// thread_storm_test.cpp - many threads at once, and the end of the process in the
-// middle of it. Made for ThreadSanitizer, and run without it too.
+// thread_storm_test.cpp - many threads at once. Made for ThreadSanitizer, and run without
+// it too.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <barrier>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "jactor.hpp"
-#include "jcxxactor.h"
 #include "jcxxactorapi.h"
-#include "jcxxframe.h"
 #include "jcxxmsg.h"
 #include "jcxxsock.h"
 #include "jlog.h"
 #include "wrapper/common.h"
 
 extern "C" void jlog_printf(int, int, const char*, ...) {}
-
-// What still lives at exit is left alone by design.
-extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
-  return "detect_leaks=0";
-}
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
-  return "report_thread_leaks=0";
-}
 
 namespace {
 
@@ -96,69 +85,6 @@ TEST(ThreadStorm, TheRegistryFromEightThreads) {
     EXPECT_FALSE(api->JCXXMsgPtrIsValid(msg));
   }
   EXPECT_EQ(Registered(), 1U);
-}
-
-void UseTheLibrary() {
-  JCXXMsg* msg = j_msg_new();
-  SockFromPipes sock;
-  j_msg_addstr(msg, "late");
-  j_msg_send(&msg, &sock);
-  delete j_msg_pop(msg);
-  j_msg_destroy(&msg);
-}
-
-void NeverIdle(j_sock_t* sock, void*) {
-  j_sock_signal(sock, 0);
-  for (;;) {
-    UseTheLibrary();
-  }
-}
-
-// Until it is asked to stop, which it must have been by the process's end.
-void Echo(j_sock_t* sock, void* stopped) {
-  j_sock_signal(sock, 0);
-  while (const std::unique_ptr<JCXXMsg> msg{j_msg_recv(sock)}) {
-    msg->WriteMessage(sock);
-  }
-  *static_cast<std::atomic<bool>*>(stopped) = true;
-}
-std::atomic<bool> echo_stopped{false};
-
-// Made before the library's first use, and so destroyed after its own end, with what
-// it holds.
-struct Early {
-  std::unique_ptr<JCXXMsg> msg;
-  std::unique_ptr<JCXXActor> ended;
-  JCXXActor* echo = nullptr;
-  ~Early() {
-    const bool sent =
-        j_msg_addstr(msg.get(), "late") == 0 && msg->WriteMessage(j_actor_sock(echo)) == 0;
-    const bool answered = sent && std::unique_ptr<JCXXMsg>(j_msg_recv(echo)) != nullptr;
-    j_actor_destroy(&echo);
-    if (!answered || !echo_stopped) {
-      std::_Exit(3);
-    }
-    UseTheLibrary();
-  }
-};
-
-[[noreturn]] void ExitWithLiveObjects() {
-  static Early early;
-  early.msg.reset(j_msg_new());
-  early.ended.reset(j_actor_new([](j_sock_t* sock, void*) { j_sock_signal(sock, 0); }, nullptr));
-  static const JCXXMsg late;
-  early.echo = j_actor_new(Echo, &echo_stopped);
-  for (int i = 0; i < 3; ++i) {
-    j_actor_new(NeverIdle, nullptr);
-  }
-  std::exit(0);
-}
-
-// Of a name that has it run before the others, in one process with them.
-TEST(ThreadStormDeathTest, TheProcessExitsWhileActorsRunAndStaticObjectsHoldHandles) {
-  for (int round = 0; round < 5; ++round) {
-    EXPECT_EXIT(ExitWithLiveObjects(), ::testing::ExitedWithCode(0), "");
-  }
 }
 
 }  // namespace
