@@ -116,7 +116,7 @@ Network::Network(const Options& options, const std::string& address, Link usual,
   zsys_set_logstream(stderr);
   socket_ = zsock_new(binds_ ? ZMQ_ROUTER : ZMQ_DEALER);
   monitor_ = zsock_new(ZMQ_PAIR);
-  if (socket_ == nullptr || monitor_ == nullptr || epoll_ < 0 || timer_ < 0) {
+  if (socket_ == nullptr || monitor_ == nullptr || !epoll_ || !timer_) {
     throw Failure(kFailed, std::string("cannot make a ZeroMQ socket: ") + std::strerror(errno));
   }
   Open(options);
@@ -127,8 +127,6 @@ Network::~Network() {
   zsock_destroy(&socket_);
   zsock_destroy(&monitor_);
   zactor_destroy(&authenticator_);
-  ::close(timer_);
-  ::close(epoll_);
 }
 
 void Network::Open(const Options& options) {
@@ -151,7 +149,7 @@ void Network::Open(const Options& options) {
   zsock_connect(monitor_, "%s", kMonitorAddress);
   Watch(zsock_fd(socket_), EPOLLIN);
   Watch(zsock_fd(monitor_), EPOLLIN);
-  Watch(timer_, EPOLLIN);
+  Watch(timer_.get(), EPOLLIN);
 }
 
 void Network::LinkTo(const std::string& address) {
@@ -172,7 +170,7 @@ void Network::Watch(int fd, std::uint32_t events) const {
   epoll_event event = {};
   event.events = events;
   event.data.fd = fd;
-  ::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
 }
 
 void Network::SayOnce(const std::string& text) {
@@ -193,7 +191,7 @@ void Network::SetTimer() {
     when.it_value.tv_sec = nanoseconds / 1'000'000'000;
     when.it_value.tv_nsec = nanoseconds % 1'000'000'000;
   }
-  ::timerfd_settime(timer_, 0, &when, nullptr);
+  ::timerfd_settime(timer_.get(), 0, &when, nullptr);
 }
 
 void Network::ServeTimer() {
@@ -340,10 +338,10 @@ void Network::CheckBytes(Connection& connection) {
 // Whether something has arrived on a connection: then its bytes are checked.
 bool Network::CheckArrivals() {
   epoll_event ready[16];
-  const int count = ::epoll_wait(epoll_, ready, 16, 0);
+  const int count = ::epoll_wait(epoll_.get(), ready, 16, 0);
   bool any = false;
   for (int k = 0; k < count; ++k) {
-    if (ready[k].data.fd == timer_) {
+    if (ready[k].data.fd == timer_.get()) {
       ServeTimer();
     } else if (const auto found = connections_.find(ready[k].data.fd);
                found != connections_.end()) {

@@ -22,6 +22,7 @@
 #include <string_view>
 #include <vector>
 
+#include "descriptor.h"
 #include "options.h"
 
 namespace jpipe {
@@ -59,7 +60,7 @@ class Network {
   bool binds() const { return binds_; }
 
   // Readable when Serve has something to do.
-  int fd() const { return epoll_; }
+  int fd() const { return epoll_.get(); }
 
   // Reports what has happened. Result: whether anything has.
   bool Serve();
@@ -131,8 +132,8 @@ class Network {
   zactor_t* authenticator_ = nullptr;
   zsock_t* socket_ = nullptr;
   zsock_t* monitor_ = nullptr;
-  int epoll_;
-  int timer_;
+  const Descriptor epoll_;
+  const Descriptor timer_;
   std::string linked_;  // the address in use
   std::size_t most_connections_ = 1;
   const Limits limits_;
