@@ -11,7 +11,8 @@
 namespace {
 
 bool loop_refuses = false;
-void* record = nullptr;  // of the last registration
+zloop_fn* callback = nullptr;  // of the last registration, and what it is called with
+void* record = nullptr;
 
 }  // namespace
 
@@ -20,6 +21,7 @@ extern "C" __attribute__((visibility("default"))) int zloop_poller(zloop_t* loop
                                                                    zloop_fn handler, void* arg) {
   static const auto real =
       reinterpret_cast<decltype(&::zloop_poller)>(::dlsym(RTLD_NEXT, "zloop_poller"));
+  callback = handler;
   record = arg;
   return loop_refuses ? 5 : real(loop, item, handler, arg);
 }
@@ -68,11 +70,22 @@ TEST_F(BridgeTest, ARefusedRegistrationLeavesNothing) {
   JCXXSock plain;
   EXPECT_EQ(Register(&plain), -1);
   EXPECT_EQ(errno, EBADF);
+  hybrid_zloop_reader_end(loop, &plain);
   loop_refuses = true;
   EXPECT_EQ(Register(a.get()), -1);
   EXPECT_EQ(errno, ENOMEM);
   loop_refuses = false;
   EXPECT_EQ(Log(), "");
+}
+
+TEST_F(BridgeTest, AnEventWithoutItsLoopItemOrRecordIsRefused) {
+  zmq_pollitem_t item = {};
+  EXPECT_EQ(Register(b.get()), 0);
+  EXPECT_EQ(callback(nullptr, &item, record), -1);
+  EXPECT_EQ(callback(loop, nullptr, record), -1);
+  EXPECT_EQ(callback(loop, &item, nullptr), -1);
+  EXPECT_TRUE(handled.empty());
+  hybrid_zloop_reader_end(loop, b.get());
 }
 
 // The loop has the sock by then, and keeps its record.

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 #include "jcxxmsg.h"
 #include "jcxxsock.h"
@@ -33,10 +34,7 @@ void MakeFile(const std::string& path) {
 void MakeFifo(const std::string& path) { EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0); }
 
 TEST_F(EndpointTest, ARefusedNameTouchesNoFile) {
-  const struct {
-    const char *name, *log;
-    int error;
-  } kNames[] = {
+  const std::tuple<const char*, const char*, int> kNames[] = {
       {"", "endpoint name too short", EINVAL},
       {"ipc://a,ipc://b", "multiple endpoint names not supported", EINVAL},
       {"abcd", "endpoint name too short", EINVAL},
@@ -49,11 +47,11 @@ TEST_F(EndpointTest, ARefusedNameTouchesNoFile) {
       {">epgm://x", "epgm not supported", EPROTONOSUPPORT},
   };
   const Script script({Call::kStat, Call::kMkdir, Call::kOpen});
-  for (const auto& row : kNames) {
+  for (const auto& [name, log, error] : kNames) {
     ClearLog();
-    EXPECT_EQ(j_pipe_new_pull(row.name), nullptr);
-    EXPECT_EQ(errno, row.error) << row.name;
-    EXPECT_EQ(Log(), row.log);
+    EXPECT_EQ(j_pipe_new_pull(name), nullptr);
+    EXPECT_EQ(errno, error) << name;
+    EXPECT_EQ(Log(), log);
   }
   EXPECT_EQ(script.count(), 0U);
   EXPECT_EQ(SockFromNamedEndpoint::SplitAtCommas(",a,,b,"),
@@ -62,24 +60,20 @@ TEST_F(EndpointTest, ARefusedNameTouchesNoFile) {
 
 // The prefix and the direction choose a line, and nothing else.
 TEST_F(EndpointTest, AnAcceptedNameIsAFileInTheRunDirectory) {
-  const struct {
-    const char* name;
-    bool pull;
-    const char *file, *line;
-  } kNames[] = {
-      {"@ipc://a/b", true, "Jipc_a_b", "pull sock and specified pull with @"},
-      {">ipc://a_b", true, "Jipc_a_b", "pull sock but specified push with >"},
-      {"@inproc://a\\b", false, "Jinproc_a_b", "push sock but specified pull with @"},
-      {">ipc://a://b", false, "Jipc_a:__b", "push sock and specified push with >"},
-      {"inproc://x", true, "Jinproc_x", "fifopath=[/var/run/jactor/Jinproc_x]"},
+  using Open = JCXXSock* (*)(const char*);
+  const std::tuple<Open, const char*, const char*, const char*> kNames[] = {
+      {j_pipe_new_pull, "@ipc://a/b", "Jipc_a_b", "pull sock and specified pull with @"},
+      {j_pipe_new_pull, ">ipc://a_b", "Jipc_a_b", "pull sock but specified push with >"},
+      {j_pipe_new_push, "@inproc://a\\b", "Jinproc_a_b", "push sock but specified pull with @"},
+      {j_pipe_new_push, ">ipc://a://b", "Jipc_a:__b", "push sock and specified push with >"},
+      {j_pipe_new_pull, "inproc://x", "Jinproc_x", "fifopath=[/var/run/jactor/Jinproc_x]"},
   };
-  for (const auto& row : kNames) {
+  for (const auto& [open, name, file, line] : kNames) {
     ClearLog();
     fs::remove_all(dir);
-    const Owned sock(row.pull ? j_pipe_new_pull(row.name) : j_pipe_new_push(row.name));
-    EXPECT_NE(sock, nullptr);
-    EXPECT_NE(Log(kAll).find(row.line), std::string::npos) << row.name;
-    EXPECT_EQ(fs::status(run.path(row.file)).permissions(), fs::perms(0666));
+    EXPECT_NE(Owned(open(name)), nullptr);
+    EXPECT_NE(Log(kAll).find(line), std::string::npos) << name;
+    EXPECT_EQ(fs::status(run.path(file)).permissions(), fs::perms(0666));
     EXPECT_EQ(fs::status(dir).permissions(), fs::perms(02777));
   }
 }
@@ -97,12 +91,7 @@ TEST_F(EndpointTest, WhatExistsKeepsItsPermissions) {
 // The reason, or 0 where the endpoint opens, the error lines, what the first call that
 // changes something does, and what has happened to a run directory with the FIFO y in it.
 TEST_F(EndpointTest, ObstaclesAreReplacedOrRefused) {
-  const struct {
-    int error;
-    const char* log;
-    Step step;
-    std::function<void()> prepare;
-  } kObstacles[] = {
+  const std::tuple<int, const char*, Step, std::function<void()>> kObstacles[] = {
       {0, "tmpdir exists but is not a directory.", Pass(), [&] { MakeFile(dir); }},
       {0, "fifopath exists but is not a fifo.", Pass(), [&] { MakeFile(fifo); }},
       {0, "fifopath exists but is not a fifo.", Pass(), [&] { fs::create_directory(fifo); }},
@@ -119,19 +108,19 @@ TEST_F(EndpointTest, ObstaclesAreReplacedOrRefused) {
       {EEXIST, "tmpdir exists but is not a directory.; unable to remove non-directory tmpdir",
        Fail(ENOENT), [&] { MakeFile(dir); }},
   };
-  for (const auto& obstacle : kObstacles) {
-    SCOPED_TRACE(obstacle.log);
+  for (const auto& [error, log, step, prepare] : kObstacles) {
+    SCOPED_TRACE(log);
     fs::remove_all(dir);
     fs::create_directory(dir);
     MakeFifo(dir + "/y");
-    obstacle.prepare();
+    prepare();
     ClearLog();
-    const Script script({Call::kOpen, Call::kMkdir, Call::kMkfifo, Call::kRemove}, {obstacle.step});
+    const Script script({Call::kOpen, Call::kMkdir, Call::kMkfifo, Call::kRemove}, {step});
     errno = 0;
     const Owned sock(j_pipe_new_pull("ipc://x"));
-    EXPECT_EQ(errno, obstacle.error);
-    EXPECT_EQ(sock != nullptr, obstacle.error == 0);
-    EXPECT_EQ(Log(), obstacle.log);
+    EXPECT_EQ(errno, error);
+    EXPECT_EQ(sock != nullptr, error == 0);
+    EXPECT_EQ(Log(), log);
     EXPECT_TRUE(!sock || fs::symlink_status(fifo).type() == fs::file_type::fifo);
   }
 }

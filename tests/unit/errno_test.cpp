@@ -63,13 +63,7 @@ TEST_F(ErrnoTest, ACallThatFailsSaysWhyInALine) {
   const auto receive = [&] { EXPECT_EQ(j_msg_recv(b.get()), nullptr); };
   const auto start = [] { EXPECT_EQ(j_actor_new(ReadyAtOnce, nullptr), nullptr); };
   Feed("\1x");
-  const struct {
-    int error;
-    Call fails;
-    std::function<void()> call;
-    int level;
-    const char* log;
-  } kFailures[] = {
+  const std::tuple<int, Call, std::function<void()>, int, const char*> kFailures[] = {
       {EIO, Call::kReadv, receive, 2, "read error, errno=5; irv=-1"},
       {ENOMEM, Call::kNew, receive, 1, "std::bad_alloc"},
       {ENOMEM, Call::kNew, add, 2, "std::bad_alloc"},
@@ -77,17 +71,17 @@ TEST_F(ErrnoTest, ACallThatFailsSaysWhyInALine) {
       {EMFILE, Call::kPipe, start, 2, "std::bad_alloc"},
       {EAGAIN, Call::kPthreadCreate, start, 2, "Resource temporarily unavailable"},
   };
-  for (const auto& failure : kFailures) {
-    SCOPED_TRACE(&failure - kFailures);
+  for (const auto& [error, failing, call, level, log] : kFailures) {
+    SCOPED_TRACE(error);
     ClearLog();
     {
-      const Script script({failure.fails}, {}, Fail(failure.error), true);
+      const Script script({failing}, {}, Fail(error), true);
       errno = kBefore;
-      failure.call();
-      EXPECT_EQ(errno, failure.error);
+      call();
+      EXPECT_EQ(errno, error);
     }
-    EXPECT_EQ(Log(), failure.log);
-    EXPECT_EQ(LogLines().front().level, failure.level);
+    EXPECT_EQ(Log(), log);
+    EXPECT_EQ(LogLines().front().level, level);
   }
 }
 

@@ -158,6 +158,9 @@ TEST_F(ApiTest, ACopyIsAnEmptyObjectOfItsOwn) {
   EXPECT_EQ(LinesOfCopying<JCXXActor>(), "JCXXActor pointer already exists");
   EXPECT_EQ(LinesOfCopying<JCXXFrame>(), "JCXXFrame pointer already exists");
   EXPECT_EQ(LinesOfCopying<JCXXMsg>(), "JCXXMsg pointer already exists");
+  EXPECT_EQ(LinesOfCopying<SockFromPipes>(), "");
+  EXPECT_EQ(LinesOfCopying<SockFromNamedEndpoint>(), "");
+  EXPECT_EQ(LinesOfCopying<JActorThreadWrapper>(), "");
 }
 
 }  // namespace

@@ -37,6 +37,7 @@ TEST_F(FrameTest, AHeaderTakesTheShortestFormAtEverySizeBoundary) {
 
 TEST_F(FrameTest, ADataFrameIsWrittenAsItsHeaderAndItsBytes) {
   JCXXFrame data;
+  EXPECT_EQ(data.GetData(), nullptr);
   data.SetSize(3);
   EXPECT_EQ(data.WriteFrameToSock(a.get()), 0);
   EXPECT_EQ(Drain(), "\3\0\0\0"s);
@@ -76,21 +77,24 @@ TEST_F(FrameTest, AFailedOrUntrueTransferIsAFailure) {
   EXPECT_EQ(JCXXFrame::ReadFrameFromSock(&odd), nullptr);
   EXPECT_EQ(odd.AvailableToRead(waiting), -1);
   EXPECT_EQ(j_sock_fd(&odd), -1);
+  EXPECT_EQ(j_sock_wait(&odd, 0), -1);
 }
 
 TEST_F(FrameTest, WhatCannotBeWrittenIsRefused) {
   JCXXFrame data;
-  JCXXFrame broken(static_cast<unsigned char>(1));
-  broken.SetSize(0);
+  JCXXFrame signal(static_cast<unsigned char>(1));
   iovec list[2] = {};
   int used = 7;
   std::size_t total = 8;
   EXPECT_EQ(data.FillWriteIOVs(nullptr, 2, used, total), -1);
   EXPECT_EQ(data.FillWriteIOVs(list, 1, used, total), -1);
   EXPECT_EQ(std::pair(used, total), std::pair(7, std::size_t{8}));
-  EXPECT_EQ(broken.FillWriteIOVs(list, 2, used, total), -1);
+  EXPECT_EQ(signal.FillWriteIOVs(list, 2, used, total), 0);
+  EXPECT_EQ(std::pair(used, total), std::pair(1, std::size_t{1}));
+  signal.SetSize(0);
+  EXPECT_EQ(signal.FillWriteIOVs(list, 2, used, total), -1);
   EXPECT_EQ(std::pair(used, total), std::pair(0, std::size_t{0}));
-  EXPECT_EQ(broken.WriteFrameToSock(a.get()), -1);
+  EXPECT_EQ(signal.WriteFrameToSock(a.get()), -1);
   EXPECT_EQ(data.WriteFrameToSock(nullptr), -1);
   EXPECT_EQ(Log(),
             "FillWriteIOVs NULL pointer; FillWriteIOVs less than 2 iovs; not size 1; "

@@ -83,11 +83,16 @@ TEST_F(MsgTest, ASignalTakesNoFrameAndAMessageNoForeignOne) {
   JCXXMsg data;
   JCXXFrame frame;
   JCXXFrame header(5U);
+  JCXXFrame nothing(static_cast<unsigned char>(7));
+  nothing.SetSize(0);
   EXPECT_EQ(j_msg_addstr(&signal, "a"), -1);
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(signal.AppendDataFrame(&frame), -1);
   EXPECT_EQ(data.AppendDataFrame(&header), -1);
   EXPECT_EQ(data.AppendDataFrame(nullptr), -1);
+  EXPECT_EQ(JCXXMsg(&nothing).GetSignalValue(), 0);
+  EXPECT_EQ(JCXXMsg(&header).GetSize(), 0U);
+  EXPECT_EQ(JCXXMsg(static_cast<JCXXFrame*>(nullptr)).GetSize(), 0U);
 }
 
 TEST_F(MsgTest, AMissingSockOrMessageIsRefused) {
@@ -95,6 +100,7 @@ TEST_F(MsgTest, AMissingSockOrMessageIsRefused) {
   EXPECT_EQ(JCXXMsg::WriteSignalMessage(nullptr, 1), -1);
   EXPECT_EQ(JCXXMsg::ReadMessage(nullptr), nullptr);
   EXPECT_EQ(Log(), "NULL pointer; psock is NULL");
+  EXPECT_EQ(JCXXMsg().AddStr(nullptr), -1);
   EXPECT_EQ(a->Send(nullptr), -1);
   EXPECT_EQ(a->Send(&none), -1);
 }

@@ -86,11 +86,7 @@ TEST_F(SockTest, AFailedExactReadOrWriteCountsNothing) {
 // The first writev is final; after a cut, EINTR and EAGAIN are repeated and
 // another error or nothing written is final.
 TEST_F(SockTest, AGatheredWriteTellsWhatInterruptsOrEndsIt) {
-  const struct {
-    int error;
-    const char* log;
-    std::vector<Step> steps;
-  } kFaults[] = {
+  const std::tuple<int, const char*, std::vector<Step>> kFaults[] = {
       {EAGAIN, "EAGAIN", {Fail(EAGAIN)}},
       {EINTR, "EINTR", {Fail(EINTR)}},
       {EPIPE, "other error, errno=32", {Fail(EPIPE)}},
@@ -103,16 +99,16 @@ TEST_F(SockTest, AGatheredWriteTellsWhatInterruptsOrEndsIt) {
   };
   JCXXMsg* msg = j_msg_new();
   EXPECT_EQ(j_msg_addstr(msg, "abc"), 0);
-  for (const auto& fault : kFaults) {
-    SCOPED_TRACE(fault.log);
+  for (const auto& [error, log, steps] : kFaults) {
+    SCOPED_TRACE(log);
     ClearLog();
-    const Script script(Call::kWritev, fault.steps);
+    const Script script(Call::kWritev, steps);
     errno = 0;
-    EXPECT_EQ(j_msg_send(&msg, a.get()), fault.error == 0 ? 0 : -1);
-    EXPECT_EQ(errno, fault.error);
-    EXPECT_EQ(Log(), fault.log);
-    EXPECT_EQ(script.count(), fault.steps.size());
-    EXPECT_EQ(msg == nullptr, fault.error == 0);
+    EXPECT_EQ(j_msg_send(&msg, a.get()), error == 0 ? 0 : -1);
+    EXPECT_EQ(errno, error);
+    EXPECT_EQ(Log(), log);
+    EXPECT_EQ(script.count(), steps.size());
+    EXPECT_EQ(msg == nullptr, error == 0);
   }
 }
 

@@ -10,6 +10,7 @@
 namespace {
 
 using namespace support;
+using namespace std::string_literals;
 
 class WaitTest : public PairTest {
  protected:
@@ -23,19 +24,17 @@ class WaitTest : public PairTest {
 };
 
 // Messages of every kind and header form.
-const std::string kWhole[] = {
-    "\5hello",
-    {"\0", 1},
-    "\x81",
-    "\xC0\xC8",
-    {"\x20\0\2ab", 5},
-    {"\x30\0\0\0\3abc", 8},
-    {"\x45\2ab\3cde", 8},
-    {"\x42\0\2ab", 5},
-    "@",
-    {"\x60\0\1\1x", 5},
-    {"\x11\x1C" + std::string(300, 'p')},
-};
+const std::string kWhole[] = {"\5hello",
+                              "\0"s,
+                              "\x81",
+                              "\xC0\xC8",
+                              "\x20\0\2ab"s,
+                              "\x30\0\0\0\3abc"s,
+                              "\x45\2ab\3cde",
+                              "\x42\0\2ab"s,
+                              "@",
+                              "\x60\0\1\1x"s,
+                              "\x11\x1C" + std::string(300, 'p')};
 
 TEST_F(WaitTest, EveryCutOfAMessageIsWaitedForAndNothingOfItIsLost) {
   for (const std::string& whole : kWhole) {
@@ -66,23 +65,19 @@ TEST_F(WaitTest, WhatWasReadAheadGivesWayToTheRest) {
 
 // What one call that fails makes of a wait. Nothing is lost.
 TEST_F(WaitTest, AFailedCallIsRepeatedOrToldOrLeftToTheReceive) {
-  const struct {
-    Call call;
-    Step step;
-    int result, error;
-  } kFaults[] = {
+  const std::tuple<Call, Step, int, int> kFaults[] = {
       {Call::kNew, Fail(ENOMEM), -1, ENOMEM}, {Call::kRead, Fail(EINTR), 0, 0},
       {Call::kRead, Fail(EAGAIN), 0, 0},      {Call::kRead, Fail(EIO), 1, 0},
       {Call::kRead, Return(0), 1, 0},         {Call::kPoll, Fail(EINTR), -1, EINTR},
   };
-  for (const auto& fault : kFaults) {
-    SCOPED_TRACE(&fault - kFaults);
+  for (const auto& [call, step, result, error] : kFaults) {
+    SCOPED_TRACE(step.error);
     Feed("\5he");
     {
-      const Script script(fault.call, {fault.step});
+      const Script script(call, {step});
       errno = 0;
-      EXPECT_EQ(Wait(), fault.result);
-      EXPECT_EQ(errno, fault.error);
+      EXPECT_EQ(Wait(), result);
+      EXPECT_EQ(errno, error);
     }
     Feed("llo");
     EXPECT_EQ(Receive(), 5U);
@@ -92,9 +87,11 @@ TEST_F(WaitTest, AFailedCallIsRepeatedOrToldOrLeftToTheReceive) {
 // What a receive does not wait for either, and says so.
 TEST_F(WaitTest, DamageIsToldByTheReceive) {
   const std::pair<std::string, const char*> kDamage[] = {
-      {"\x45\x81", "got a non-data frame"}, {"\x42@", "got a non-data frame"},
-      {"\x41\2xx", "too much data"},        {"\x45\2ab\4cdef", "too much data"},
-      {{"\x30\0\x10\0\1", 5}, ""},
+      {"\x45\x81", "got a non-data frame"},
+      {"\x42@", "got a non-data frame"},
+      {"\x41\2xx", "too much data"},
+      {"\x45\2ab\4cdef", "too much data"},
+      {"\x30\0\x10\0\1"s, ""},
   };
   for (const auto& [damage, log] : kDamage) {
     ClearLog();
@@ -119,7 +116,7 @@ TEST_F(WaitTest, AnEndIsToldByTheReceive) {
 
 TEST_F(WaitTest, ALargeMessageInPiecesBetweenPlainReceives) {
   const std::string bytes(1048576, 'x');
-  std::jthread sender([&] { Feed("\x83\x30" + std::string("\0\x10\0\0", 4) + bytes + "\x85"); });
+  std::jthread sender([&] { Feed("\x83\x30\0\x10\0\0"s + bytes + "\x85"); });
   EXPECT_EQ(Receive(), 3U);
   EXPECT_EQ(Wait(-1), 1);
   EXPECT_EQ(Receive(), bytes.size());
