@@ -5,12 +5,12 @@
 // stream.
 #include <unistd.h>
 
-#include "fuzz/check.h"
 #include "jcxxsock.h"
+#include "require.h"
 #include "support.h"
 #include "sweep/wire_model.h"
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   constexpr std::size_t kSizes = 8;
   if (size < kSizes) {
     return 0;
@@ -18,14 +18,14 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   support::KeepLog(0);
   const std::string stream(data + kSizes, data + size);
   int ends[2];
-  CHECK(::pipe(ends) == 0);
+  Require(::pipe(ends) == 0);
   SockFromPipes sock(ends[0], -1);
   SockFromPipes feeder(-1, ends[1]);
   std::size_t fed = 0;
   std::size_t pieces = 0;
   const auto waiting = [&] {
     std::size_t count = 0;
-    CHECK(sock.AvailableToRead(count) == 0);
+    Require(sock.AvailableToRead(count) == 0);
     return count;
   };
   // Puts the next piece into the pipe when the reader is about to look at it. An odd
@@ -36,22 +36,23 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
       ++pieces;
       const std::string bytes = stream.substr(fed, next * 5 + 1);
       const auto written = ::write(feeder.write_fd, bytes.data(), bytes.size());
-      CHECK(written == static_cast<ssize_t>(bytes.size()) || feeder.write_fd < 0);
+      Require(written == static_cast<ssize_t>(bytes.size()) || feeder.write_fd < 0);
       fed += bytes.size();
       if (bytes.empty()) {
         feeder = SockFromPipes();  // closes
       }
     }
   };
+  const auto read = [&] {
+    using support::Call;
+    const support::Script script({Call::kIoctl, Call::kRead, Call::kReadv}, {},
+                                 support::Pass(feed));
+    return wire::Read(&sock);
+  };
   for (std::size_t at = 0; at < stream.size();) {
     const wire::Message expected = wire::DecodeMessage(stream, at);
-    {
-      const support::Script script(
-          {support::Call::kIoctl, support::Call::kRead, support::Call::kReadv}, {},
-          support::Pass(feed));
-      CHECK(wire::Read(&sock) == expected);
-    }
-    CHECK(fed - waiting() - sock.BufferedToRead() == at);
+    Require(read() == expected);
+    Require(fed - waiting() - sock.BufferedToRead() == at);
   }
   return 0;
 }

@@ -4,7 +4,9 @@
 #include <iterator>
 #include <vector>
 
-#include "fuzz/check.h"
+#include "require.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 int main(int argc, char** argv) {
   std::size_t inputs = 0;
@@ -18,5 +20,5 @@ int main(int argc, char** argv) {
     }
   }
   std::printf("%zu inputs replayed\n", inputs);
-  CHECK(inputs > 0);
+  Require(inputs > 0);
 }

@@ -6,14 +6,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "jcxxactorapi.h"
@@ -21,16 +19,16 @@
 #include "jcxxmsg.h"
 #include "jlog.h"
 #include "messages.h"
+#include "require.h"
 
 namespace {
 
-// Ends the program when a condition of some line does not hold.
-void Require(bool holds, int line = __builtin_LINE()) {
-  if (!holds) {
-    std::fprintf(stderr, "%s:%d: the condition does not hold\n", __FILE__, line);
-    std::abort();
-  }
-}
+constexpr std::size_t kMost = 200000;     // bytes in a frame
+constexpr std::size_t kMostQueued = 500;  // where ten messages wait in a pipe
+
+std::uint64_t sent = 0;
+std::uint64_t received = 0;
+std::size_t bytes_received = 0;
 
 // A message: its number, then frames of bytes that follow from it.
 JCXXMsg* Make(std::uint64_t number, std::size_t most) {
@@ -48,123 +46,101 @@ JCXXMsg* Make(std::uint64_t number, std::size_t most) {
   return msg;
 }
 
-// Destroys the message, which must be the one of that number.
-void Check(JCXXMsg* msg, std::uint64_t number, std::size_t most, std::size_t& bytes) {
-  JCXXMsg* wanted = Make(number, most);
+void Send(void* to, std::size_t most) {
+  JCXXMsg* msg = Make(sent++, most);
+  Require(j_msg_send(&msg, to) == 0);
+}
+
+// The next message must be the next one of those sent.
+void Receive(void* from, std::size_t most) {
+  const std::unique_ptr<JCXXMsg> msg(j_msg_recv(from));
+  const std::unique_ptr<JCXXMsg> wanted(Make(received++, most));
   const auto data = [](const JCXXFrame* frame) -> const auto& { return frame->data; };
   Require(msg != nullptr &&
           std::ranges::equal(msg->GetFrameList(), wanted->GetFrameList(), {}, data, data));
-  bytes += msg->GetSize();
-  j_msg_destroy(&wanted);
-  j_msg_destroy(&msg);
+  bytes_received += msg->GetSize();
 }
-
-constexpr std::size_t kMost = 200000;     // bytes in a frame
-constexpr std::size_t kMostQueued = 500;  // where ten messages wait in a pipe
 
 void Echo(j_sock_t* sock, void*) {
   j_sock_signal(sock, 0);
-  while (JCXXMsg* msg = j_msg_recv(sock)) {
-    if (j_msg_send(&msg, sock) != 0) {
-      j_msg_destroy(&msg);
-    }
+  while (const std::unique_ptr<JCXXMsg> msg{j_msg_recv(sock)}) {
+    msg->WriteMessage(sock);
   }
 }
 
-struct Watched {
-  std::uint64_t expected;
-  std::uint64_t end;
-  std::size_t bytes;
-};
-
-int OnMessage(zloop_t*, j_sock_t* sock, void* arg) {
-  auto& watched = *static_cast<Watched*>(arg);
+int OnMessage(zloop_t*, j_sock_t* sock, void*) {
   do {
-    Check(j_msg_recv(sock), watched.expected++, kMostQueued, watched.bytes);
-  } while (watched.expected < watched.end && j_sock_buffered(sock) > 0);
-  return watched.expected == watched.end ? -1 : 0;
+    Receive(sock, kMostQueued);
+  } while (received < sent && j_sock_buffered(sock) > 0);
+  return received == sent ? -1 : 0;
 }
 
 // One round: a new actor and a new endpoint, some messages through both, the
 // endpoint's received in an event loop.
-void Round(std::uint64_t& number, std::size_t& bytes) {
+void Round() {
   static const std::string name = "ipc://soak-" + std::to_string(::getpid());
   JCXXActor* actor = j_actor_new(Echo, nullptr);
-  for (int i = 0; i < 50; ++i, ++number) {
-    JCXXMsg* msg = Make(number, kMost);
-    Require(j_msg_send(&msg, actor) == 0);
-    Check(j_msg_recv(actor), number, kMost, bytes);
+  for (int i = 0; i < 50; ++i) {
+    Send(actor, kMost);
+    Receive(actor, kMost);
   }
   j_actor_destroy(&actor);
   JCXXSock* push = j_pipe_new_push(name.c_str());
   JCXXSock* pull = j_pipe_new_pull(name.c_str());
-  Watched watched = {number, number + 10, 0};
-  for (; number < watched.end; ++number) {
-    JCXXMsg* msg = Make(number, kMostQueued);
-    Require(j_msg_send(&msg, push) == 0);
+  for (int i = 0; i < 10; ++i) {
+    Send(push, kMostQueued);
   }
   zloop_t* loop = zloop_new();
-  Require(hybrid_zloop_reader(loop, pull, OnMessage, &watched) == 0);
+  Require(hybrid_zloop_reader(loop, pull, OnMessage, nullptr) == 0);
   zloop_start(loop);
-  Require(watched.expected == watched.end);
+  Require(received == sent);
   hybrid_zloop_reader_end(loop, pull);
   zloop_destroy(&loop);
   j_sock_destroy(&push);
   j_sock_destroy(&pull);
-  ::unlink(("/var/run/jactor/Jipc_" + name.substr(6)).c_str());
-  bytes += watched.bytes;
+  std::filesystem::remove("/var/run/jactor/Jipc_" + name.substr(6));
 }
 
 struct Use {
   long kibibytes;
   long descriptors;
-  std::size_t objects;
 };
 
+// What is in use, and nothing in the registry.
 Use Measure() {
   long pages = 0;
   std::ifstream("/proc/self/statm") >> pages >> pages;
   const std::filesystem::directory_iterator open("/proc/self/fd");
-  JCXXActorAPI* api = JCXXActorAPI::GetInstance();
-  return {pages * ::sysconf(_SC_PAGESIZE) / 1024, std::distance(begin(open), end(open)),
-          api->socks.size() + api->actors.size() + api->frames.size() + api->msgs.size() +
-              api->pollers.size()};
+  const JCXXActorAPI& api = *JCXXActorAPI::GetInstance();
+  Require(api.socks.empty() && api.actors.empty() && api.frames.empty() && api.msgs.empty() &&
+          api.pollers.empty());
+  return {pages * ::sysconf(_SC_PAGESIZE) / 1024, std::distance(begin(open), end(open))};
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   using Clock = std::chrono::steady_clock;
-  const double seconds = argc == 2 ? std::atof(argv[1]) : 0;
-  Require(seconds > 0);
-  jlog_set_level(1);  // the end of each actor is a line
-  const auto elapsed = [start = Clock::now()] {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-  };
-  std::uint64_t number = 0;
-  std::size_t bytes = 0;
+  Require(argc == 2);
+  const std::chrono::duration<double> seconds(std::atof(argv[1]));
+  const auto end = Clock::now() + seconds;
+  jlog_set_level(1);              // the end of each actor is a line
   for (int i = 0; i < 50; ++i) {  // until every cache is as large as it gets
-    Round(number, bytes);
+    Round();
   }
   const Use first = Measure();
-  double told = 0;
+  Use last = first;
   long most = first.kibibytes;
-  while (elapsed() < seconds) {
-    Round(number, bytes);
-    const Use now = Measure();
-    most = std::max(most, now.kibibytes);
-    Require(now.descriptors == first.descriptors && now.objects == 0);
-    Require(now.kibibytes < first.kibibytes + 16 * 1024);
-    if (elapsed() > told + 1) {
-      told = elapsed();
-      std::fprintf(stderr, "\r%.0f s: %lu messages, %zu MiB, %ld KiB resident, %ld descriptors ",
-                   told, number, bytes >> 20, now.kibibytes, now.descriptors);
-    }
+  while (Clock::now() < end) {
+    Round();
+    last = Measure();
+    most = std::max(most, last.kibibytes);
+    Require(last.descriptors == first.descriptors);
+    Require(last.kibibytes < first.kibibytes + 16 * 1024);
   }
-  const Use last = Measure();
   std::printf(
-      "\nsoak: %.0f s, %lu messages, %zu MiB checked; resident memory %ld KiB at first, "
-      "%ld at most, %ld at last; descriptors %ld and %ld; registered objects %zu and %zu\n",
-      elapsed(), number, bytes >> 20, first.kibibytes, most, last.kibibytes, first.descriptors,
-      last.descriptors, first.objects, last.objects);
+      "soak: %.0f s, %lu messages, %zu MiB checked; resident memory %ld KiB at first, "
+      "%ld at most, %ld at last; descriptors %ld and %ld\n",
+      seconds.count(), received, bytes_received >> 20, first.kibibytes, most, last.kibibytes,
+      first.descriptors, last.descriptors);
 }

@@ -15,6 +15,7 @@
 #include "jcxxmsg.h"
 #include "jcxxsock.h"
 #include "jlog.h"
+#include "require.h"
 #include "storm/storm.h"
 #include "wrapper/common.h"
 
@@ -51,14 +52,6 @@ int Rounds(int usual) {
 #endif
   const char* asked = std::getenv("JACTOR_STORM_EXITS");
   return asked != nullptr ? std::atoi(asked) : usual;
-}
-
-// For a child that has nobody to tell a test's failure to.
-void Require(bool holds, int line = __builtin_LINE()) {
-  if (!holds) {
-    std::fprintf(stderr, "line %d: the condition does not hold\n", line);
-    std::_Exit(1);
-  }
 }
 
 // A pair of socks, and a message over it.

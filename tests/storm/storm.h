@@ -14,7 +14,7 @@ namespace storm {
 // killed when it hangs.
 template <class Body>
 pid_t Child(Body body) {
-  constexpr unsigned kHangs = 60;  // seconds
+  constexpr unsigned kHangs = 50;  // seconds
   const pid_t pid = ::fork();
   if (pid == 0) {
     ::alarm(kHangs);
