@@ -1,5 +1,5 @@
 """From an endpoint's name to the open FIFO, in the same steps as libjactor, and what
-receiving and sending, blocking or in asyncio, have in common."""
+blocking calls and asyncio have in common when they receive and send."""
 
 import os
 import select
@@ -12,11 +12,11 @@ from typing import TypeAlias
 from ._wire import Decoder, Message, Signal, StreamError
 
 RUN_DIRECTORY = "/var/run/jactor"
-READ_AHEAD = 16384  # bytes that a reader takes beyond those that it needs
+READ_AHEAD = 16384  # bytes that a reader takes beyond what it needs
 
 
 class LossWarning(UserWarning):
-    """Messages, or the rest of one, were lost as a `Pull` or `Push` was closed."""
+    """Closing a `Pull` or `Push` lost messages, or the rest of one."""
 
 
 def fifo_path(endpoint: str) -> str:
@@ -39,7 +39,7 @@ def fifo_path(endpoint: str) -> str:
 
 
 def _ensure(path: str, is_right: Callable[[int], bool], make: Callable[[str], None]) -> bool:
-    """Makes what is missing at the path, in place of whatever else is there. Returns whether it is new."""
+    """Makes the path what it should be, replacing whatever else is there. Returns whether it is new."""
     try:
         if is_right(os.stat(path).st_mode):
             return False
@@ -51,7 +51,7 @@ def _ensure(path: str, is_right: Callable[[int], bool], make: Callable[[str], No
         pass
     try:
         make(path)
-    except FileExistsError:  # another process was faster, or a link leads nowhere: opening tells
+    except FileExistsError:  # another process was faster, or a link dangles: opening will tell
         return False
     return True
 
@@ -75,7 +75,7 @@ def _open_fifo(path: str, is_new: bool) -> int:
 
 
 def open_endpoint(endpoint: str) -> int:
-    """Opens the FIFO of an endpoint, made first when it is missing, without waiting for a partner.
+    """Opens the FIFO of an endpoint, making it if it is missing, without waiting for a partner.
 
     Returns a descriptor for both directions, non-blocking and closed by exec. Raises
     ValueError for a bad name, and OSError, which says what to do, where the system refuses.
@@ -120,7 +120,7 @@ class Endpoint:
         self._close()
 
     def fileno(self) -> int:
-        """The descriptor, to wait on in a loop of your own.
+        """The descriptor, for an event loop of your own.
 
         It is non-blocking: do not pass it to code or to a process that wants to block. When
         it is readable, call `receive(timeout=0)` until it raises TimeoutError: `Pull` reads
@@ -135,7 +135,7 @@ class Endpoint:
         return self._fd < 0
 
     def _close(self) -> None:
-        """Closes, and warns of what that loses."""
+        """Closes, with a warning if that loses anything."""
         fd, self._fd = self._fd, -1
         if fd >= 0:
             os.close(fd)
@@ -144,11 +144,11 @@ class Endpoint:
                 warnings.warn(f"{self.endpoint}: closed with {loss}", LossWarning, stacklevel=3)
 
     def _discard(self) -> str:
-        """Forgets what is held, and says what that was."""
+        """Drops what is held, and says what it was."""
         return ""
 
     def _forget(self) -> None:
-        """In the child of a fork: what has been read ahead or half sent is the parent's."""
+        """In the child of a fork: what was read ahead or half sent belongs to the parent."""
         self._discard()
         self._close()
         self._why_closed = "opened before a fork, by the parent process: open the endpoint in this one"
@@ -164,23 +164,23 @@ def _after_fork() -> None:
 
 os.register_at_fork(after_in_child=_after_fork)
 
-# What receives or sends in several steps is a generator of the events of poll(2) that it
-# has to wait for; the callers wait in their own ways.
+# An operation that may have to wait is a generator of the poll(2) events to wait for;
+# blocking calls and asyncio run it in their own ways.
 Steps: TypeAlias = Iterator[int]
 
 
 class Reader(Endpoint):
-    """What takes messages from an endpoint, and never waits."""
+    """Takes messages from an endpoint, without waiting."""
 
     def __init__(self, endpoint: str) -> None:
         self._decoder = Decoder()
         super().__init__(endpoint)
 
     def _read(self, ahead: int) -> bool:
-        """Takes what waits in the FIFO, once, and decodes. Returns whether there was anything."""
+        """Reads from the FIFO once, and decodes. Returns whether there was anything."""
         decoder = self._decoder
         try:
-            # One call: with two, an exception between them, as from Ctrl-C, would lose the bytes.
+            # One call: between two, an exception, as from Ctrl-C, would lose the bytes.
             decoder.chunks.extend(map(os.read, (self.fileno(),), (decoder.missing() + ahead,)))
         except BlockingIOError:
             return False
@@ -189,7 +189,7 @@ class Reader(Endpoint):
 
     def _fetch(self) -> Steps:
         """Reads until something is ready. Raises StreamError where the next bytes are not a message."""
-        self._decoder.decode()  # what an exception has kept from it
+        self._decoder.decode()  # in case an exception came before it
         while not self._decoder.ready:
             if self._decoder.fault is not None:
                 raise StreamError(f"{self.endpoint}: {self._decoder.fault}; the stream is out of step: close "
@@ -198,7 +198,7 @@ class Reader(Endpoint):
                 yield select.POLLIN
 
     def _complete(self) -> Steps:
-        """Reads the rest of a message that has been read in part, and no more."""
+        """Reads the rest of a half-read message, and no more."""
         self._decoder.decode()
         while self._decoder.halfway():
             if not self._read(0):
@@ -216,30 +216,30 @@ class Reader(Endpoint):
 
 
 class Writer(Endpoint):
-    """What puts messages into an endpoint, and never waits."""
+    """Puts messages into an endpoint, without waiting."""
 
     def __init__(self, endpoint: str) -> None:
         self._under_way = b""
-        self._written: list[int] = []  # how much of it each write has taken
+        self._written: list[int] = []  # how many bytes each write took
         super().__init__(endpoint)
 
     @property
     def pending(self) -> int:
-        """How many bytes are still to be written of a message that has begun."""
+        """How many bytes of a message that has begun are still to be written."""
         return len(self._under_way) - sum(self._written) if self._written else 0
 
     def _write(self) -> bool:
-        """Writes more of what is under way. Returns whether there was room for any of it."""
+        """Writes more of the message under way. Returns whether there was room for any of it."""
         rest = memoryview(self._under_way)[sum(self._written):]
         try:
-            # One call, as in _read: what was written is known, whatever comes next.
+            # One call, as in _read: what was written is recorded, whatever comes next.
             self._written.extend(map(os.write, (self.fileno(),), (rest,)))
         except BlockingIOError:
             return False
         return True
 
     def _begin(self, data: bytes) -> Steps:
-        """Finishes what is under way, and writes the beginning of the next message or all of it."""
+        """Finishes the message under way, and writes at least the beginning of the next."""
         yield from self._finish()
         self._under_way = data
         while not self._write():

@@ -16,11 +16,11 @@ FAST = 0.0001  # seconds: about what it takes to fall asleep and wake up
 YIELDS = 10  # attempts with a fast partner, before falling asleep
 LAST_WAIT = 1.0  # seconds that closing gives to the rest of a message
 
-_NONE = memoryview(b"")  # in place of the first frame, where there is none
+_NONE = memoryview(b"")  # stands for the first frame of a message without frames
 
 
 class _Blocking(Endpoint):
-    """Waiting for the FIFO. Ctrl-C and other exceptions of signal handlers end a wait."""
+    """Waits for the FIFO. Ctrl-C and other exceptions from signal handlers end a wait."""
 
     _partner_is_fast = False  # the last wait was short
 
@@ -34,13 +34,13 @@ class _Blocking(Endpoint):
         self._close()
 
     def _run(self, steps: Steps, deadline: float | None) -> None:
-        """Takes the steps to their end. Raises TimeoutError at the deadline, of time.monotonic."""
+        """Runs the steps to their end. Raises TimeoutError at the deadline, of time.monotonic."""
         began = time.monotonic()
         yields = 0 if deadline is not None and deadline <= began else YIELDS if self._partner_is_fast else 1
         for event in steps:
             if yields > 0:
                 yields -= 1
-                os.sched_yield()  # the partner gets its turn, where it shares our processor
+                os.sched_yield()  # lets the partner run, if it shares our processor
                 continue
             poll = select.poll()
             poll.register(self.fileno(), event)
@@ -58,7 +58,7 @@ class Pull(_Blocking, Reader):
     """Receives from an endpoint: `Pull("ipc://NAME")`, best in a `with` statement.
 
     It reads ahead: what it holds when it is closed is lost, with a `LossWarning`; `drain`
-    hands that over. One process reads an endpoint, with one `Pull` that lives as long as the
+    returns that. One process reads an endpoint, with one `Pull` that lives as long as the
     endpoint is in use. One thread at a time uses it.
 
     Raises ValueError for a bad name, OSError where the system refuses.
@@ -72,13 +72,13 @@ class Pull(_Blocking, Reader):
         """
         if not self._decoder.ready:
             self._run(self._fetch(), _deadline(timeout))
-        # No call from here on: an exception of a signal handler has no place to come between.
+        # No call from here on: nowhere for an exception from a signal handler to come between.
         message = self._decoder.ready[-1]
         del self._decoder.ready[-1]
         return message
 
     def __iter__(self) -> Iterator[Message | Signal]:
-        """Receives for ever."""
+        """Receives forever."""
         while True:  # as receive does, without the call
             if not self._decoder.ready:
                 self._run(self._fetch(), None)
@@ -87,11 +87,11 @@ class Pull(_Blocking, Reader):
             yield message
 
     def drain(self, timeout: float | None = None) -> list[Message | Signal]:
-        """Hands over what has been read ahead, so that closing loses nothing.
+        """Returns what has been read ahead, so that closing loses nothing.
 
-        Takes no more from the FIFO than the rest of a message that has been read in part,
-        so that the next reader begins at a message. Waits `timeout` seconds for that rest;
-        then TimeoutError, and nothing is lost.
+        Takes no more from the FIFO than the rest of a half-read message, so that the next
+        reader begins at a message. Waits `timeout` seconds for that rest; then it raises
+        TimeoutError, and nothing is lost.
         """
         self._run(self._complete(), _deadline(timeout))
         return self._take_all()
@@ -121,7 +121,7 @@ class Push(_Blocking, Writer):
         message or with `flush`. A send that Ctrl-C ends has sent all or nothing, or the rest
         follows in the same way. Raises ValueError for what no message can carry; see `encode`.
         """
-        # The usual message: every name and call that is spared here shows in the rate.
+        # The usual case: each name and call saved here shows in the rate.
         if type(frame) is bytes and not more and not self._written:
             try:
                 write(self._fd, SMALL_HEADERS[len(frame)] + frame)
@@ -144,11 +144,11 @@ class Push(_Blocking, Writer):
             self._send(data, None)
 
     def flush(self, timeout: float | None = None) -> None:
-        """Finishes a message that has begun. Raises TimeoutError; its rest is kept."""
+        """Finishes a message that has begun. If it raises TimeoutError, the rest is kept."""
         self._run(self._finish(), _deadline(timeout))
 
     def close(self) -> None:
-        """Closes the endpoint. Gives a message that has begun a second for its rest, and warns of its loss."""
+        """Closes the endpoint. The rest of a message that has begun gets a second; its loss is a `LossWarning`."""
         try:
             if self.pending and not self.closed:
                 self.flush(LAST_WAIT)

@@ -1,4 +1,4 @@
-"""Messages and signals as bytes: no input, no output."""
+"""Messages and signals as bytes, without any input or output."""
 
 from collections.abc import Iterable, Iterator
 from dataclasses import dataclass
@@ -6,16 +6,16 @@ from typing import TypeAlias
 
 MAX_SIZE = 1048576  # bytes of payload in a frame, and in a message
 MAX_FRAMES = 1048576  # in a message
-PIPE_BUF = 4096  # bytes that the kernel writes in one piece
+PIPE_BUF = 4096  # bytes: a write of up to this size is never split
 
 
 class StreamError(Exception):
-    """The bytes of a stream are no message. It stays out of step: nothing more can be received."""
+    """The bytes of a stream are not a message. Nothing more can be received: the stream stays out of step."""
 
 
 @dataclass(frozen=True, slots=True)
 class Signal:
-    """A signal, in the place of a message: a number from 0 to 255."""
+    """A signal, sent instead of a message: a number from 0 to 255."""
 
     value: int
 
@@ -84,7 +84,7 @@ def encode_frames(frames: tuple[Frame, ...]) -> bytes:
 
 
 def encode_many(messages: Iterable[tuple[Frame, ...] | Signal]) -> Iterator[bytes]:
-    """The bytes of messages and signals, as many together as fit into `PIPE_BUF`."""
+    """The bytes of messages and signals, gathered in pieces of up to `PIPE_BUF`."""
     parts: list[bytes] = []
     size = 0
     for message in messages:
@@ -99,7 +99,7 @@ def encode_many(messages: Iterable[tuple[Frame, ...] | Signal]) -> Iterator[byte
 
 
 def _read_header(data: bytes, at: int) -> tuple[int, int, int]:
-    """The kind of the item at `at`, its size or value, and where its header ends: perhaps behind `data`."""
+    """The kind of the item at `at`, its size or value, and where its header ends, which may be after `data`."""
     lead = data[at]
     kind = _SIGNAL if lead & _SIGNAL else lead & _ANNOUNCE
     more = lead >> 6 & 1 if kind == _SIGNAL else (0, 1, 2, 4)[lead >> 4 & 3]
@@ -115,21 +115,21 @@ def _read_header(data: bytes, at: int) -> tuple[int, int, int]:
 
 
 class Decoder:
-    """Takes the bytes of a stream in any pieces, and makes messages of them.
+    """Turns the bytes of a stream, which may arrive in any pieces, into messages.
 
     Put what arrives into `chunks`, call `decode`, and take messages from the end of `ready`.
     """
 
     def __init__(self) -> None:
-        self.chunks: list[bytes] = []  # not decoded yet, from the beginning of a frame or message
-        self.ready: list[Message | Signal] = []  # whole, the next one last
-        self.fault: str | None = None  # why the bytes behind `ready` are no message
-        self._need = 1  # how many bytes `chunks` has to hold before there is more to decode
-        self._frames: list[bytes] | None = None  # of a message of several that is under way
-        self._left = 0  # bytes that its frames still have to bring
+        self.chunks: list[bytes] = []  # not yet decoded; they begin with a header
+        self.ready: list[Message | Signal] = []  # complete messages, the next one last
+        self.fault: str | None = None  # why the bytes after `ready` are not a message
+        self._need = 1  # how many bytes `chunks` must hold before more can be decoded
+        self._frames: list[bytes] | None = None  # of a half-read message of several frames
+        self._left = 0  # bytes of payload that it still lacks
 
     def missing(self) -> int:
-        """How many bytes must come at least before the next message can be whole."""
+        """How many more bytes the next message needs at least."""
         return max(1, self._need - self.undecoded()) if self.chunks else 1
 
     def undecoded(self) -> int:
@@ -137,15 +137,15 @@ class Decoder:
         return sum(map(len, self.chunks))
 
     def held(self) -> int:
-        """How many bytes there are behind what is ready."""
+        """How many bytes there are after what is ready."""
         return self.undecoded() + sum(map(len, self._frames or ()))
 
     def halfway(self) -> bool:
-        """Whether what has come ends inside a message."""
+        """Whether a message has been read in part."""
         return self.fault is None and (self._frames is not None or self.undecoded() > 0)
 
     def decode(self) -> None:
-        """Moves what is whole from `chunks` to `ready`, up to the first fault.
+        """Moves complete messages from `chunks` to `ready`, up to the first fault.
 
         All or nothing: an exception of a signal handler, as from Ctrl-C, changes nothing.
         """
@@ -191,6 +191,6 @@ class Decoder:
                     found.append(tuple(frames))
                     frames = None
             at = stop
-        # One call, which no signal handler interrupts.
+        # One call, which no signal handler can interrupt.
         self.__dict__.update(chunks=[data[at:]] if at < end else [], ready=found[::-1] + self.ready, fault=fault,
                              _need=need, _frames=frames, _left=left)

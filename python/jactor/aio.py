@@ -19,11 +19,11 @@ from ._wire import Frame, Message, Signal, encode, encode_many
 
 __all__ = ["Pull", "Push"]
 
-RUNS_IN_A_ROW = 16  # without letting other tasks run
+RUNS_IN_A_ROW = 16  # before other tasks get a turn
 
 
 class _Asynchronous(Endpoint):
-    """Waiting for the FIFO in a loop of asyncio, which knows the descriptor for the time of a wait."""
+    """Waits for the FIFO in asyncio's loop, which has the descriptor only during a wait."""
 
     def __init__(self, endpoint: str) -> None:
         self._turn = asyncio.Lock()
@@ -42,7 +42,7 @@ class _Asynchronous(Endpoint):
         await self.aclose()
 
     async def _run(self, steps: Steps) -> None:
-        """Takes the steps to their end. Lets others run now and then, where there never is a wait."""
+        """Runs the steps to their end. Lets other tasks run now and then even if there is no wait."""
         self._until_pause -= 1
         if self._until_pause < 0:
             self._until_pause = RUNS_IN_A_ROW
@@ -85,7 +85,7 @@ class Pull(_Asynchronous, Reader):
     """Receives from an endpoint as `jactor.Pull` does, in `async with` and `async for`."""
 
     async def receive(self) -> Message | Signal:
-        """Waits for the next message or signal. A cancelled one loses nothing, also inside a message.
+        """Waits for the next message or signal. Cancelling it loses nothing, even inside a message.
 
         Raises StreamError for bytes that are not a message.
         """
@@ -102,7 +102,7 @@ class Pull(_Asynchronous, Reader):
     __anext__ = receive
 
     async def drain(self) -> list[Message | Signal]:
-        """Hands over what has been read ahead, as `jactor.Pull.drain` does."""
+        """Returns what has been read ahead, as `jactor.Pull.drain` does."""
         async with self._turn:
             await self._run(self._complete())
             return self._take_all()
@@ -135,7 +135,7 @@ class Push(_Asynchronous, Writer):
             await self._run(self._finish())
 
     async def aclose(self) -> None:
-        """Closes the endpoint. Gives a message that has begun a second for its rest, and warns of its loss."""
+        """Closes the endpoint. The rest of a message that has begun gets a second; its loss is a `LossWarning`."""
         try:
             if self.pending and not self.closed:
                 await asyncio.wait_for(self.flush(), LAST_WAIT)
