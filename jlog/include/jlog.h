@@ -1,5 +1,5 @@
 /*
- * jlog.h - the platform's logging call, as a stand-in that writes to standard error
+ * jlog.h - a stand-in for the platform's logging call, which writes to standard error
  * or to a function of the program
  *
  * Levels: 1 a caught exception, 2 a failure, 9 trace. A line is written when its
@@ -8,8 +8,7 @@
  * different threads never mix.
  *
  * The environment variable JLOG_PREFIX names what precedes each line, in the order
- * given: time (in UTC), pid, tid, level. Commas or blanks
- * separate the words.
+ * given: time (in UTC), pid, tid, level. Commas or blanks separate the words.
  */
 #ifndef JLOG_H
 #define JLOG_H
@@ -20,8 +19,8 @@
 extern "C" {
 #endif
 
-/* Writes the formatted text to standard error with one write, or hands it to the
- * sink. `format` brings its own newline; `module` says who logs and is not shown.
+/* Writes the formatted text to standard error with one write, or passes it to the
+ * sink. `format` must end with a newline; `module` identifies the caller and is not shown.
  * A line that cannot be formatted or written is dropped. errno may change. */
 JLOG_API void jlog_printf(int level, int module, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
@@ -30,20 +29,20 @@ JLOG_API void jlog_printf(int level, int module, const char* format, ...)
 JLOG_API void jlog_set_level(int level);
 
 /* A function of the program that takes the lines. `level` and `module` are those of
- * the jlog_printf call; `line` has the prefix, no newline at its end, and is the
- * log's: it is gone when the function returns. `arg` is that of jlog_set_sink.
+ * the jlog_printf call; `line` has the prefix but no newline at its end. It belongs to
+ * the log and is gone when the function returns. `arg` is that of jlog_set_sink.
  *
- * It runs on the thread that logs, and in several threads at the same time, with no
- * lock of the log held. It may call jlog_printf, jlog_set_sink and libjactor: lines
- * that this logs on the same thread go to standard error. A C++ function throws
- * nothing. */
+ * The function runs on the thread that logs, possibly in several threads at the same time,
+ * and the log holds no lock meanwhile. It may call jlog_printf, jlog_set_sink and libjactor:
+ * lines that these log on the same thread go to standard error. A C++ function must not
+ * throw. */
 typedef void (*jlog_sink_fn)(int level, int module, const char* line, void* arg);
 
-/* Has `sink` take the lines from now on, instead of standard error; null: standard
+/* From now on passes the lines to `sink` instead of standard error; null: to standard
  * error again. `arg` stays the caller's.
  *
  * Waits until the former sink has returned in every thread: its `arg` may then be
- * freed. So do not call with a lock held that the former sink takes. A call from
+ * freed. So do not call this while holding a lock that the former sink takes. A call from
  * inside a sink does not wait: the former sink may still run in other threads. */
 JLOG_API void jlog_set_sink(jlog_sink_fn sink, void* arg);
 

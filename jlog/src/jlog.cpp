@@ -46,7 +46,7 @@ void WriteToStandardError(const char* line, std::size_t length) {
   }
 }
 
-// Hands on a whole line; `line` has a zero behind its `length` bytes.
+// Passes on a whole line; `line` has a zero after its `length` bytes.
 void Deliver(int level, int module, char* line, std::size_t length) {
   if (const SinkCall sink; sink) {
     if (length > 0 && line[length - 1] == '\n') {
@@ -58,7 +58,7 @@ void Deliver(int level, int module, char* line, std::size_t length) {
   }
 }
 
-// Apart from jlog_printf, so that a rejected line pays for none of it.
+// Separate from jlog_printf, so that a line above the threshold costs none of it.
 [[gnu::noinline]] void WriteFormatted(int level, int module, const char* format,
                                       va_list arguments) {
   char usual[kUsualLine];

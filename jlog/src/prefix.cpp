@@ -12,7 +12,7 @@
 
 namespace {
 
-// Not with gmtime_r: it takes a lock, which a child can find held after a fork.
+// Does not use gmtime_r: it takes a lock, which a child can find held after a fork.
 int WriteTime(char* text, std::size_t room, int /*level*/) {
   using namespace std::chrono;
   const auto now = floor<microseconds>(system_clock::now());
@@ -46,7 +46,7 @@ struct Part {
 constexpr std::array<Part, 4> kParts{
     {{"time", WriteTime}, {"pid", WritePid}, {"tid", WriteTid}, {"level", WriteLevel}}};
 
-// The parts in the order in which they are wanted, each at most once; null behind the last.
+// The parts in the order wanted, each at most once; null after the last.
 using Wanted = std::array<const Part*, kParts.size() + 1>;
 
 void Want(Wanted& wanted, std::string_view word) {

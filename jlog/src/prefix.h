@@ -6,8 +6,8 @@
 
 constexpr std::size_t kLongestPrefix = 128;
 
-// Writes the prefix of a line that is logged now, by this thread, with a blank at its
-// end. Result: its length, below kLongestPrefix; 0 when none is wanted.
+// Writes the prefix of a line that this thread logs now, with a blank at its end.
+// Result: its length, below kLongestPrefix; 0 when none is wanted.
 std::size_t WritePrefix(char* text, int level);
 
 #endif

@@ -1,8 +1,8 @@
 // sink.cpp - which function takes the lines, and who is in it.
 //
-// No lock is held while a sink runs: it may wait for threads that log themselves.
-// Instead its calls are counted, those of the present sink and those of former
-// ones apart, so that jlog_set_sink waits for the latter and nothing else.
+// No lock is held while a sink runs: it may wait for threads that themselves log.
+// Instead its calls are counted, those of the present sink separately from those of
+// former ones, so that jlog_set_sink waits only for the latter.
 #include "sink.h"
 
 #include <pthread.h>

@@ -1,6 +1,6 @@
 // sink.h - the program's function that takes the lines, if it has set one.
 //
-// Threads: everything may be called by every thread at every time.
+// Threads: any thread may call anything here at any time.
 #ifndef JLOG_SINK_H
 #define JLOG_SINK_H
 
@@ -13,7 +13,7 @@ class SinkCall {
   SinkCall(SinkCall const&) = delete;
   ~SinkCall();
 
-  // False when the program has set none, and on a thread that is inside one.
+  // False when the program has set none, and on a thread that is inside a sink.
   explicit operator bool() const { return sink_ != nullptr; }
 
   void operator()(int level, int module, const char* line) const {

@@ -1,18 +1,18 @@
-// jactor.hpp - actors, messages and named endpoints for C++17, over jactor.h
+// jactor.hpp - actors, messages and named endpoints for C++17, on top of jactor.h
 //
-// One header, nothing to link beyond libjactor. What jactor.h says about limits,
+// One header, and nothing to link but libjactor. What jactor.h says about limits,
 // blocking, threads and endpoints holds here too; this header adds owners,
 // results and exceptions:
 //
 // 1. Ownership. Message, Frame, Sock and Actor own one object each and can only be
 //    moved; their destructors release it. A moved-from or sent Message is empty:
 //    every use of it is defined, and fails. SockRef owns nothing and is copied.
-// 2. Failures are a jactor::error, a std::system_error: its text says what failed,
-//    its code is the errno of the call in jactor.h. Where nothing to return is
-//    normal, such as the end of a stream, the result is a std::optional.
-// 3. Threads. One object is used by one thread at a time, as in jactor.h.
+// 2. Failures throw jactor::error, a std::system_error: its text says what failed,
+//    its code is the errno of the call in jactor.h. Where it is normal that there is
+//    nothing to return, as at the end of a stream, the result is a std::optional.
+// 3. Threads. Only one thread at a time may use an object, as in jactor.h.
 // 4. Event loops. <jactor_zloop.hpp> watches socks in a CZMQ loop, <jactor_asio.hpp> receives
-//    and sends in one of asio.
+//    and sends in an asio loop.
 #ifndef JACTOR_HPP
 #define JACTOR_HPP
 
@@ -52,9 +52,9 @@ class error : public std::system_error {
       : std::system_error(reason, std::generic_category(), what) {}
 };
 
-// What std::span is in C++20, as far as it is needed here: where some bytes are
-// and how many. It owns nothing. Made from a pointer and a size, or from anything
-// contiguous with such elements: an array, a vector, a std::span.
+// The part of C++20's std::span that is needed here: where some bytes are and how
+// many. It owns nothing. Made from a pointer and a size, or from any contiguous
+// range of such elements: an array, a vector, a std::span.
 template <class T>
 class View {
  public:
@@ -77,11 +77,11 @@ class View {
 };
 
 using Bytes = View<unsigned char>;             // may be changed in place
-using ConstBytes = View<const unsigned char>;  // to be read only
+using ConstBytes = View<const unsigned char>;  // read only
 
 namespace detail {
 
-// The owner of an object of the C interface, with the call that destroys it.
+// Owns an object of the C interface, and destroys it with the given call.
 template <auto Destroy>
 struct Destroyer {
   template <class Object>
@@ -92,7 +92,7 @@ struct Destroyer {
 template <class Object, auto Destroy>
 using Owner = std::unique_ptr<Object, Destroyer<Destroy>>;
 
-// A frame's text: whatever a std::string_view is made from, but null.
+// A frame's text: anything a std::string_view can be made from, except null.
 struct Text : std::string_view {
   template <class Source,
             class = std::enable_if_t<std::is_convertible_v<const Source&, std::string_view> &&
@@ -102,8 +102,8 @@ struct Text : std::string_view {
 
 }  // namespace detail
 
-// A block of bytes taken out of a message. The views are good until the frame is
-// destroyed; moving the frame does not disturb them.
+// A block of bytes taken out of a message. The views are valid until the frame is
+// destroyed; moving the frame does not affect them.
 class Frame {
  public:
   // Takes over a frame of the C interface; null gives an empty Frame.
@@ -140,7 +140,7 @@ class Message {
     }
   }
 
-  // A data message of these frames. Throws as add().
+  // A data message with these frames. Throws what add() throws.
   explicit Message(std::initializer_list<detail::Text> frames) : Message() {
     for (const std::string_view frame : frames) {
       add(frame);
@@ -155,7 +155,7 @@ class Message {
 
   // Append a frame holding a copy of the bytes. Throw error when there are more
   // than JACTOR_MAX_SIZE, the message is a signal or empty, or memory has run out;
-  // the message is as before then.
+  // then the message is unchanged.
   Message& add(const void* data, std::size_t size) {
     if (j_msg_addmem(get(), size == 0 ? "" : data, size) != 0) {
       throw error("jactor: cannot add a frame of " + std::to_string(size) + " bytes");
@@ -192,7 +192,7 @@ class Message {
   // The C handle, which stays the Message's.
   JCXXMsg* get() const noexcept { return msg_.get(); }
 
-  // Hands the C handle over to the caller.
+  // Passes the C handle to the caller.
   [[nodiscard]] JCXXMsg* release() noexcept { return msg_.release(); }
 
  private:
@@ -242,7 +242,7 @@ inline FrameRange Message::frames() & { return FrameRange(*this); }
 
 // The outcome of a receive with a time limit.
 struct Received {
-  std::optional<Message> message;  // what came
+  std::optional<Message> message;  // what arrived
   bool timed_out = false;          // without a message: the time was up, not the stream
 };
 
@@ -250,7 +250,7 @@ namespace detail {
 
 using Clock = std::chrono::steady_clock;
 
-// The end of `limit` from now on; the last moment of the clock for centuries.
+// The moment `limit` from now; the clock's last moment for a limit of centuries.
 template <class Rep, class Period>
 Clock::time_point deadline_after(const std::chrono::duration<Rep, Period>& limit) {
   constexpr double kLongest = 3e9;
@@ -271,7 +271,7 @@ inline int milliseconds_until(Clock::time_point deadline) {
   return left < INT_MAX ? static_cast<int>(left) : INT_MAX;
 }
 
-// Waits until one of the descriptors has something, the deadline has come, or a
+// Waits until one of the descriptors has something, the deadline has passed, or a
 // signal handler ran.
 inline void poll_once(pollfd* fds, nfds_t count, Clock::time_point deadline) {
   if (::poll(fds, count, milliseconds_until(deadline)) < 0 && errno != EINTR) {
@@ -279,7 +279,7 @@ inline void poll_once(pollfd* fds, nfds_t count, Clock::time_point deadline) {
   }
 }
 
-// As j_sock_wait, over signal handlers. Result: whether a receive will not wait.
+// As j_sock_wait, but ignores EINTR. Result: whether a receive would not block.
 inline bool wait_once(void* self, int milliseconds) {
   const int ready = j_sock_wait(self, milliseconds);
   if (ready < 0 && errno != EINTR) {
@@ -290,7 +290,7 @@ inline bool wait_once(void* self, int milliseconds) {
 
 enum class Wait { kReady, kTimedOut, kEnded };
 
-// Waits until a receive will not wait, or the deadline has come.
+// Waits until a receive would not block, or the deadline has passed.
 inline Wait wait_until(void* self, Clock::time_point deadline) {
   for (;;) {
     const int left = milliseconds_until(deadline);
@@ -303,10 +303,10 @@ inline Wait wait_until(void* self, Clock::time_point deadline) {
   }
 }
 
-// The same when nothing will be written any more once `done_fd` is readable.
+// The same for a stream to which nothing more is written once `done_fd` is readable.
 inline Wait wait_until_done(void* self, int done_fd, Clock::time_point deadline) {
   for (pollfd fds[] = {{j_sock_fd(self), POLLIN, 0}, {done_fd, POLLIN, 0}};;) {
-    // Asked first: what was written before the end is seen after it.
+    // Checked first, so that everything written before the end is seen below.
     const bool done = fds[1].revents != 0;
     if (wait_once(self, 0)) {
       return Wait::kReady;
@@ -321,8 +321,8 @@ inline Wait wait_until_done(void* self, int done_fd, Clock::time_point deadline)
   }
 }
 
-// Runs `call`. Result: the exception it threw, or null. The cancellation of the
-// thread, which is no C++ exception and therefore has no pointer, passes.
+// Runs `call`. Result: the exception it threw, or null. Lets the cancellation of the
+// thread pass, which is not a C++ exception and so has no pointer.
 template <class Call>
 std::exception_ptr capture(Call call) {
   try {
@@ -342,9 +342,9 @@ class Stream {
  public:
   // Sends the message. Blocks while the pipe is full.
   //
-  // The message is empty afterwards if it was sent, and untouched if send throws
-  // error: when it was empty, is too large, or the write failed. After EIO a part of
-  // it is on the stream, which is of no further use then.
+  // The message is empty afterwards if it was sent. If send throws error, the message is
+  // unchanged: it was empty, it is too large, or the write failed. After EIO a part of
+  // it is on the stream, which is then unusable.
   void send(Message&& message) const {
     if (const std::error_code failure = try_send(std::move(message))) {
       throw error(message ? "jactor: cannot send the message" : "jactor: no message to send",
@@ -372,19 +372,19 @@ class Stream {
 
   // Receives the next message or signal. Blocks until it is complete.
   //
-  // Result: nothing at the end of the stream, and only there. On an actor that is
-  // when its function has ended and all that it sent is received. A pull sock on an
-  // endpoint never sees an end: it waits. Throws error otherwise: EBADMSG when the
+  // Result: nothing only at the end of the stream. On an actor that is when its
+  // function has ended and everything it sent has been received. A pull sock on an
+  // endpoint never sees the end: it waits. Throws error on failure: EBADMSG when the
   // bytes are not a message, or end inside one.
   std::optional<Message> receive() const {
     return self().done_fd() < 0 ? take() : receive_until(Clock::time_point::max()).message;
   }
 
   // The same with a time limit, which may be 0 and which covers the whole message:
-  // what has come of one stays in the sock. A message that is there is returned even
-  // when the limit has passed. The clock is the monotonic one, the resolution a
-  // millisecond, rounded up. A signal handler does not end the wait; with
-  // j_sock_wait(sock.get(), milliseconds) it does.
+  // the part of one that has arrived stays in the sock. A message that is there is
+  // returned even when the limit has passed. The clock is the monotonic one, the
+  // resolution a millisecond, rounded up. A signal handler does not end the wait; it
+  // does end j_sock_wait(sock.get(), milliseconds).
   template <class Rep, class Period>
   Received receive_for(const std::chrono::duration<Rep, Period>& limit) const {
     return receive_until(deadline_after(limit));
@@ -399,7 +399,7 @@ class Stream {
     return {take(), false};
   }
 
-  // Whether a receive will not wait: for the handlers of an event loop that watches
+  // Whether a receive would not block: for the handlers of an event loop that watches
   // fd(). Throws error on a sock that cannot be waited for.
   bool has_message() const { return wait_once(self().get(), 0); }
 
@@ -441,8 +441,8 @@ class ReceiveOperation;  // in jactor_asio.hpp
 
 }  // namespace detail
 
-// A sock that belongs to somebody else, such as the actor whose function uses it.
-// It must not be used after its owner has gone.
+// A sock that something else owns, such as the actor whose function uses it. It must
+// not be used after its owner has gone.
 class SockRef : public detail::Stream<SockRef> {
  public:
   explicit SockRef(JCXXSock* sock) noexcept : sock_(sock) {}
@@ -468,12 +468,12 @@ class SockRef : public detail::Stream<SockRef> {
   bool* started_ = nullptr;
 };
 
-// One end of a named endpoint, such as "ipc://jobs". Each is used in the one
-// direction it was made for. Closing the last one loses what was not received.
+// One end of a named endpoint, such as "ipc://jobs". Use each only in the direction
+// it was made for. Closing the last one loses messages not yet received.
 class Sock : public detail::Stream<Sock> {
  public:
   // Open the reading or the writing end. Never wait for a partner. Throw error
-  // when the name is refused or the FIFO cannot be had.
+  // when the name is refused or the FIFO cannot be opened.
   static Sock pull(const std::string& endpoint) { return Sock(endpoint, j_pipe_new_pull); }
   static Sock push(const std::string& endpoint) { return Sock(endpoint, j_pipe_new_push); }
 
@@ -530,7 +530,7 @@ class ActorState {
   const std::exception_ptr& failure() const noexcept { return failure_; }
 
  private:
-  // Runs also when the thread is cancelled or calls pthread_exit.
+  // Also runs when the thread is cancelled or calls pthread_exit.
   struct AtExit {
     ActorState& state;
     JCXXSock* sock;
@@ -539,8 +539,8 @@ class ActorState {
 
   virtual void call(SockRef sock) = 0;
 
-  // The creator may read the rest as soon as it sees `finished_`, and starts to
-  // look when it has the signal that it waits for.
+  // The creator may read the other fields as soon as it sees `finished_`, and starts
+  // to look when it has the signal that it waits for.
   void finish(JCXXSock* sock) noexcept {
     ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     finished_.store(true, std::memory_order_release);
@@ -570,7 +570,7 @@ class ActorOf final : public ActorState {
 
 }  // namespace detail
 
-// A callable on a thread of its own, connected to its creator by a pipe pair.
+// A callable on its own thread, connected to its creator by a pipe pair.
 //
 //     jactor::Actor echo([](jactor::SockRef sock) {
 //       sock.ready();
@@ -579,16 +579,16 @@ class ActorOf final : public ActorState {
 //       }
 //     });
 //
-// The callable tells that it is ready by its first SockRef::signal() or ready();
-// what it sends before is thrown away. If it returns before, that counts as ready.
+// The callable says that it is ready with its first SockRef::signal() or ready();
+// what it sends before that is thrown away. If it returns first, that counts as ready.
 // (j_sock_signal on the C handle is not noticed: one more signal follows when the
 // callable returns.) SIGPIPE is blocked in its thread, so that a send to a creator
-// that has gone throws error; programs that it executes inherit that.
+// that has gone throws error; programs that it executes inherit the blocked signal.
 class Actor : public detail::Stream<Actor> {
  public:
   // Copies or moves the callable and runs it once. Blocks until it is ready, has
   // returned or has thrown. Throws what it threw before it was ready, and error
-  // when the thread, the pipes or memory cannot be had.
+  // when there are no more threads, pipes or memory.
   template <class Callable,
             class = std::enable_if_t<std::is_invocable_v<std::decay_t<Callable>, SockRef>>>
   explicit Actor(Callable&& callable)
@@ -603,9 +603,9 @@ class Actor : public detail::Stream<Actor> {
     }
   }
 
-  // Its destructor asks the callable to stop, by the end of its stream, and waits
-  // without a limit until it has returned. What it threw is dropped then: use
-  // join() to have it. Not from the callable itself.
+  // The destructor asks the callable to stop, by ending its stream, and waits
+  // without a limit until it has returned. What it threw is dropped: call join() to
+  // get it. The callable itself must not run this.
   ~Actor() = default;
   Actor(Actor&& other) noexcept = default;
 
@@ -626,17 +626,17 @@ class Actor : public detail::Stream<Actor> {
   }
 
   // Throws what the callable threw, without stopping anything. Does nothing while
-  // it runs, or when it returned.
+  // it runs, or if it returned normally.
   void rethrow() const {
     if (state_ != nullptr && state_->finished() && state_->failure() != nullptr) {
       std::rethrow_exception(state_->failure());
     }
   }
 
-  // Whether the callable has ended, in whatever way; true for an empty actor.
+  // Whether the callable has ended, by returning or by throwing; true for an empty actor.
   bool finished() const noexcept { return state_ == nullptr || state_->finished(); }
 
-  // The creator's end; good while the actor is. Its receive() does not notice that
+  // The creator's end; valid as long as the actor. Its receive() does not notice that
   // the callable has ended, and saves a poll().
   SockRef sock() const noexcept { return SockRef(j_actor_sock(get())); }
 

@@ -6,9 +6,9 @@
 //       }
 //     }
 //
-// For standalone asio; where JACTOR_BOOST_ASIO is defined before, for Boost.Asio. C++17, and
-// C++20 for coroutines. Cancelling one operation takes asio 1.19 or Boost 1.77; older ones
-// ignore that.
+// For standalone asio, or for Boost.Asio if JACTOR_BOOST_ASIO is defined first. C++17, and
+// C++20 for coroutines. Cancelling one operation needs asio 1.19 or Boost 1.77; older ones
+// ignore it.
 #ifndef JACTOR_ASIO_HPP
 #define JACTOR_ASIO_HPP
 
@@ -62,12 +62,12 @@ struct EndWatch {
   }
 };
 
-// What both operations are made of. `Self` is asio's part of one: it owns the operation, and
+// The common part of both operations. `Self` is asio's part of one: it owns the operation, and
 // has the handler with its executor and its cancellation.
 class AsioOperation {
  protected:
   // True once, in the call that starts the operation. The handler is never called from there:
-  // what is finished at once is posted.
+  // an operation that finishes immediately is posted.
   template <class Self>
   bool starts(Self& self) {
     static_assert(
@@ -91,9 +91,9 @@ class AsioOperation {
 #endif
   }
 
-  // Has the loop watch the descriptor, which is the sock's own: asio must not close it. (A
+  // Makes the loop watch the descriptor, which is the sock's own: asio must not close it. (A
   // duplicate would keep the pipe open when the sock or the actor is destroyed.) Result: why
-  // not, such as EBUSY when it does so for another operation.
+  // it cannot, such as EBUSY when it already watches it for another operation.
   template <class Self>
   asio_error watch(Self& self, int fd) {
     watched_.reset(new asio::posix::stream_descriptor(self.get_executor()));
@@ -101,7 +101,7 @@ class AsioOperation {
     watched_->assign(fd, failure);
     return failure == error_from(EEXIST) ? error_from(EBUSY) : failure;
   }
-  // The same with a descriptor that is closed afterwards.
+  // The same for a descriptor that is closed afterwards.
   template <class Self>
   asio_error watch_own(Self& self, int fd) {
     const asio_error failure = watch(self, fd);
@@ -113,11 +113,11 @@ class AsioOperation {
   }
   bool watches() const { return watched_ != nullptr; }
 
-  // Before the handler, which may start the next operation.
+  // Called before the handler, which may start the next operation.
   void end_watch() { watched_.reset(); }
 
   // Continues when the descriptor is ready, or when the operation is cancelled. `self` has
-  // been moved away then.
+  // been moved away by then.
   template <class Self>
   void wait(Self& self, asio::posix::descriptor_base::wait_type event) {
     asio::posix::stream_descriptor& watched = *watched_;
@@ -137,7 +137,7 @@ class ReceiveOperation : AsioOperation {
   template <class Self>
   void operator()(Self& self, asio_error waited = {}) {
     const bool starting = starts(self);
-    // Asked right before the receive, so that a message is not taken for nobody.
+    // Checked right before the receive, so that no message is taken for a cancelled one.
     if (!starting && cancelled(self)) {
       end_watch();
       return self.complete(asio::error::operation_aborted, std::nullopt);
@@ -163,7 +163,7 @@ class ReceiveOperation : AsioOperation {
     if (failure_) {
       return true;
     }
-    // Asked first: what was written before the callable's end is seen after it.
+    // Checked first, so that everything written before the callable's end is seen below.
     pollfd done = {done_fd_, POLLIN, 0};
     ended_ = done_fd_ >= 0 && ::poll(&done, 1, 0) > 0;
     const int ready = j_sock_wait(sock_.get(), 0);
@@ -177,7 +177,7 @@ class ReceiveOperation : AsioOperation {
     return ready > 0 || ended_ || failure_;
   }
 
-  // An actor is watched by a descriptor that stands for two: its pipe and its end.
+  // An actor is watched through one descriptor for two: its pipe and its end.
   template <class Self>
   asio_error watch_source(Self& self) {
     const int fd = j_sock_fd(sock_.get());
@@ -217,7 +217,7 @@ class ReceiveOperation : AsioOperation {
   asio_error failure_;
 };
 
-// A sock that keeps what is sent to it.
+// A sock that stores what is sent to it.
 class WireBytes final : public JCXXSock {
  public:
   int WriteBlocking(unsigned char* buf, std::size_t len, std::size_t& written) override {
@@ -239,7 +239,7 @@ class WireBytes final : public JCXXSock {
 };
 
 // Writes what the pipe has room for, without waiting in the write. The descriptor is
-// non-blocking only while the operation lasts, as a send in between would fail.
+// non-blocking only while the operation lasts, since another send might fail meanwhile.
 class SendOperation : AsioOperation {
  public:
   SendOperation(SockRef sock, Message&& message) : sock_(sock), message_(std::move(message)) {}
@@ -286,8 +286,8 @@ class SendOperation : AsioOperation {
     }
   }
 
-  // The first byte is not written before the loop has accepted the descriptor, so that no two
-  // operations write at once.
+  // Nothing is written before the loop has accepted the descriptor, so that no two operations
+  // write at the same time.
   void start_writing(asio_error failure) {
     if (failure) {
       return finish(failure);
@@ -323,7 +323,7 @@ class SendOperation : AsioOperation {
 
   SockRef sock_;
   Message message_;
-  std::vector<unsigned char> bytes_;  // the message as it travels
+  std::vector<unsigned char> bytes_;  // the message on the wire
   std::size_t sent_ = 0;
   int fd_ = -1;
   int flags_ = -1;
@@ -336,18 +336,18 @@ class SendOperation : AsioOperation {
 // Receives the next message or signal, without holding up the loop.
 //
 // The token's signature is void(error_code, std::optional<Message>): nothing, and no error, at
-// the end of the stream; an error for what Stream::receive() throws, with the same errno, and
-// asio::error::operation_aborted after a cancellation, of whatever type. Nothing is lost then:
-// a whole message, or a part of one, stays in the sock for the next receive.
+// the end of the stream; an error where Stream::receive() would throw, with the same errno, and
+// asio::error::operation_aborted after a cancellation of any type. A cancellation loses
+// nothing: a whole message, or a part of one, stays in the sock for the next receive.
 //
 // The handler runs on the token's executor, never before this call has returned. A token
-// without one, such as a lambda, is given one: asio::bind_executor(loop, token). That
+// without one, such as a lambda, needs one: asio::bind_executor(loop, token). That
 // executor's loop watches the descriptor, which is non-blocking from then on; the sock's other
-// receives go on as before.
+// receives work as before.
 //
 // One receive at a time on a sock: a second one that has to wait fails with EBUSY. On an actor
-// the stream ends when its callable has ended and all that it sent is received; a receive on
-// Actor::sock() does not see that.
+// the stream ends when its callable has ended and everything it sent has been received; a
+// receive on Actor::sock() does not see that.
 template <class Token>
 auto async_receive(SockRef sock, Token&& token) {
   return asio::async_compose<Token, void(asio_error, std::optional<Message>)>(
@@ -359,18 +359,18 @@ auto async_receive(const Actor& actor, Token&& token) {
       detail::ReceiveOperation(actor), token);
 }
 
-// Sends the message, without holding up the loop: what the pipe has no room for is written as
+// Sends the message, without holding up the loop: what does not fit into the pipe is written as
 // the reader makes room.
 //
-// The token's signature is void(error_code). The error is what Stream::send() throws, or
+// The token's signature is void(error_code). The error is the one that Stream::send() throws, or
 // asio::error::operation_aborted after a cancellation that came before the first byte was
 // written. Then nothing has been sent, and the message is destroyed. A cancellation that comes
 // later has no effect, as half a message would make the stream useless: a message of up to
-// PIPE_BUF bytes on the wire is written whole. A loop that is destroyed does cut it.
+// PIPE_BUF bytes on the wire is written whole. Only destroying the loop cuts it off.
 //
-// Until the handler is called nothing else is sent on the sock in another way; an async_send
-// fails with EBUSY while this one waits for room. Where the reader has gone, SIGPIPE is raised
-// as in a send. Executors are as for async_receive.
+// Until the handler is called, nothing else may be sent on the sock in another way; an async_send
+// fails with EBUSY while this one waits for room. If the reader has gone, SIGPIPE is raised as
+// in any send. Executors are as for async_receive.
 template <class Token>
 auto async_send(SockRef sock, Message message, Token&& token) {
   return asio::async_compose<Token, void(asio_error)>(

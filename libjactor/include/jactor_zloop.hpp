@@ -18,18 +18,18 @@
 
 namespace jactor {
 
-// What the end of the stream ends: the watch alone, or the loop with it.
+// What the end of the stream ends: only the watch, or the loop as well.
 enum class AtEnd { kEndWatch, kEndLoop };
 
 namespace detail {
 
 class WatchState;
 
-// The socks that are watched. A second watch of one would end together with the first,
-// as the library's registration is found by the descriptor.
+// The socks that are watched. A second watch on one would end together with the first,
+// since the library finds its registration by the descriptor.
 class Watched {
  public:
-  // Throws error when the sock is watched.
+  // Throws error when the sock is already watched.
   static void add(JCXXSock* sock, WatchState* state) {
     const std::lock_guard<std::mutex> lock(all().mutex_);
     if (!all().states_.emplace(sock, state).second) {
@@ -47,7 +47,7 @@ class Watched {
   }
 
  private:
-  // Never destroyed: a static Watch may be.
+  // Never destroyed, since a static Watch may outlive it.
   static Watched& all() {
     static auto& watched = *new Watched;
     return watched;
@@ -99,9 +99,9 @@ class WatchState : public std::enable_shared_from_this<WatchState> {
     return static_cast<WatchState*>(arg)->drain();
   }
 
-  // Has the loop look once at what the sock has read ahead, which no poll() sees: when
-  // the watch begins, and when the loop was left with messages there. The timer outlives
-  // the watch, as a loop may still run one that was ended in the same turn.
+  // Makes the loop look once at what the sock has read ahead, which poll() does not see:
+  // when the watch begins, and when the loop was left with messages there. The timer is
+  // not ended with the watch, as a loop may still run one that was ended in the same turn.
   void look_again() {
     if (sock_.buffered() > 0) {
       zloop_timer(loop_, 0, 1, on_timer, sock_.get());
@@ -112,8 +112,8 @@ class WatchState : public std::enable_shared_from_this<WatchState> {
     return state != nullptr && state->loop_ == loop ? state->drain() : 0;
   }
 
-  // Handles what is there. Result: for the loop, -1 ends it. No exception may cross
-  // its C code: the first one waits for rethrow().
+  // Handles what is there. Result: for the loop; -1 ends it. No exception may pass through
+  // the loop's C code: the first one is kept for rethrow().
   int drain() {
     const auto keep = shared_from_this();
     bool go_on = false;
@@ -144,7 +144,7 @@ class WatchState : public std::enable_shared_from_this<WatchState> {
     return true;
   }
 
-  // Ends the watch together with the stream, whether that ends in order or not.
+  // Ends the watch together with the stream, whether the stream ends normally or not.
   std::optional<Message> receive_or_end() {
     std::optional<Message> message;
     try {
@@ -218,7 +218,7 @@ class [[nodiscard]] Watch {
   // of the stream was seen.
   bool active() const noexcept { return state_ != nullptr && state_->active(); }
 
-  // Throws, once, the first that the handler threw, or the error at which the stream
+  // Throws, once, the first exception of the handler, or the error with which the stream
   // ended. Call it when the loop has ended.
   void rethrow() {
     if (state_ != nullptr) {
@@ -232,20 +232,21 @@ class [[nodiscard]] Watch {
   std::shared_ptr<detail::WatchState> state_;
 };
 
-// Has the loop call `handler(Message)` on its thread for every message and signal that
-// is there and that comes on the sock. A sock has one watch at a time, in whatever loop.
+// Makes the loop call `handler(Message)` on its thread for every message and signal that
+// is already there or arrives on the sock. A sock has at most one watch at a time, in any
+// loop.
 //
-// A part of a message waits in the sock until the rest has come, and the loop goes on.
+// Part of a message waits in the sock until the rest arrives, and the loop goes on.
 // A handler that returns -1 ends the loop, and so does one that throws: Watch::rethrow()
-// throws that again. What is there and not handled then waits for the next run of the
-// loop. A handler may end or destroy its own watch, and then destroy the sock.
+// throws that again. Messages not handled by then wait for the next run of the loop. A
+// handler may end or destroy its own watch, and then destroy the sock.
 //
-// At the end of the stream the registration ends, and the loop as well with
-// AtEnd::kEndLoop. Bytes that are not a message end both, and are an error for
-// Watch::rethrow(). (The end of an actor's function is not seen on its creator's end,
-// and a pull sock on an endpoint sees no end at all.)
+// At the end of the stream the registration ends, and with AtEnd::kEndLoop the loop as
+// well. Bytes that are not a message end both, and Watch::rethrow() throws the error. (The
+// creator's end of an actor does not see the end of its function, and a pull sock on an
+// endpoint never sees the end of the stream.)
 //
-// Throws error when the sock is watched (EBUSY), or it or the loop is not fit for it.
+// Throws error when the sock is already watched (EBUSY), or cannot be watched by this loop.
 template <class Handler>
 Watch watch(zloop_t* loop, SockRef sock, Handler&& handler, AtEnd at_end = AtEnd::kEndWatch) {
   return Watch(std::make_shared<detail::WatchOf<std::decay_t<Handler>>>(

@@ -1,5 +1,5 @@
-// jcxxactor.h - an actor: a function on a thread of its own, tied to its creator
-// by a pair of pipes.
+// jcxxactor.h - an actor: a function that runs on its own thread, tied to its
+// creator by a pair of pipes.
 //
 // The creator's thread makes and destroys an actor; the actor's thread runs the
 // function and nothing else. The two share only the pipe pair.
@@ -26,12 +26,12 @@ struct JACTOR_API JActorThreadWrapper {
   JActorThreadWrapper(JActorThreadWrapper const& other);
   JActorThreadWrapper& operator=(JActorThreadWrapper const& other);
 
-  // Joins the thread, then deletes the actor's end, unless the function has destroyed
-  // it: that is an error line. No cancellation point.
+  // Joins the thread, then deletes the actor's end. If the function has destroyed that
+  // end, logs an error line instead. Not a cancellation point.
   ~JActorThreadWrapper();
 
-  // Starts the thread. Throws std::system_error or std::bad_alloc; `thread` stays
-  // null then.
+  // Starts the thread. Throws std::system_error or std::bad_alloc; then `thread`
+  // stays null.
   void start();
 
   // The thread's body: calls the function.
@@ -49,7 +49,7 @@ struct JACTOR_API JCXXActor {
   // Starts `fn(sock, args)` on a new thread and waits for its first signal.
   // Throws: std::bad_alloc when there are no pipes or no memory, or the wait
   //         failed, std::system_error when the thread cannot be started or the
-  //         process is ending. Nothing is left behind then: the caller's end is
+  //         process is ending. Then nothing is left behind: the caller's end is
   //         closed and the thread joined.
   JCXXActor(void (*fn)(j_sock_t*, void*), void* args);
 
@@ -59,8 +59,8 @@ struct JACTOR_API JCXXActor {
   // Copies nothing, and logs.
   JCXXActor& operator=(JCXXActor const& other);
 
-  // Closes the caller's end, waits for the function to return, releases the rest. An
-  // end that its borrower has destroyed is an error line. No cancellation point.
+  // Closes the caller's end, waits for the function to return, releases the rest. Logs an
+  // error line for an end that its borrower has destroyed. Not a cancellation point.
   ~JCXXActor();
 
   // The caller's end; null when there is none.

@@ -2,8 +2,8 @@
 // registry of live objects that it holds.
 //
 // Any thread may call any member. The mutex is held for one set operation at a
-// time, never while an object works or a caller's function runs (but for the
-// search in hybrid_zloop_reader_end).
+// time, never while an object works or a caller's function runs (except during
+// the search in hybrid_zloop_reader_end).
 #ifndef JCXXACTORAPI_H
 #define JCXXACTORAPI_H
 
@@ -13,8 +13,8 @@
 
 #include "jactor.h"
 
-// One registration of a sock with an event loop. Its address is what the loop
-// hands back to the library's callback.
+// One registration of a sock with an event loop. The loop passes its address to
+// the library's callback.
 struct hybrid_poller_info {
   int (*handler)(zloop_t*, j_sock_t*, void*);
   void* arg;       // passed on, never read
@@ -32,7 +32,7 @@ struct JACTOR_API JCXXActorAPI {
   std::unordered_set<hybrid_poller_info*> pollers;
 
   // The instance, made by the first call, in storage that lasts as long as the process.
-  // At exit nothing is started any more, but handles stay good while their objects live,
+  // At exit nothing new is started, but handles stay valid while their objects live,
   // whichever static object or exit handler holds them.
   static JCXXActorAPI* GetInstance();
 
@@ -41,8 +41,8 @@ struct JACTOR_API JCXXActorAPI {
   // Empties the sets; the objects in them are left alone.
   ~JCXXActorAPI();
 
-  // The registry. Each logs a null pointer, a duplicate add and a missing remove
-  // as an error; an unknown pointer is told by the result of IsValid alone.
+  // The registry. Each logs a null pointer, a duplicate add and the removal of a missing
+  // pointer as an error; for an unknown pointer IsValid only returns false.
   bool JCXXSockPtrIsValid(JCXXSock* p);
   void JCXXSockPtrAdd(JCXXSock* p);
   void JCXXSockPtrRemove(JCXXSock* p);

@@ -24,7 +24,7 @@ struct JACTOR_API JCXXFrame {
 
   std::uint32_t type;                // one of the three kinds, never changed
   std::uint32_t msg_size;            // message header: the bytes announced; otherwise 0
-  std::vector<unsigned char> data;   // the payload; of a signal its one byte
+  std::vector<unsigned char> data;   // the payload; for a signal its one byte
   unsigned char header[kMaxHeader];  // the wire header as BuildHeaderInFive last made it
   std::size_t header_len;            // valid bytes in `header`; 0 before and after a failure
 
@@ -35,7 +35,7 @@ struct JACTOR_API JCXXFrame {
   explicit JCXXFrame(unsigned char value);
 
   // A message-header frame announcing `size` bytes. Throws std::bad_alloc when
-  // `size` is above kMaxSize; nothing is registered then.
+  // `size` is above kMaxSize; then nothing is registered.
   explicit JCXXFrame(unsigned int size);
 
   // Copies nothing: the new frame is an empty data frame.
@@ -46,10 +46,10 @@ struct JACTOR_API JCXXFrame {
 
   ~JCXXFrame();
 
-  // The announced size of a message header, the payload length of the others.
+  // For a message header the announced size, otherwise the payload length.
   std::size_t GetSize();
 
-  // The first payload byte, or null when there is none. Good until the frame
+  // The first payload byte, or null when there is none. Valid until the frame
   // is resized or destroyed.
   unsigned char* GetData();
 
@@ -69,8 +69,8 @@ struct JACTOR_API JCXXFrame {
   int BuildHeaderInFive();
 
   // Describes header and payload as one or two gather entries that point into
-  // this frame, which must stay as it is until they have been written.
-  // `n` is the room in `piov`, at least 2 whatever the frame.
+  // this frame, which must not change until they have been written.
+  // `n` is the room in `piov`, at least 2 for any frame.
   // Result: 0, `used` = entries filled, `total` = bytes described; non-zero when
   //         `piov` is null, `n` is too small (neither count is touched then) or
   //         the header cannot be made (both counts are 0 then).

@@ -32,7 +32,7 @@ struct JACTOR_API JCXXMsg {
   // The message that a frame read from a sock stands for. A data frame becomes
   // the only frame of the message, which owns it from then on. A signal frame
   // gives a signal message, a message-header frame or null an empty data message;
-  // these frames stay the caller's. When it throws, every frame does.
+  // those frames stay the caller's. If it throws, any frame stays the caller's.
   explicit JCXXMsg(JCXXFrame* frame);
 
   // Copies nothing: the new message is an empty data message.
@@ -49,12 +49,12 @@ struct JACTOR_API JCXXMsg {
   bool IsSignalMsg();
   unsigned char GetSignalValue();
 
-  // The message's own list. Who changes it keeps `msg_size` right.
+  // The message's own list. Code that changes it must keep `msg_size` right.
   std::list<JCXXFrame*>& GetFrameList();
 
   // Appends a data frame, which the message owns on success.
-  // Result: 0; -1 for null, a frame of another kind, or on a signal message; the
-  //         frame stays the caller's then.
+  // Result: 0; -1 for null, a frame of another kind, or on a signal message; then
+  //         the frame stays the caller's.
   int AppendDataFrame(JCXXFrame* frame);
 
   // Appends a copy of `size` bytes, or `size` zero bytes when `mem` is null.
@@ -66,12 +66,12 @@ struct JACTOR_API JCXXMsg {
   // Result and exceptions: as AddMem; -1 for null too.
   int AddStr(const char* str);
 
-  // Removes the first frame and hands it to the caller; null when there is none.
+  // Removes the first frame and gives it to the caller; null when there is none.
   JCXXFrame* Pop();
 
   // Removes the first frame and returns its bytes, and a zero byte after them,
   // in a buffer that the caller releases with free(); null when there is none.
-  // Throws: std::bad_alloc; the frame is still in the message then.
+  // Throws: std::bad_alloc; then the frame is still in the message.
   char* PopStr();
 
   // Destroys all frames.
@@ -80,17 +80,17 @@ struct JACTOR_API JCXXMsg {
   // Writes the message: a signal as its frame, a data message as one gathered
   // write. Blocks until it is written. The message stays the caller's, with its
   // frames.
-  // Result: 0; non-zero when `psock` is null or the write failed; a part of the
-  //         message may be on the stream then.
-  // Throws: std::bad_alloc, nothing written: when memory has run out or a message
-  //         of several frames is larger than JCXXFrame::kMaxSize.
+  // Result: 0; non-zero when `psock` is null or the write failed; then a part of
+  //         the message may be on the stream.
+  // Throws: std::bad_alloc, with nothing written, when memory has run out or a
+  //         message of several frames is larger than JCXXFrame::kMaxSize.
   int WriteMessage(JCXXSock* psock);
 
   // Reads the next message. Blocks until it is complete.
   // Result:    the message, which is the caller's, or null: no frame could be
-  //            read, or the frames do not make a message (another frame than a
-  //            data frame inside it, more bytes than announced, more than
-  //            kMaxFrames frames). What was read is dropped.
+  //            read, or the frames do not make a message (a frame inside it that is
+  //            not a data frame, more bytes than announced, more than kMaxFrames
+  //            frames). What was read is dropped.
   // Throws:    std::bad_alloc.
   static JCXXMsg* ReadMessage(JCXXSock* psock);
 

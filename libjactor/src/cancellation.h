@@ -4,7 +4,7 @@
 
 #include <pthread.h>
 
-// Holds off the cancellation of this thread while it lives. Destructors close
+// Disables the cancellation of this thread while it lives. Destructors close
 // descriptors, join threads and log, all of which may be cancellation points, and a
 // cancellation that leaves a destructor ends the process.
 class NoCancellation {

@@ -1,4 +1,4 @@
-// descriptor.h - who owns a descriptor, from the line after it is made.
+// descriptor.h - owners of descriptors, from the line after they are made.
 #ifndef JACTOR_DESCRIPTOR_H
 #define JACTOR_DESCRIPTOR_H
 
@@ -19,7 +19,7 @@ inline void CloseDescriptor(int& fd) {
   }
 }
 
-// The owner of one descriptor, or of none. Closes it when it goes.
+// Owns one descriptor, or none. Closes it when destroyed.
 class Descriptor {
  public:
   explicit Descriptor(int fd = -1) : fd_(fd) {}
@@ -33,7 +33,7 @@ class Descriptor {
   int get() const { return fd_; }  // negative when there is none
   explicit operator bool() const { return fd_ >= 0; }
 
-  // Hands the descriptor over to the caller.
+  // Gives the descriptor to the caller.
   int Release() { return std::exchange(fd_, -1); }
 
  private:

@@ -2,7 +2,7 @@
 //
 // Each is a shell: a silent null test of its first handle, then the member of
 // the same name. No exception leaves: it becomes a log line and the call's
-// failure result: -1, null, or a size of 0. errno then says why (reason.h).
+// failure result (-1, null, or a size of 0). errno then says why (reason.h).
 #include "jactor.h"
 
 #include <cerrno>
@@ -22,12 +22,12 @@
 
 namespace {
 
-// What a call works with: memory alone, or system calls, which may change errno also
-// when they end well.
+// What a call works with: only memory, or system calls, which may change errno even
+// when they succeed.
 enum class Work { kMemory, kSystem };
 
-// The reason of an exception, which a call with a scope may have told before it was
-// thrown.
+// The reason for an exception; a call with a scope may have recorded it before the
+// exception was thrown.
 int ReasonOf(const std::exception& error, Work work) {
   if (const auto* system = dynamic_cast<const std::system_error*>(&error)) {
     return system->code().value();
@@ -57,7 +57,7 @@ Result NullHandle() {
 
 // Runs `use` on the instance. A std::exception becomes a log line in the name
 // of `function`, and the failure result; other exceptions, such as the
-// cancellation of the thread, pass.
+// cancellation of the thread, pass through.
 template <Work work, class Use>
 auto Guarded(const char* function, Use use, int level = JACTOR_LEVEL_ERROR)
     -> decltype(use(std::declval<JCXXActorAPI&>())) {
@@ -85,7 +85,7 @@ auto CallOn(const char* function, Handle* handle, Arguments... arguments) {
                            : Call<member, Work::kMemory>(function, handle, arguments...);
 }
 
-// Destroys `*p` with the member of the API that does so, and nulls it in any case.
+// Destroys `*p` with the given member of the API, and nulls it in any case.
 template <auto member, Work work, class Object>
 void Destroy(const char* function, Object** p) {
   if (p == nullptr || *p == nullptr) {
@@ -96,8 +96,8 @@ void Destroy(const char* function, Object** p) {
   *p = nullptr;
 }
 
-// What the calls that take a sock or an actor are called, and their line about a
-// handle that is neither.
+// The name of a call that takes a sock or an actor, and its line about a handle that
+// is neither.
 struct Named {
   const char* call;
   const char* invalid;

@@ -19,8 +19,8 @@
 
 namespace {
 
-// Deletes an end of the pair, for `function`; null is nothing to do. Whoever borrowed
-// it must not have destroyed it.
+// Deletes an end of the pair, for `function`; does nothing for null. Its borrower must
+// not have destroyed it.
 void DeleteEnd(JCXXSock* end, const char* function) {
   if (end != nullptr && !registry::Api().JCXXSockPtrIsValid(end)) {
     JACTOR_ERROR_AS(function, "the actor's sock has been destroyed by somebody else");
@@ -65,7 +65,7 @@ JActorThreadWrapper::~JActorThreadWrapper() {
     }
     thread = nullptr;
   }
-  registry::Signalling(sock);  // no longer waited for
+  registry::Signalling(sock);  // no longer silent
   DeleteEnd(sock, "~JActorThreadWrapper");
   sock = nullptr;
 }
@@ -85,9 +85,9 @@ void JActorThreadWrapper::the_wrapper_function() {
 
 namespace {
 
-// Closes the caller's end, which the actor function sees as the end of the
-// stream, then waits for it, then lets the rest go. At the end of a process that has
-// lost its registry the actor's thread may wait for that: all is left as it is then.
+// Closes the caller's end, which the actor function sees as the end of the stream, then
+// waits for the function, then releases the rest. At the end of a process that has lost
+// its registry the actor's thread may be waiting for it: then all is left as it is.
 void StopAndRelease(JCXXActor* actor) {
   if (process::Gone()) {
     return;

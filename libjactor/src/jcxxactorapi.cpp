@@ -75,21 +75,21 @@ void Remove(JCXXActorAPI& api, const FamilyLines& lines, Object* p, const char* 
   registry::Leave(api, p, [&] { LogPointer(function, lines.missing); });
 }
 
-// The tests of one call's arguments, in the order in which it makes them. Each logs its
-// line when it fails.
+// The tests of one call's arguments, in the order in which the call makes them. Each logs
+// its line when it fails.
 class Arguments {
  public:
   constexpr Arguments(JCXXActorAPI& api, const char* function, const char* null_line,
                       const char* invalid_line)
       : api_(api), function_(function), null_line_(null_line), invalid_line_(invalid_line) {}
 
-  // Whether there is something at all.
+  // Whether the pointer is not null.
   bool Given(const void* p) const { return p != nullptr || Refused(null_line_); }
   bool Given(const void* p, const char* null_line) const {
     return p != nullptr || Refused(null_line);
   }
 
-  // Whether a pointer that is given is a live object.
+  // Whether a pointer, which is not null, is a live object.
   bool Live(JCXXMsg* p) const { return api_.JCXXMsgPtrIsValid(p) || Refused(invalid_line_); }
   bool Live(JCXXFrame* p) const { return api_.JCXXFramePtrIsValid(p) || Refused(invalid_line_); }
   bool Live(JCXXSock* p) const { return api_.JCXXSockPtrIsValid(p) || Refused(invalid_line_); }
@@ -102,7 +102,7 @@ class Arguments {
   }
 
  private:
-  // Kept out of line: a call with good arguments does not come here.
+  // Not inlined: a call with good arguments does not get here.
   [[gnu::noinline]] bool Refused(const char* line) const {
     LogPointer(function_, line);
     reason::Fail(EINVAL);
@@ -127,8 +127,8 @@ void Destroy(const Arguments& arguments, Object** p) {
   }
 }
 
-// Looks at `sock`'s read descriptor. Result: 0 and `fd` not negative, or what
-// the sock returns, or -1.
+// Gets `sock`'s read descriptor. Result: 0 and `fd` not negative, or what the
+// sock returns, or -1.
 int ReadDescriptor(JCXXSock* sock, int& fd) {
   fd = -1;
   if (const int rc = sock->GetReadFD(fd); rc != 0 || fd < 0) {
@@ -145,7 +145,7 @@ zmq_pollitem_t PollItem(int fd) {
   return item;
 }
 
-// What the loop calls: hands the event on to the caller's handler.
+// What the loop calls: passes the event to the caller's handler.
 int hybrid_internal_handler(zloop_t* loop, zmq_pollitem_t* item, void* arg) {
   JACTOR_TRACE("hybrid_internal_handler");
   if (loop == nullptr || item == nullptr || arg == nullptr) {
@@ -162,8 +162,8 @@ int hybrid_internal_handler(zloop_t* loop, zmq_pollitem_t* item, void* arg) {
 
 JCXXActorAPI* JCXXActorAPI::GetInstance() { return &registry::Api(); }
 
-// The registrations are few and always searched from the first to the last: they need
-// no buckets, and inserting a prepared entry therefore allocates nothing.
+// The registrations are few and always searched from the first to the last: they need no
+// buckets, so inserting a prepared entry allocates nothing.
 JCXXActorAPI::JCXXActorAPI() { pollers.max_load_factor(std::numeric_limits<float>::max()); }
 
 JCXXActorAPI::JCXXActorAPI(JCXXActorAPI const& /*other*/) {
@@ -396,8 +396,8 @@ void JCXXActorAPI::hybrid_zloop_reader_end(zloop_t* loop, JCXXSock* sock) {
   for (auto next = pollers.begin(); next != pollers.end();) {
     hybrid_poller_info* record = *next;
     int watched = -1;
-    // A sock that was destroyed in spite of its registration is not asked. One that has
-    // no descriptor now does not fail the call.
+    // A sock that was destroyed despite its registration is not asked. One that has no
+    // descriptor now does not make the call fail.
     if (socks.count(record->sock) != 0 && ReadDescriptor(record->sock, watched) == 0 &&
         watched == fd) {
       next = pollers.erase(next);

@@ -22,7 +22,7 @@ std::size_t EncodeFrame(JCXXFrame& frame, unsigned char* header) {
 
 bool HasPayload(JCXXFrame& frame) { return frame.IsDataFrame() && !frame.data.empty(); }
 
-// Reads what must follow of a frame that has begun: an end before it is damage.
+// Reads the rest of a frame that has begun: the end of the stream before it is damage.
 bool ReadExactly(JCXXSock* psock, unsigned char* buf, std::size_t len) {
   std::size_t got = 0;
   if (psock->ReadBlocking(buf, len, got) == 0 && got == len) {
@@ -32,7 +32,7 @@ bool ReadExactly(JCXXSock* psock, unsigned char* buf, std::size_t len) {
   return false;
 }
 
-// Reads what the lead byte says must follow of the header. Result: whether it came.
+// Reads the rest of the header, as the lead byte announces. Result: whether it arrived.
 bool ReadHeader(JCXXSock* psock, unsigned char lead, wire::Header& header) {
   unsigned char bytes[wire::kMaxHeader] = {lead};
   const std::size_t more = wire::BytesAfterLead(lead);

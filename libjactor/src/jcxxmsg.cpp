@@ -1,6 +1,6 @@
 // jcxxmsg.cpp - the message record, and messages and signals on a sock.
 //
-// A one-frame message is that data frame alone on the stream. Any other data
+// On the stream, a message of one frame is only that data frame. Any other data
 // message is a message-header frame announcing its payload bytes, then its data
 // frames. A signal is one signal frame.
 #include "jcxxmsg.h"
@@ -26,8 +26,8 @@ namespace {
 constexpr const char* kWriteMessage = "WriteMessage";
 constexpr const char* kReadMessage = "ReadMessage";
 
-// A gather list with room for every header and payload of a message of `frames`
-// frames and its message header. A small one needs no heap.
+// A gather list with room for the message header and every header and payload of a
+// message of `frames` frames. A small one needs no heap memory.
 class GatherList {
  public:
   explicit GatherList(std::size_t frames) : room_(std::max<std::size_t>(2 * frames + 1, 2)) {
@@ -109,7 +109,7 @@ int WriteData(JCXXSock* psock, JCXXMsg& msg) {
   return WriteFrames(psock, msg, list);
 }
 
-// The line about a frame that cannot stand in `msg`, which announced `expected` bytes;
+// The line about a frame that cannot be in `msg`, which announced `expected` bytes;
 // null when it can.
 const char* DamageBy(JCXXFrame& frame, JCXXMsg& msg, std::size_t expected) {
   if (!frame.IsDataFrame()) {

@@ -1,5 +1,5 @@
-// jcxxsock.cpp - reading and writing exact byte counts over descriptors, the
-// pipe-pair sock, and the sock over a named FIFO, in this order.
+// jcxxsock.cpp - reading and writing exact byte counts on descriptors, the
+// pipe-pair sock, and the sock on a named FIFO, in this order.
 //
 // Every system call's EINTR, EAGAIN and short count is handled here and nowhere
 // else.
@@ -34,8 +34,8 @@ namespace {
 
 bool MustRepeat(int error) { return error == EAGAIN || error == EINTR; }
 
-// Whether the step that has just failed on `fd` is to be repeated, by errno. Where
-// somebody has made the descriptor non-blocking, waits first until it is ready for
+// Whether errno says that the step that has just failed on `fd` is to be repeated. If
+// somebody has made the descriptor non-blocking, first waits until it is ready for
 // `event`, so that repeating takes no processor time.
 bool RepeatWhenReady(int fd, short event) {
   if (errno == EAGAIN) {
@@ -123,7 +123,7 @@ int SkipSent(const iovec* iov, std::size_t sent, std::vector<iovec>& rest) {
 // Writes what the first write of `iov` left over. Result: 0 when all `total`
 // bytes are out, otherwise -1.
 int WriteRemainder(int fd, const iovec* iov, int iovcnt, std::size_t sent, std::size_t total) {
-  reason::Fail(EIO);  // unless all of it gets out after all
+  reason::Fail(EIO);  // unless all of it is written after all
   std::vector<iovec> rest(iov, iov + iovcnt);
   while (sent < total) {
     const int first = SkipSent(iov, sent, rest);
@@ -231,7 +231,7 @@ constexpr const char* kReadStep = "ReadBlockingReadaheadBuffered";
 constexpr std::size_t kReadAheadCap = 16384;
 constexpr std::size_t kReadAheadFallback = 4096;
 
-// The caller's bytes from the buffer.
+// Serves the caller's bytes from the buffer.
 std::size_t ServeFromBuffer(JCXXSock& sock, void* buf, std::size_t s) {
   JACTOR_TRACE_AS(kReadStep, "use data from the buffer");
   if (sock.read_buffer_avail >= s) {
@@ -264,7 +264,7 @@ void CreateBuffer(JCXXSock& sock, int fd) {
   sock.read_buffer_avail = 0;
 }
 
-// The read step: `pending` bytes wait, more than the `s` that the caller wants.
+// The read step when `pending` bytes wait, more than the `s` that the caller wants.
 ssize_t ReadAhead(JCXXSock& sock, int fd, void* buf, std::size_t s, std::size_t pending) {
   if (sock.read_buffer == nullptr) {
     CreateBuffer(sock, fd);
@@ -300,7 +300,7 @@ ssize_t ReadAhead(JCXXSock& sock, int fd, void* buf, std::size_t s, std::size_t 
   return static_cast<ssize_t>(s);
 }
 
-// The read step: no more waits than the caller wants.
+// The read step when no more bytes wait than the caller wants.
 ssize_t ReadDirect(int fd, void* buf, std::size_t s) {
   JACTOR_TRACE_AS(kReadStep, "direct");
   const ssize_t wasread = ::read(fd, buf, s);
@@ -337,7 +337,7 @@ ssize_t JCXXSock::ReadBlockingReadaheadBuffered(void* buf, std::size_t s) {
   }
   int fd = -1;
   if (const int rc = DescriptorOf(*this, &JCXXSock::GetReadFD, fd); rc != 0) {
-    errno = EBADF;  // ReadBlocking judges errno: an old EINTR must not make it repeat
+    errno = EBADF;  // ReadBlocking checks errno: an old EINTR must not make it repeat
     return rc;
   }
   if (s == 0) {
@@ -381,7 +381,7 @@ int JCXXSock::ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got
 
 std::size_t JCXXSock::BufferedToRead() { return read_buffer_avail; }
 
-// Not offered
+// Not supported
 
 int JCXXSock::ReadNonBlocking(unsigned char* /*buf*/, std::size_t /*len*/, std::size_t& /*got*/) {
   return -1;
@@ -420,7 +420,7 @@ int HandOut(int descriptor, int& fd) {
   return 0;
 }
 
-// A sock that takes over both descriptors, once it has been made.
+// Makes a sock, which then takes over both descriptors.
 std::unique_ptr<JCXXSock> TakeOver(Descriptor& read_end, Descriptor& write_end) {
   auto sock = std::make_unique<SockFromPipes>(read_end.get(), write_end.get());
   read_end.Release();
@@ -532,7 +532,7 @@ void SockFromNamedEndpoint::SplitLikeURI(std::string& name, std::string& transpo
 
 namespace {
 
-// Every line of these functions names the one public call.
+// Every log line of these functions names the one public call.
 
 namespace fs = std::filesystem;
 
@@ -544,7 +544,7 @@ bool IsThere(fs::file_type type) {
   return type != fs::file_type::none && type != fs::file_type::not_found;
 }
 
-// Says why a step failed: by the file system, or since somebody else was faster.
+// Says why a step failed: the file system refused, or another process was faster.
 bool Failed(std::error_code error) {
   reason::Fail(error ? error.value() : EEXIST);
   return false;
@@ -555,8 +555,8 @@ bool Removed(const std::string& path) {
   return fs::remove(path, error) || Failed(error);
 }
 
-// Takes the direction prefix off the name. It is accepted whatever the caller
-// asked for.
+// Takes the direction prefix off the name. Either one is accepted, whatever the
+// direction asked for.
 void StripPrefix(std::string& name, bool pull) {
   const char prefix = name.front();
   if (prefix != '@' && prefix != '>') {
@@ -636,7 +636,7 @@ std::string FifoPath(const std::string& transport, std::string path) {
   return fifopath;
 }
 
-// Puts a directory at the run directory's path, whatever else stands there.
+// Makes sure that the run directory's path is a directory, whatever else was there.
 bool EnsureRunDirectory() {
   const std::string tmpdir = kRunDirectory;
   if (const fs::file_type type = fs::status(tmpdir).type(); type == fs::file_type::directory) {
@@ -661,8 +661,8 @@ bool EnsureRunDirectory() {
   return true;
 }
 
-// Makes the FIFO for everybody, whatever the umask. One thread at a time changes that:
-// two at once could leave it changed.
+// Makes the FIFO for everybody, whatever the umask. One thread at a time changes the
+// umask: two at the same time could leave it changed.
 bool CreateFifo(const std::string& fifopath) {
   const process::CriticalSection section(process::umask_mutex);
   const mode_t old_umask = ::umask(0);
@@ -675,7 +675,7 @@ bool CreateFifo(const std::string& fifopath) {
   return rc == 0;
 }
 
-// Puts a FIFO at its path, whatever else stands there.
+// Makes sure that the path is a FIFO, whatever else was there.
 bool EnsureFifo(const std::string& fifopath) {
   if (const fs::file_type type = fs::status(fifopath).type(); type == fs::file_type::fifo) {
     JACTOR_TRACE_AS(kOpenEndpoint, "fifopath exists and is a fifo.");
@@ -701,8 +701,8 @@ bool IsFifo(int fd) {
   return ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-// Opens the FIFO both ways, so that the opening waits for nobody. Result: none when it
-// cannot be opened, also when the file has been exchanged for something else.
+// Opens the FIFO both ways, so that opening waits for nobody. Result: none when it cannot
+// be opened, or when the file has been replaced with something else.
 Descriptor OpenFifo(const std::string& fifopath) {
   Descriptor opened(::open(fifopath.c_str(), O_RDWR | O_NOFOLLOW | O_NOATIME | O_CLOEXEC));
   if (!opened || !IsFifo(opened.get())) {

@@ -1,4 +1,4 @@
-// message_scan.h - whether bytes hold a whole message, without taking them.
+// message_scan.h - checks whether bytes hold a whole message, without taking them.
 #ifndef JACTOR_MESSAGE_SCAN_H
 #define JACTOR_MESSAGE_SCAN_H
 
@@ -6,16 +6,16 @@
 
 #include "wire.h"
 
-// Follows one message over bytes that become more, by the rules of the reader.
+// Follows one message as more of its bytes arrive, by the rules of the reader.
 class MessageScan {
  public:
   enum class Verdict {
     kPartial,  // a reader would wait for more
     kWhole,    // a message or a signal is there
-    kDamaged,  // a reader would find out now that the bytes are not a message
+    kDamaged,  // a reader would now find that the bytes are not a message
   };
 
-  // Looks at the `count` bytes there are by now, which begin where the message does.
+  // Looks at the `count` bytes that are there so far, from the beginning of the message.
   Verdict Look(const unsigned char* bytes, std::size_t count) {
     Verdict verdict = Verdict::kPartial;
     while (verdict == Verdict::kPartial && next_ < count) {
@@ -61,7 +61,7 @@ class MessageScan {
     return missing_ == 0 ? Verdict::kWhole : Verdict::kPartial;
   }
 
-  std::size_t next_ = 0;  // where the first frame begins that is not complete
+  std::size_t next_ = 0;  // where the first incomplete frame begins
   bool in_message_ = false;
   std::size_t missing_ = 0;  // payload bytes of the message
   std::size_t frames_ = 0;

@@ -25,7 +25,7 @@ constinit std::atomic<std::mutex*> registry_mutex{nullptr};
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool forking = false;
 
 // A signal handler may fork inside a section of the thread that it interrupted: that
-// section goes on in both processes, and gives its lock back in both.
+// section goes on in both processes, and releases its lock in both.
 void BeforeFork() {
   if (forking || inside || Gone()) {
     return;
@@ -45,8 +45,8 @@ void AfterFork() {
 }
 
 // Whether the lock can be taken. Its holders keep it for less than a microsecond, and
-// lose their processor for far less than a second; but a thread that is inside itself,
-// under its signal handler, waits for itself.
+// lose their processor for far less than a second. But if this thread holds it itself,
+// below its signal handler, it would wait for itself.
 bool CanBeHad(std::mutex& mutex) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
   while (!mutex.try_lock()) {

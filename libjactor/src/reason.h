@@ -1,12 +1,12 @@
-// reason.h - how the reason of a failure gets from the place that knows it to errno.
+// reason.h - how the reason for a failure gets from the code that knows it to errno.
 //
-// The place that knows why a call fails says so with Fail(), at the moment in which the
-// failure is decided: a failed step that is repeated has no reason. A call that works in
+// The code that knows why a call fails says so with Fail(), when it is certain that the
+// call fails: a failed step that is repeated has no reason. A call that only works in
 // memory needs no more: its successes do not touch errno. A call that makes system calls
-// has a Scope around it, since they change errno also where all ends well, and lines of
-// the log may follow the failure: the thread keeps the reason, and the Scope puts it into
-// errno at the end, or leaves errno as it was. A call inside such a call, made by a log or
-// a handler, keeps the reasons apart.
+// has a Scope around it, since they change errno even when all ends well, and log lines
+// may follow the failure: the thread keeps the reason, and the Scope puts it into errno
+// at the end, or leaves errno as it was. If a log sink or a handler calls the library
+// inside such a call, the inner call's reason is kept apart.
 #ifndef JACTOR_REASON_H
 #define JACTOR_REASON_H
 
@@ -20,24 +20,24 @@ inline constexpr int kNone = -1;
 [[gnu::tls_model("initial-exec")]] inline constinit thread_local int why = kNone;
 
 // Says why the call fails: a value of errno, or 0 at the end of the stream. Result: -1,
-// for those who return that.
+// for callers that return that.
 inline int Fail(int error) {
   why = error;
   errno = error;
   return -1;
 }
 
-// The stream has ended, or a read has failed, inside a message: an end is damage there.
+// The stream has ended, or a read has failed, inside a message. There an end is damage.
 inline void EndIsDamage() {
   if (why <= 0) {
     why = EBADMSG;
   }
 }
 
-// The part that could have failed did not.
+// The step that could have failed succeeded after all.
 inline void Clear() { why = kNone; }
 
-// A call with system calls, from beginning to end.
+// Goes around a call that makes system calls, from beginning to end.
 class Scope {
  public:
   Scope() : before_(errno), outer_(std::exchange(why, kNone)) {}

@@ -1,4 +1,4 @@
-// registry.cpp - making the instance, and the threads' memories of it.
+// registry.cpp - making the instance, and what each thread remembers of it.
 #include "registry.h"
 
 #include <pthread.h>
@@ -10,11 +10,11 @@ namespace registry {
 
 namespace {
 
-// Storage without an end.
+// Storage that is never released.
 alignas(Instance) constinit unsigned char storage[sizeof(Instance)] = {};
 constinit std::once_flag made;
 
-// Frees the memory of a thread that ends, after the destructors of its thread-local
+// Frees the memory of an ending thread, after the destructors of its thread-local
 // objects.
 pthread_key_t key;
 
@@ -59,8 +59,8 @@ Instance::Instance() {
   msgs.reserve(kUsualObjects);
 }
 
-// pthread_once(), which is behind std::call_once, knows of forks: a child that has lost
-// the thread at work here does the work again.
+// pthread_once(), which std::call_once uses, handles forks: if a child has lost the thread
+// that was at work here, the child does the work again.
 JCXXActorAPI* MakeInstance() {
   std::call_once(made, [] {
     if (::pthread_key_create(&key, FreeMemory) != 0) {

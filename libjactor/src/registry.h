@@ -1,17 +1,17 @@
-// registry.h - the process-wide instance: entering its sets, leaving them, asking them,
-// and what stands beside a set so that it is asked less often, an entry costs no
-// allocation in the steady state, and the mutex is taken once for what comes or goes
-// together (together.h).
+// registry.h - the process-wide instance: entering its sets, leaving them, asking them. The
+// data kept beside each set makes it be asked less often, an entry costs no allocation in the
+// steady state, and the mutex is taken once for objects that enter or leave together
+// (together.h).
 //
-// A set is only touched with the registry's mutex held; nothing is logged here. What
-// keeps the answers exact:
+// A set is only touched with the registry's mutex held; nothing is logged here. These rules
+// keep the answers exact:
 // 1. A remembered answer is used only while the count of departures (for a valid handle)
 //    or arrivals (for an unknown one) that it was given with has not moved.
 // 2. Counts move with the mutex held, before the call that changed the set returns, so
-//    that whoever can know of a change no longer finds the answer from before it.
-// 3. An object has entered when a call hands it out, and has left before it is freed.
+//    that a thread that can know of a change no longer finds the answer from before it.
+// 3. An object has entered when a call returns it, and has left before it is freed.
 //
-// What each brings, in instructions a message without it and with it, and in messages a
+// What each measure gains: instructions per message without it and with it, and messages per
 // second of processor time:
 //
 //                        message-32      frames-8       build-3        signal
@@ -23,8 +23,8 @@
 //     one processor      -2 %           +1 %
 //     two processors     +2 %           +47 %
 //
-// Spare nodes of each thread's own brought 1 to 4 % more on two processors, and cost 2 %
-// on one; spinning longer before sleeping brought nothing.
+// Spare nodes for each thread brought 1 to 4 % more on two processors, and cost 2 % on one;
+// spinning longer before sleeping brought nothing.
 #ifndef JACTOR_REGISTRY_H
 #define JACTOR_REGISTRY_H
 
@@ -53,10 +53,9 @@ std::size_t SpreadAddress(const void* p) {
   return (reinterpret_cast<std::uintptr_t>(p) * kGoldenRatio >> 32) % count;
 }
 
-// How often objects of one family have come and gone, counted apart for groups of
-// addresses, each on a cache line of its own. While nothing of its group has gone,
-// a valid handle is still valid; while nothing has come, an unknown one is still
-// unknown.
+// How often objects of one family have entered and left, counted separately for groups of
+// addresses, each group on its own cache line. While nothing in its group has left, a valid
+// handle is still valid; while nothing has entered, an unknown one is still unknown.
 class Changes {
  public:
   // The count that an answer of this kind depends on.
@@ -65,7 +64,7 @@ class Changes {
     return (valid ? group.removed : group.added).load(std::memory_order_acquire);
   }
 
-  // With the mutex held, as a handle enters or leaves its set, or all leave.
+  // Called with the mutex held, as a handle enters or leaves its set, or all leave.
   void CountAdded(const void* p) { Increment(groups_[SpreadAddress<kGroups>(p)].added); }
   void CountRemoved(const void* p) { Increment(groups_[SpreadAddress<kGroups>(p)].removed); }
   void CountAllRemoved() {
@@ -81,7 +80,7 @@ class Changes {
     std::atomic<std::uint64_t> removed{0};
   };
 
-  // The mutex keeps other writers away: no locked instruction is needed.
+  // The mutex keeps other writers out: no locked instruction is needed.
   static void Increment(std::atomic<std::uint64_t>& count) {
     count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_release);
   }
@@ -89,9 +88,9 @@ class Changes {
   std::array<Group, kGroups> groups_;
 };
 
-// The handles of one family that a thread last asked for, each with the answer and the
-// count that the answer depends on. A handle whose count has moved, by whichever
-// thread, has to be asked for again.
+// The handles of one family that a thread last asked about, each with the answer and the
+// count that the answer depends on. If any thread has moved the count, the set has to be
+// asked again.
 template <class Object>
 class KnownHandles {
  public:
@@ -105,7 +104,7 @@ class KnownHandles {
     return valid;
   }
 
-  // With the mutex held, so that answer and count belong together.
+  // Called with the mutex held, so that answer and count belong together.
   void Remember(const Changes& changes, const Object* p, bool valid) {
     entries_[SpreadAddress<kEntries>(p)] = {p, Answer(changes, p, valid)};
   }
@@ -124,16 +123,16 @@ class KnownHandles {
   std::array<Entry, kEntries> entries_ = {};
 };
 
-// What one thread remembers, of all families. Made at its first use of the registry and
-// freed when the thread ends: a process that loads the library late has little room for
-// thread-local storage to give away.
+// What one thread remembers about all families. Made at its first use of the registry and
+// freed when the thread ends: a process that loads the library late has little room left for
+// thread-local storage.
 struct Memory {
   KnownHandles<JCXXSock> socks;
   KnownHandles<JCXXActor> actors;
   KnownHandles<JCXXFrame> frames;
   KnownHandles<JCXXMsg> msgs;
 
-  Making* making = nullptr;  // by the call that makes objects, if there is one
+  Making* making = nullptr;  // of the call that is making objects, if there is one
   Departed departed;
 
   // This thread's; null before the first use, and when there was no memory for it.
@@ -146,13 +145,13 @@ struct Memory {
   static Memory* Make();
 };
 
-// Set nodes kept for the next objects. Only with the mutex held.
+// Set nodes kept for the next objects. Used only with the mutex held.
 template <class Object>
 class SpareNodes {
  public:
   using Set = std::unordered_set<Object*>;
 
-  // Enters `p`; false when it is there already.
+  // Enters `p`; false when it is already there.
   bool Insert(Set& set, Object* p) {
     if (count_ == 0) {
       return set.insert(p).second;
@@ -185,16 +184,16 @@ class SpareNodes {
   std::size_t count_ = 0;
 };
 
-// What stands beside the set of one family.
+// The data kept beside the set of one family.
 template <class Object>
 struct Beside {
   Changes changes;
   SpareNodes<Object> spares;
 };
 
-// The process-wide instance. Only its registry is remembered by threads and keeps
-// spare nodes: another object of the class has nothing but its sets. It is never
-// destroyed, so that a handle stays good until its object has gone, whichever static
+// The process-wide instance. Threads remember answers only of its registry, and only it
+// keeps spare nodes: another object of the class has nothing but its sets. It is never
+// destroyed, so that a handle stays valid until its object has gone, whichever static
 // object or exit handler holds it.
 struct Instance final : JCXXActorAPI {
   Instance();
@@ -211,7 +210,7 @@ struct Instance final : JCXXActorAPI {
 // Null until the first use.
 inline constinit std::atomic<Instance*> the_instance{nullptr};
 
-// Makes the instance once, whichever threads ask. Throws std::bad_alloc; the next call
+// Makes the instance once, however many threads ask. Throws std::bad_alloc; the next call
 // tries again.
 [[gnu::noinline, gnu::cold]] JCXXActorAPI* MakeInstance();
 
@@ -221,8 +220,8 @@ inline JCXXActorAPI& Api() {
   return made != nullptr ? *made : *MakeInstance();
 }
 
-// An actor's end is silent until its function sends the first signal over it. A signal
-// on any other sock costs one load.
+// An actor's end is silent until its function sends the first signal on it. A signal on
+// any other sock costs one load.
 inline constinit std::atomic<std::size_t> silent_socks{0};
 void BecomeSilent(const JCXXSock* actors_end);
 bool IsSilent(const JCXXSock* actors_end);
@@ -233,7 +232,7 @@ inline void Signalling(const JCXXSock* sock) {
   }
 }
 
-// Where the parts of a family are.
+// Where to find the parts of a family.
 template <class Object>
 struct Family;
 #define JACTOR_FAMILY(Class, name)                            \
@@ -249,14 +248,14 @@ JACTOR_FAMILY(JCXXFrame, frames)
 JACTOR_FAMILY(JCXXMsg, msgs)
 #undef JACTOR_FAMILY
 
-// What is beside the set in `api`; null unless it is the instance.
+// The data beside the set in `api`; null unless `api` is the instance.
 template <class Object>
 Beside<Object>* BesideIn(JCXXActorAPI& api) {
   Instance* instance = the_instance.load(std::memory_order_relaxed);
   return &api == instance ? &(instance->*Family<Object>::kBeside) : nullptr;
 }
 
-// Kept out of line, so that a known handle costs no more than looking it up.
+// Not inlined, so that a known handle costs no more than looking it up.
 template <class Object>
 [[gnu::noinline]] bool AskSet(JCXXActorAPI& api, Object* p) {
   if (process::Gone()) {
@@ -284,7 +283,7 @@ template <class Object>
   return AskSet(api, p);
 }
 
-// Enters `p` into its set; false when it is there already. `memory` is this thread's,
+// Enters `p` into its set; false when it is already there. `memory` is this thread's,
 // or null.
 template <class Object>
 [[gnu::always_inline]] inline bool EnterSet(JCXXActorAPI& api, Object* p, Memory* memory) {
@@ -321,7 +320,7 @@ template <class Object>
 template <class Object>
 constexpr bool kTogether = std::is_same_v<Object, JCXXFrame> || std::is_same_v<Object, JCXXMsg>;
 
-// Enters what has been made. Throws std::bad_alloc; the rest has not entered then.
+// Enters what has been made. Throws std::bad_alloc; then the rest has not entered.
 [[gnu::noinline]] inline void EnterTogether(JCXXActorAPI& api, Making& making) {
   if (process::Gone()) {
     return;
@@ -346,15 +345,15 @@ template <class Object>
   return true;
 }
 
-// Whether `p` is out of its set already, rightly: it has not entered, or has left.
+// Whether it is right that `p` is not in its set: it has not entered yet, or has left.
 template <class Object>
 [[gnu::always_inline]] inline bool IsOut(Memory& memory, const Object* p) {
   return (memory.making != nullptr && memory.making->Of<Object>().Drop(p)) ||
          memory.departed.Meet(p);
 }
 
-// Enters `p` into its set, or takes it out. When that cannot be, since it is there
-// already or not there, calls `refused` with the mutex still held, and lent.
+// Enters `p` into its set, or takes it out. When it is already there, or not there, calls
+// `refused` with the mutex still held, and lent.
 template <class Object, class Refused>
 void Enter(JCXXActorAPI& api, Object* p, Refused refused) {
   if (process::Gone()) {
@@ -389,8 +388,8 @@ void Leave(JCXXActorAPI& api, Object* p, Refused refused) {
   }
 }
 
-// While it lives, what this thread makes with New() has not entered the registry,
-// and need not when it is destroyed before Enter().
+// While it lives, objects that this thread makes with New() do not enter the registry, and
+// never will if they are destroyed before Enter().
 class MakingTogether {
  public:
   MakingTogether() : memory_(Memory::Have()) {
@@ -422,7 +421,7 @@ std::unique_ptr<Object> New(Arguments... arguments) {
   return std::make_unique<Object>(arguments...);
 }
 
-// An object that a call has for itself, and that never enters.
+// An object that a call uses only internally, and that never enters.
 template <class Object>
 class Private {
  public:
@@ -440,9 +439,9 @@ class Private {
   std::optional<Object> object_;
 };
 
-// Takes a message's frames, and then the message, out of their sets at once; they are
-// destroyed next, in this order. Those that are not there are left to leave one by one,
-// and so are a message alone and one that is still being made.
+// Takes a message's frames, and then the message, out of their sets together; they are
+// destroyed next, in this order. If one is not there, it and the rest leave one by one, and
+// so do a message without frames and one that is still being made.
 inline void LeaveTogether(JCXXMsg* msg, const std::list<JCXXFrame*>& frames) {
   Memory* memory = Memory::own;
   if (frames.empty() || memory == nullptr || memory->making != nullptr || process::Gone()) {

@@ -1,9 +1,8 @@
 // together.h - objects that enter the registry together, or leave it together, with its
-// mutex taken once: what one receive makes, and a message with its frames.
+// mutex taken once: those that one receive makes, and a message with its frames.
 //
-// Nobody but their maker knows objects that have not entered yet, and their maker asks
-// for none of them. What leaves together is taken out of the sets before the first of it
-// is freed.
+// Only their maker knows objects that have not entered yet, and it does not ask about them.
+// Objects that leave together are taken out of the sets before the first of them is freed.
 #ifndef JACTOR_TOGETHER_H
 #define JACTOR_TOGETHER_H
 
@@ -16,7 +15,7 @@
 
 namespace registry {
 
-// Objects of one family that are made and have not entered, oldest first.
+// Objects of one family that have been made and have not entered, oldest first.
 template <class Object>
 class Unentered {
  public:
@@ -24,8 +23,8 @@ class Unentered {
   bool full() const { return end_ == kRoom; }
   void Add(Object* p) { objects_[end_++] = p; }
 
-  // Drops `p`, which its maker has no use for; false when it is not among them. They
-  // mostly go in the order in which they came, or the last one first.
+  // Drops `p`, which its maker does not need; false when it is not among them. Objects are
+  // mostly dropped in the order in which they were made, or the last one first.
   bool Drop(const Object* p) {
     Object** const begin = objects_ + first_;
     Object** const end = objects_ + end_;
@@ -63,7 +62,7 @@ class Unentered {
 struct Making {
   Unentered<JCXXFrame> frames;
   Unentered<JCXXMsg> msgs;
-  bool constructing = false;  // until the object is there: a line of the log may make others
+  bool constructing = false;  // until the object exists: a log line may make other objects
 
   template <class Object>
   Unentered<Object>& Of() {
@@ -92,7 +91,7 @@ struct Making {
   };
 };
 
-// What has left the registry and is destroyed next: so many frames, and the message.
+// What has left the registry and is destroyed next: this many frames, and the message.
 struct Departed {
   std::size_t frames = 0;
   const JCXXMsg* msg = nullptr;

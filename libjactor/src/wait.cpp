@@ -1,9 +1,9 @@
-// wait.cpp - waiting until a receive will not wait.
+// wait.cpp - waiting until a receive would not block.
 //
-// What has come of a message is kept in the sock's read-ahead buffer, from which every
-// read is served first. Only here does that buffer grow beyond its usual size: to a
+// The part of a message that has arrived is kept in the sock's read-ahead buffer, from which
+// every read is served first. Only here does that buffer grow beyond its usual size: to a
 // whole message, which is at most two mebibytes of payload and the headers of a million
-// frames. It is given back by the next wait that finds it empty.
+// frames. The next wait that finds it empty frees it.
 #include <poll.h>
 #include <unistd.h>
 
@@ -26,14 +26,14 @@ constexpr std::size_t kUsualBuffer = 16384;
 // The end of a wait, on the monotonic clock.
 class Deadline {
  public:
-  // A negative number of milliseconds is no limit.
+  // A negative number of milliseconds means no limit.
   explicit Deadline(int milliseconds) {
     if (milliseconds >= 0) {
       end_ = Clock::now() + std::chrono::milliseconds(milliseconds);
     }
   }
 
-  // For poll(), rounded up so that it is never early.
+  // For poll(), rounded up so that it never ends early.
   int MillisecondsLeft() const {
     if (!end_) {
       return -1;
@@ -54,7 +54,7 @@ void SetBuffer(JCXXSock& sock, unsigned char* buffer, std::size_t size) {
   sock.read_buffer_size = size;
 }
 
-// Makes room behind the bytes that are held. Throws std::bad_alloc, nothing changed.
+// Makes room after the bytes that are held. Throws std::bad_alloc, with nothing changed.
 void MakeRoom(JCXXSock& sock) {
   const std::size_t held = sock.read_buffer_avail;
   if (sock.read_buffer == nullptr || held == sock.read_buffer_size) {
@@ -72,8 +72,8 @@ void MakeRoom(JCXXSock& sock) {
   }
 }
 
-// Takes some of the `pending` bytes off the descriptor. Result: false when that fails,
-// as the next read will.
+// Takes some of the `pending` bytes off the descriptor. Result: false when that fails, as
+// the next read will too.
 bool Fill(JCXXSock& sock, int fd, std::size_t pending) {
   MakeRoom(sock);
   const std::size_t room = sock.read_buffer_size - sock.read_buffer_avail;

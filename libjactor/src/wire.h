@@ -1,9 +1,9 @@
 // wire.h - the header in front of every frame on a stream, as pure functions.
 //
 // A header has 1, 2, 3 or 5 bytes. Bit 7 of the lead byte tells a signal from the
-// others, bit 6 a message header from a data frame; bits 5-4 hold the form in which
-// the size follows. Of a signal, bit 6 says that its value has a byte of its
-// own. The writer takes the shortest form; a reader takes any.
+// others, bit 6 a message header from a data frame; bits 5-4 give the form of the
+// size. In a signal, bit 6 says that the value is in a second byte. The writer uses
+// the shortest form; a reader accepts any.
 #ifndef JACTOR_WIRE_H
 #define JACTOR_WIRE_H
 
@@ -15,7 +15,7 @@
 namespace wire {
 
 inline constexpr std::uint32_t kMaxSize = JACTOR_MAX_SIZE;  // of a frame, and of a message
-inline constexpr std::size_t kMaxFrames = 1048576;          // that a reader takes into a message
+inline constexpr std::size_t kMaxFrames = 1048576;          // that a reader accepts in a message
 inline constexpr std::size_t kMaxHeader = 5;                // bytes
 
 // Numbered as the types of JCXXFrame.
@@ -52,7 +52,7 @@ constexpr std::size_t BytesAfterLead(unsigned char lead) {
   return kBytesAfterForm[(lead >> kFormShift) & kFormMask];
 }
 
-// Whether bits are set in the lead byte that a reader ignores.
+// Whether the lead byte has bits set that a reader ignores.
 constexpr bool HasIgnoredBits(unsigned char lead) {
   if (KindOf(lead) == Kind::kSignal) {
     return BytesAfterLead(lead) != 0 && (lead & kShortSignalMask) != 0;
@@ -74,7 +74,7 @@ constexpr Header Decode(const unsigned char* header) {
   return {kind, less_base ? number + kForm1Base : number};
 }
 
-// Puts the shortest header into `header`, which has room for kMaxHeader bytes. Result:
+// Writes the shortest header into `header`, which has room for kMaxHeader bytes. Result:
 // its length. A signal's value is at most 255.
 constexpr std::size_t Encode(Header what, unsigned char* header) {
   const std::uint32_t number = what.number;
