@@ -21,6 +21,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "python"))
 
 import jactor  # noqa: E402
 import zmq  # noqa: E402
+from quiet import wait_until_quiet  # noqa: E402
 
 WAYS = {"send": "`send`", "send_many": "`send_many`", "zmq": "pyzmq"}
 ROWS = (("one-way, 32 B", 32, False), ("one-way, 1 KiB", 1024, False), ("round trip of 32 B", 32, True))
@@ -154,8 +155,9 @@ def main():
     if arguments.work:
         way, size, is_trip, end, place, count = arguments.work
         return work(way, int(size), is_trip == "1", int(end), place, int(count))
+    load = wait_until_quiet()
     print(f"Python {sys.version.split()[0]}, pyzmq {zmq.__version__}, ZeroMQ {zmq.zmq_version()}, "
-          f"{len(os.sched_getaffinity(0))} processors, {arguments.reps} repetitions, load {os.getloadavg()[0]:.1f}\n")
+          f"{len(os.sched_getaffinity(0))} processors, {arguments.reps} repetitions, load {load:.1f}\n")
     print("| Row | " + " | ".join(WAYS.values()) + " | `send` to pyzmq | `send_many` to pyzmq |")
     print("|---|---|---|---|---|---|")
     for title, size, is_trip in ROWS:

@@ -5,6 +5,7 @@ import statistics
 import subprocess
 
 import claims
+from quiet import MOST_LOAD
 from rows import BYTES, RATE, TRIP
 
 NAMES = {"jactor": "jactor", "pipe": "the limit", "fifo": "the limit", "czmq": "CZMQ",
@@ -102,7 +103,7 @@ def machine_text(machine):
         f"{machine['load_before']:.2f}.",
         f"- {machine['compiler']}, Release; {libraries}.",
     ]
-    if machine["load_before"] > 0.5:
+    if machine["load_before"] > MOST_LOAD:
         lines.append("- **The machine was busy with other things: take these figures as rough.**")
     return "\n".join(lines)
 

@@ -16,6 +16,7 @@ import sys
 from pathlib import Path
 
 import report
+from quiet import wait_until_quiet
 from rows import all_rows
 
 TIME_LIMIT = 180  # seconds for one run
@@ -79,7 +80,7 @@ def package_version(name):
     return output_of("dpkg-query", "-W", "-f", "${Version}", name) or "unknown"
 
 
-def describe_machine(repetitions, seconds):
+def describe_machine(load, repetitions, seconds):
     return {
         "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
         "processor": processor(),
@@ -90,7 +91,7 @@ def describe_machine(repetitions, seconds):
         "commit": output_of("git", "rev-parse", "--short", "HEAD"),
         "libraries": {name: package_version(name)
                       for name in ("libc6", "libczmq4", "libzmq5", "libnng1")},
-        "load_before": os.getloadavg()[0],
+        "load_before": load,
         "repetitions": repetitions,
         "seconds_of_a_run": seconds,
     }
@@ -128,7 +129,9 @@ def main():
         sys.exit(f"bench: no row matches {arguments.rows!r}; --list names them")
     repetitions = arguments.reps or (3 if arguments.quick else 7)
     seconds = arguments.seconds or (0.08 if arguments.quick else 0.5)
-    machine = describe_machine(repetitions, seconds)
+    full = not arguments.quick and not arguments.rows and not arguments.cpu_time
+    load = wait_until_quiet() if full else os.getloadavg()[0]
+    machine = describe_machine(load, repetitions, seconds)
     os.environ.pop("JLOG_LEVEL", None)
     try:
         results = measure(arguments.program, rows, repetitions, seconds)
@@ -139,7 +142,6 @@ def main():
     arguments.output.mkdir(parents=True, exist_ok=True)
     report.write_json(arguments.output / "results.json", rows, results, machine)
     report.write_charts(arguments.output, rows, results)
-    full = not arguments.quick and not arguments.rows and not arguments.cpu_time
     if full or arguments.refresh:
         report.refresh_docs(arguments.docs, rows, results, text)
 
