@@ -101,25 +101,22 @@ void AsksForIt() {
 }
 
 void HandleComesAndGoes() {
-  std::thread first(AsksForIt);
-  std::thread second(AsksForIt);
+  const std::jthread first(AsksForIt);
+  const std::jthread second(AsksForIt);
   ComesAndGoes();
-  first.join();
-  second.join();
 }
 
 // The first use
 
+void UseAMessage() {
+  JCXXMsg* msg = j_msg_new();
+  Demand(msg != nullptr && j_msg_addstr(msg, "a") == 0, "a new handle is not good");
+  Demand(Take(msg) == "a", "what was put into a message is not there");
+}
+
 void FirstUse() {
-  const auto uses = [] {
-    JCXXMsg* msg = j_msg_new();
-    Demand(msg != nullptr && j_msg_addstr(msg, "a") == 0, "a new handle is not good");
-    Demand(Take(msg) == "a", "what was put into a message is not there");
-  };
-  std::thread first(uses);
-  std::thread second(uses);
-  first.join();
-  second.join();
+  const std::jthread other(UseAMessage);
+  UseAMessage();
 }
 
 // The end of the process
@@ -139,15 +136,11 @@ void CallsAtTheEnd() {
 void ExitBesideBusyThread() {
   std::atexit(CallsAtTheEnd);
   kept = j_actor_new(ReceivesToTheEnd, &kept_got);
-  const auto busy = [](void*) -> void* {
+  new std::thread([] {
     for (int i = 0; i < 3; ++i) {
-      JCXXMsg* msg = j_msg_new();
-      Demand(j_msg_addstr(msg, "busy") == 0 && Take(msg) == "busy", "a call fails beside the end");
+      UseAMessage();
     }
-    return nullptr;
-  };
-  pthread_t thread;
-  Demand(::pthread_create(&thread, nullptr, busy, nullptr) == 0, "no thread");
+  });
   std::exit(0);
 }
 
@@ -207,7 +200,7 @@ void KeepsAnActorsEnd() {
 constexpr Case kCases[] = {
     {"actor", ActorStartAndStop, 2},
     {"handle", HandleComesAndGoes, 2},
-    {"first-use", FirstUse, 2},
+    {"first-use", FirstUse, 3},
     {"exit", ExitBesideBusyThread, 1},
     {"watch", WatchEndsInItsHandler, 2},
     {"wrong-count", CountsUnlocked, 1, true},
