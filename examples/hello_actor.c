@@ -1,5 +1,5 @@
 /*
- * hello_actor.c - the smallest whole use of an actor
+ * hello_actor.c - the smallest complete use of an actor
  *
  * Shows: starting an actor, sending it a message of two frames, receiving its
  * answer, stopping it.
@@ -9,7 +9,7 @@
 
 #include "jactor.h"
 
-/* Takes a greeting and a name, and returns them as one sentence. */
+/* Takes a greeting and a name, and sends them back as one sentence. */
 static int answer(j_sock_t* sock, JCXXMsg* request) {
   char sentence[128] = "";
   char* greeting = j_msg_popstr(request);
@@ -29,7 +29,7 @@ static int answer(j_sock_t* sock, JCXXMsg* request) {
 }
 
 /* The actor: signals that it is ready, serves its sock, and returns when a
- * receive gives null, which is how its creator asks it to stop. */
+ * receive returns null, which is how its creator asks it to stop. */
 static void greeter(j_sock_t* sock, void* args) {
   (void)args;
   j_sock_signal(sock, 0);

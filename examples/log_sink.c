@@ -1,8 +1,8 @@
 /*
- * log_sink.c - the log lines in the program's own hands
+ * log_sink.c - a program that takes the log lines itself
  *
  * Shows: jlog_set_sink with a function that counts the failures and prints them
- * without the place in the source; taking it back before its memory goes.
+ * without the source position; ending the sink before its memory goes.
  */
 #include <pthread.h>
 #include <stdio.h>

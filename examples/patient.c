@@ -1,7 +1,7 @@
 /*
  * patient.c - receiving with a time limit, until the end, a failure or Ctrl-C
  *
- *   patient            receives in an actor, from a creator that soon closes
+ *   patient            receives in an actor, from a creator that soon hangs up
  *   patient ENDPOINT   receives what anybody sends there
  *
  * Shows: j_sock_wait, whose limit covers whole messages and which a signal ends;
@@ -81,6 +81,6 @@ static int receive_from_endpoint(const char* endpoint) {
 
 int main(int argc, char** argv) {
   signal(SIGINT, stop);
-  setvbuf(stdout, NULL, _IOLBF, 0); /* each line is seen at once */
+  setvbuf(stdout, NULL, _IOLBF, 0); /* show each line immediately */
   return argc > 1 ? receive_from_endpoint(argv[1]) : receive_from_creator();
 }

@@ -26,7 +26,7 @@ static int push_readings(const char* endpoint) {
       rc = -1;
     }
   }
-  /* The marker goes out after a failure too, or the parent would wait for ever. */
+  /* Send the marker after a failure too, or the parent would wait for ever. */
   if (j_sock_signal(push, END_MARKER) != 0) {
     rc = -1;
   }
@@ -34,7 +34,7 @@ static int push_readings(const char* endpoint) {
   return rc == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-/* The parent: prints what comes until the end marker. */
+/* The parent: prints what arrives until the end marker. */
 static int pull_readings(JCXXSock* pull) {
   JCXXMsg* msg = NULL;
   while ((msg = j_msg_recv(pull)) != NULL && j_msg_signal(msg) != END_MARKER) {

@@ -1,9 +1,9 @@
 // pipeline.cpp - a source, three stages and a sink, side by side
 //
 // Each stage owns the actor before it and receives from it; the sink is main().
-// A full pipe holds up whoever sends into it, so that nothing piles up. The end
-// of the source travels down to the sink stage by stage, and an exception in a
-// stage takes the same way.
+// A full pipe holds up its sender (back-pressure), so that nothing piles up. The end
+// of the source travels down to the sink stage by stage, and so does an exception
+// in a stage.
 #include <array>
 #include <functional>
 #include <iostream>
@@ -17,7 +17,7 @@ using jactor::SockRef;
 
 namespace {
 
-// A stage's work: what it makes of one message, or nothing to send on.
+// A stage's work: turns one message into another, or into nothing to send on.
 using Step = std::function<std::optional<Message>(Message)>;
 
 Actor stage(Actor before, Step step) {
@@ -28,7 +28,7 @@ Actor stage(Actor before, Step step) {
         sock.send(std::move(*result));
       }
     }
-    before.join();  // throws what the stage before has thrown
+    before.join();  // throws what the previous stage has thrown
   });
 }
 
@@ -53,7 +53,7 @@ std::optional<Message> split(Message message) {
   return Message{place, std::to_string(tenths)};
 }
 
-// Replaces each number by the mean of those that came from its place so far.
+// Replaces each number by the mean of all numbers from its place so far.
 class Mean {
  public:
   std::optional<Message> operator()(Message message) {

@@ -9,7 +9,7 @@
 #include "jactor.h"
 
 /* Receives from a sock or an actor, waiting at most `milliseconds`. Result: 1 and
- * the message; 0 when the time is over; -1 at the end of the stream, where errno is
+ * the message; 0 when the time is up; -1 at the end of the stream, where errno is
  * 0, or on a failure, where it says which. */
 static int receive_within(void* source, int milliseconds, JCXXMsg** msg) {
   const int ready = j_sock_wait(source, milliseconds);
@@ -31,7 +31,7 @@ static int show(JCXXActor* actor, int limit) {
   JCXXMsg* msg = NULL;
   const int got = receive_within(actor, limit, &msg);
   char* text = j_msg_popstr(msg);
-  puts(got == 1 && text != NULL ? text : got == 0 ? "nothing came in time" : "failed");
+  puts(got == 1 && text != NULL ? text : got == 0 ? "nothing arrived in time" : "failed");
   free(text);
   j_msg_destroy(&msg);
   return got;

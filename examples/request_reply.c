@@ -32,7 +32,7 @@ static int take_number(JCXXMsg* msg, long* number) {
   return good;
 }
 
-/* The server: the square of every number, until STOP. */
+/* The server: answers every number with its square, until STOP. */
 static int serve(JCXXSock* requests, JCXXSock* replies) {
   JCXXMsg* msg = NULL;
   int rc = 0;

@@ -1,6 +1,6 @@
-// supervised.cpp - an actor that fails is noticed, and started again
+// supervised.cpp - a supervisor that notices a failed actor and starts another
 //
-// The exception that ends the worker is carried to its supervisor, which reports
+// The exception that ends the worker is passed on to its supervisor, which reports
 // it, starts a new worker, and goes on with the next job.
 #include <iostream>
 #include <jactor.hpp>
@@ -34,7 +34,7 @@ void worker(SockRef sock) {
   }
 }
 
-// Why the worker has ended.
+// Why the worker ended.
 std::string reason(Actor& ended) {
   try {
     ended.join();

@@ -1,8 +1,8 @@
 /*
- * zloop_actor.c - an actor that runs an event loop of its own
+ * zloop_actor.c - an actor that runs its own event loop
  *
  * Shows: a CZMQ loop that serves the actor's sock and a timer; receiving while
- * j_sock_wait says that a message is there; stopping at the end of the stream, for
+ * j_sock_wait says that there is a message; stopping at the end of the stream, for
  * which the loop's poller is made tolerant.
  */
 #include <czmq.h>
@@ -46,8 +46,8 @@ static void echo_with_heartbeat(j_sock_t* sock, void* args) {
   j_sock_signal(sock, READY); /* always, or j_actor_new would wait for ever */
   if (ready) {
     /* When the creator hangs up, poll() flags an error along with the data. An
-     * ordinary poller is dropped at the second such event, and a handler that has
-     * left something for it would never see the end of the stream. */
+     * ordinary poller is dropped at the second such event, and if the handler left
+     * something for it, would never see the end of the stream. */
     zmq_pollitem_t item = {.fd = j_sock_fd(sock), .events = ZMQ_POLLIN};
     zloop_poller_set_tolerant(loop, &item);
     zloop_start(loop);
@@ -65,7 +65,7 @@ static int send_text(JCXXActor* actor, const char* text) {
   return rc;
 }
 
-/* Prints answers until `answers` of them and `beats` signs of life have come. */
+/* Prints answers until `answers` of them and `beats` signs of life have arrived. */
 static int receive(JCXXActor* actor, int answers, int beats) {
   while (answers > 0 || beats > 0) {
     JCXXMsg* msg = j_msg_recv(actor);
@@ -85,8 +85,8 @@ static int receive(JCXXActor* actor, int answers, int beats) {
 }
 
 int main(void) {
-  /* The actor writes on its own account: a beat that meets the closed end of its
-   * creator must be a failed call, not the end of the process. */
+  /* The actor also writes without being asked: a beat sent after its creator has closed
+   * its end must be a failed call, not the end of the process. */
   signal(SIGPIPE, SIG_IGN);
   size_t period_ms = 10;
   JCXXActor* actor = j_actor_new(echo_with_heartbeat, &period_ms);
@@ -95,10 +95,10 @@ int main(void) {
     rc = send_text(actor, "one") | send_text(actor, "two") | send_text(actor, "three");
   }
   if (rc == 0 && (rc = receive(actor, 3, 3)) == 0) {
-    puts("three beats came");
+    puts("three beats arrived");
     rc = send_text(actor, "unanswered");
   }
-  j_actor_destroy(&actor); /* right behind the message: the loop gets both at once */
+  j_actor_destroy(&actor); /* right after the message: the loop gets both at once */
   puts(rc == 0 ? "the actor has stopped" : "failed");
   return rc == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -8,7 +8,7 @@ const { O_RDWR, O_NOFOLLOW, O_NOATIME, O_NONBLOCK } = fs.constants;
 
 function open(endpoint) {
   const [, transport, name] = /^[@>]?(ipc|inproc):\/\/([^,]+)$/.exec(endpoint) ?? [];
-  if (!name) throw new TypeError(`${endpoint} is no endpoint: name it as ipc://NAME`);
+  if (!name) throw new TypeError(`${endpoint} is not an endpoint: name it as ipc://NAME`);
   const directory = "/var/run/jactor";
   const path = `${directory}/J${transport}_${name.replace(/[/\\]/g, "_")}`;
   if (!fs.existsSync(directory)) {
@@ -22,8 +22,8 @@ function open(endpoint) {
   throw new Error(`${path} is not a FIFO: remove it`);
 }
 
-// What stands at `at`: its kind, size or value, and where the payload begins; undefined while
-// it is not whole.
+// The header at `at`: its kind, size or value, and where the payload begins; undefined while
+// it is incomplete.
 function header(data, at) {
   const lead = data[at];
   const more = lead & 0x80 ? (lead >> 6) & 1 : [0, 1, 2, 4][(lead >> 4) & 3];
@@ -36,7 +36,7 @@ function header(data, at) {
   return { kind: lead & 0x40 ? "announce" : "frame", number, end };
 }
 
-// The message or signal at `at`, and where it ends; undefined while it is not whole.
+// The message or signal at `at`, and where it ends; undefined while it is incomplete.
 function decode(data, at) {
   const first = header(data, at);
   if (!first) return undefined;
@@ -55,7 +55,8 @@ function decode(data, at) {
   return { frames, end };
 }
 
-// The messages and signals of an endpoint, for ever. What it holds is lost when the loop ends.
+// The messages and signals of an endpoint, for ever. What was read ahead is lost when the loop
+// ends.
 export async function* pull(endpoint) {
   let data = Buffer.alloc(0);
   for await (const chunk of new net.Socket({ fd: open(endpoint), readable: true, writable: false })) {
@@ -75,7 +76,7 @@ function size(kind, number) {
 }
 
 // Sends to an endpoint. Wait for each send before the next: then a message of at most 4,096
-// bytes on the wire is one write. Larger ones are whole for one writer only.
+// bytes on the wire is one write. Larger ones stay whole only if nobody else writes.
 export function push(endpoint) {
   const socket = new net.Socket({ fd: open(endpoint), readable: false, writable: true });
   const write = (bytes) => new Promise((done, failed) => socket.write(bytes, (error) => error ? failed(error) : done()));

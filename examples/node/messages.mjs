@@ -4,7 +4,7 @@
 //   node messages.mjs push ENDPOINT FRAME...   sends a message
 //   node messages.mjs signal ENDPOINT VALUE    sends a signal
 //
-// What waits in an endpoint is lost when the last process closes it: start the pull first.
+// When the last process closes an endpoint, what waits in it is lost: start the pull first.
 import { pull, push } from "./jactor.mjs";
 
 const [command, endpoint, ...rest] = process.argv.slice(2);
