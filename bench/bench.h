@@ -1,9 +1,9 @@
 // bench.h - what every compared system offers to the scenarios, and how a run is
 // checked.
 //
-// Each run is a process of its own: one scenario over one system. Whatever goes
-// wrong ends the process with a message and status 1, so that no figure comes
-// from a run that lost, mixed up or changed a message.
+// Each run is a separate process: one scenario over one system. Any error ends the
+// process with a message and status 1, so that no figure comes from a run that lost,
+// mixed up or changed a message.
 #ifndef JACTOR_BENCH_H
 #define JACTOR_BENCH_H
 
@@ -18,7 +18,7 @@
 
 namespace bench {
 
-// Ends the process unless `good`, telling `what` failed and errno's text.
+// Ends the process, reporting that `what` failed, with the text of errno.
 void Fail(const char* what);
 inline void Must(bool good, const char* what) {
   if (!good) [[unlikely]] {
@@ -34,8 +34,8 @@ struct Shape {
   std::size_t size;
 };
 
-// The 8 bytes at the start of a message: who sent it, its number, and whether it
-// is the sender's last.
+// The 8 bytes at the start of a message: its sender, its number, and whether it is the
+// sender's last.
 struct Stamp {
   static constexpr std::uint64_t kLast = 1ULL << 63;
 
@@ -49,7 +49,7 @@ struct Stamp {
   bool last() const { return (word & kLast) != 0; }
 };
 
-// The payload of a sender's messages: a fixed pattern under a stamp of its own.
+// The payload of a sender's messages: a stamp for each, then a fixed pattern.
 class Payload {
  public:
   explicit Payload(Shape shape);
@@ -100,7 +100,7 @@ class End {
   End& operator=(const End&) = delete;
   virtual ~End() = default;
 
-  // Makes a message of the payload's frames and sends it.
+  // Makes a message with the payload's frames and sends it.
   virtual void Send(const Payload& payload) = 0;
 
   // Receives a message, gives its frames to the checker and releases it.
@@ -110,8 +110,8 @@ class End {
   virtual bool Echo(Shape shape) = 0;
 };
 
-// A function on a thread of its own, connected to its creator. The destructor
-// asks the function to end (its next Echo gives false) and waits for it.
+// A function on its own thread, connected to its creator. The destructor asks the
+// function to end (its next Echo returns false) and waits for it.
 class Actor {
  public:
   Actor() = default;
@@ -138,20 +138,20 @@ class System {
   // caller's and must outlive the actor.
   virtual std::unique_ptr<Actor> Start(const ActorFunction& function, Shape shape);
 
-  // Named connections between processes, by number. Prepare runs before the
-  // processes part, with the number of connections, and notes the files that they
-  // have; CleanUp unlinks these at the end, in the parent.
+  // Named connections between processes, by number. Prepare runs before the fork, with
+  // the number of connections, and notes the files that they use; CleanUp unlinks these
+  // at the end, in the parent.
   virtual void Prepare(unsigned connections);
   virtual std::unique_ptr<End> Pull(unsigned connection, Shape shape);
   virtual std::unique_ptr<End> Push(unsigned connection, Shape shape);
   void CleanUp();
 
-  // Makes a message of the payload's frames, takes it apart again and gives the
-  // frames to the checker.
+  // Makes a message with the payload's frames, takes it apart again and gives the frames
+  // to the checker.
   virtual void BuildAndTakeApart(const Payload& payload, Checker& checker);
 
  protected:
-  std::vector<std::string> paths_;  // a connection each
+  std::vector<std::string> paths_;  // one per connection
 };
 
 // A system by name, or null.
@@ -164,10 +164,10 @@ std::unique_ptr<System> MakeCzmq();
 std::unique_ptr<System> MakeNng();
 std::unique_ptr<System> MakeSeqpacket();
 
-// A path in the folder for temporary files that no other run uses.
+// A path in the temporary folder that no other run uses.
 std::string UniquePath(const char* kind, unsigned number);
 
-// When a run ends: after `count` messages, or when `count` is 0 after `seconds`.
+// When a run ends: after `count` messages, or if `count` is 0 after `seconds`.
 struct Budget {
   std::uint64_t count;
   double seconds;

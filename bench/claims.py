@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""README's sentences about performance: their figures are those of docs/performance.md.
+"""README's sentences about performance, with the figures of docs/performance.md.
 
 usage: claims.py [--update]
 
-Without --update it fails when README says anything else.
+Without --update it fails when README says something else.
 """
 
 import re
@@ -29,17 +29,17 @@ on what is queued, and one format for threads and processes. Measured on a {mach
 
 
 def marked(path):
-    """What stands before the marks, between them, and after them."""
+    """The text before the marks, between them, and after them."""
     content = path.read_text(encoding="utf-8")
     if content.count(BEGIN) != 1 or content.count(END) != 1:
-        sys.exit(f"claims: {path}: the marks '{BEGIN}' and '{END}' must be there once each")
+        sys.exit(f"claims: {path}: the marks '{BEGIN}' and '{END}' must each occur once")
     before, rest = content.split(BEGIN)
     between, after = rest.split(END)
     return before, between, after
 
 
 def figures(page):
-    """By row and column of the tables: the number."""
+    """The numbers in the tables, by row and column."""
     found, head = {}, []
     for line in page.splitlines():
         cells = [cell.strip() for cell in line.strip().strip("|").split("|")]
@@ -85,7 +85,7 @@ def claims(page):
 
 
 def update(root=ROOT):
-    """Writes the text into README. Result: whether it was another one."""
+    """Writes the text into README. Result: whether that changed it."""
     readme = root / "README.md"
     before, old, after = marked(readme)
     new = "\n" + claims(marked(root / "docs" / "performance.md")[1]) + "\n"
@@ -103,9 +103,9 @@ def main():
         said = marked(ROOT / "README.md")[1].strip()
         wanted = claims(marked(ROOT / "docs" / "performance.md")[1])
         if said != wanted:
-            sys.exit("README.md does not say what follows from docs/performance.md:\n\n"
-                     f"{wanted}\n\nbench/claims.py --update writes it")
-        print("README.md says what docs/performance.md shows")
+            sys.exit("README.md does not agree with docs/performance.md; it should say:\n\n"
+                     f"{wanted}\n\nbench/claims.py --update writes that")
+        print("README.md agrees with docs/performance.md")
 
 
 if __name__ == "__main__":

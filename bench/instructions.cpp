@@ -1,5 +1,5 @@
-// instructions.cpp - sends and receives a given number of messages on one thread,
-// for counting the instructions that one takes: the difference between two runs.
+// instructions.cpp - sends and receives a given number of messages on one thread. The
+// difference between two runs is the number of instructions that one message takes.
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,7 +11,7 @@
 
 namespace {
 
-// What was sent, or received, that should not have been.
+// Whether a message could not be sent, or arrived wrong.
 bool failed = false;
 
 void Expect(bool good) { failed = failed || !good; }

@@ -1,4 +1,4 @@
-// jactor_system.cpp - this library, through its C interface alone.
+// jactor_system.cpp - this library, through its C interface only.
 #include <unistd.h>
 
 #include "bench.h"
@@ -93,7 +93,7 @@ class Jactor : public System {
     return std::make_unique<JactorActor>(function);
   }
 
-  // Makes the FIFOs too: the processes' first openings would race for that.
+  // Makes the FIFOs too, or the processes would race to make them.
   void Prepare(unsigned connections) override {
     for (unsigned i = 0; i < connections; ++i) {
       names_.push_back("jactor_bench." + std::to_string(::getpid()) + "." + std::to_string(i));

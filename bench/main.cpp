@@ -93,7 +93,7 @@ Arguments ParseArguments(int argc, char** argv) {
   return arguments;
 }
 
-// Keeps this process, and what it starts, on the first `count` processors that it
+// Keeps this process, and those that it starts, on the first `count` processors that it
 // may use.
 void UseProcessors(unsigned count) {
   cpu_set_t allowed;
@@ -111,7 +111,7 @@ void UseProcessors(unsigned count) {
   bench::Must(::sched_setaffinity(0, sizeof used, &used) == 0, "sched_setaffinity");
 }
 
-// Lets a run hold many actors.
+// Raises the limit on descriptors, so that a run can hold many actors.
 void RaiseDescriptorLimit() {
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {

@@ -37,14 +37,14 @@ void BM_BuildSignalHeader(benchmark::State& state) {
 }
 BENCHMARK(BM_BuildSignalHeader)->Arg(0)->Arg(255);
 
-// Handles that the registry takes for messages: it never looks behind them. Each
-// thread has its own.
+// Handles that the registry takes for messages: it never dereferences them. Each thread
+// has its own.
 JCXXMsg* Handle(int thread, std::size_t number) {
   static std::array<std::array<std::max_align_t, 64>, 8> objects;
   return reinterpret_cast<JCXXMsg*>(&objects.at(static_cast<std::size_t>(thread)).at(number));
 }
 
-// An object's life: it comes, is asked for four times, and goes.
+// An object's life: it enters, is looked up four times, and leaves.
 void BM_RegistryLife(benchmark::State& state) {
   JCXXActorAPI* api = JCXXActorAPI::GetInstance();
   std::size_t number = 0;
@@ -61,7 +61,7 @@ void BM_RegistryLife(benchmark::State& state) {
 }
 BENCHMARK(BM_RegistryLife)->ThreadRange(1, 8)->UseRealTime();
 
-// Asking for one long-lived object: a sock or an actor.
+// Looking up one long-lived object: a sock or an actor.
 void BM_RegistryValid(benchmark::State& state) {
   JCXXActorAPI* api = JCXXActorAPI::GetInstance();
   const auto sock = std::make_unique<SockFromPipes>();
@@ -107,8 +107,8 @@ void BM_ReadSteps(benchmark::State& state) {
 }
 BENCHMARK(BM_ReadSteps)->Arg(1)->Arg(32)->Arg(1024)->Arg(8192);
 
-// A gathered write of so many entries of 64 bytes, and the read that makes room
-// for the next.
+// A gathered write of the given number of entries of 64 bytes, and the read that makes
+// room for the next.
 void BM_GatheredWrite(benchmark::State& state) {
   const auto entries = static_cast<std::size_t>(state.range(0));
   const Pair pair;

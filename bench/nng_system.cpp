@@ -1,7 +1,7 @@
 // nng_system.cpp - nng: pair0 over inproc, push0/pull0 over ipc.
 //
-// nng queues nothing unless it is told to; the queues here let a sender run
-// ahead of its receiver as the others do.
+// nng queues nothing by default; the queues here let a sender run ahead of its
+// receiver, as in the other systems.
 #include <nng/nng.h>
 #include <nng/protocol/pair0/pair.h>
 #include <nng/protocol/pipeline0/pull.h>
@@ -77,8 +77,8 @@ nng_socket OpenPair() {
   return socket;
 }
 
-// A thread over a pair; an empty message asks it to stop, and it says that it is
-// ready with one.
+// A thread at one end of a pair. An empty message asks it to stop, and with an empty
+// message it says that it is ready.
 class NngActor : public Actor {
  public:
   explicit NngActor(const ActorFunction& function) : end_(OpenPair()) {

@@ -2,10 +2,10 @@
 //
 // A message is a 4-byte length and the payload, written with one writev; one of
 // several frames is a 4-byte total and then each frame with its length, written
-// with one writev as well. The reader takes up to 16 KiB a read and copies the
-// payload out of its buffer into memory that it reuses; what is larger than the
+// with one writev as well. The reader takes up to 16 KiB in a read and copies the
+// payload out of its buffer into memory that it reuses; a payload larger than the
 // buffer is read into place. There are no objects, no checks of handles and no
-// log: whatever sends messages over a pipe does this much.
+// log: any program that sends messages over a pipe does at least this much.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -64,9 +64,9 @@ class Reader {
   Bytes held_;
 };
 
-// Memory that starts a page. Some processors copy several times more slowly to a
-// place a few bytes further into its page than the source is into its own, which
-// is where the payload would stand otherwise.
+// Memory that starts at the beginning of a page. Otherwise the payload would start a few
+// bytes further into its page than the source does into its own, and some processors copy
+// to such an address several times more slowly.
 class PageAligned {
  public:
   explicit PageAligned(std::size_t size)
@@ -126,7 +126,7 @@ class StreamEnd : public End {
   }
 
  private:
-  // Reads a length. Result: whether there was one and it was `length`.
+  // Reads a length. Result: whether there was one, equal to `length`.
   bool Expect(std::size_t length) {
     std::uint32_t announced = 0;
     return reader_.Take(&announced, sizeof announced) && announced == length;

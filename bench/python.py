@@ -2,10 +2,10 @@
 """Compares the Python package with pyzmq, between two processes.
 
 Called by scripts/bench --python. Every repetition of a row runs each way of sending once, in
-turn, each run two processes of its own. The receiver compares every message, and its clock
-runs from the first message to the last. A ratio is taken within each repetition; the median
-counts. Behind each figure stands the processor time of both processes for a message, all
-threads included, which suffers less from other work on the machine.
+turn, each time with two new processes. The receiver compares every message, and its clock
+runs from the first message to the last. A ratio is taken within each repetition, and the
+median is shown. After each figure comes the processor time of both processes per message, all
+threads included, which other work on the machine affects less.
 """
 
 import argparse
@@ -76,7 +76,7 @@ class Zmq:
 
 
 def trips(peer, payload, count):
-    """Their median time."""
+    """The median time of `count` round trips."""
     times = []
     for _ in range(count):
         start = time.perf_counter()
@@ -112,12 +112,12 @@ def work(way, size, is_trip, end, place, count):
     start = time.process_time()
     figure = ((trips, answer), (receive, send))[not is_trip][end](peer, b"x" * size, count)
     if end == 1:
-        sys.stdin.read()  # keeps what is under way until the other end has it
+        sys.stdin.read()  # keeps the endpoint open until the other end has received everything
     print(figure, time.process_time() - start)
 
 
 def measure(way, size, is_trip, count):
-    """Returns the rate or the time of a round trip, and the processor time, of a message."""
+    """Returns the rate or the time of a round trip, and the processor time per message."""
     with tempfile.TemporaryDirectory() as place:
         command = [sys.executable, "-B", __file__, "--work", way, str(size), str(int(is_trip))]
         try:

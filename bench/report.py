@@ -73,7 +73,7 @@ def aim_line(row, aim, results):
         return None
     ratio = statistics.median(values)
     what = "rate" if row.kind == RATE else "time"
-    # Pairs that run side by side: only the elapsed time tells.
+    # For pairs that run in parallel only the elapsed time means anything.
     processor = "-"
     to = "that of 1 pair"
     if aim.to in NAMES:

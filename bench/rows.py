@@ -6,8 +6,8 @@ ACTOR_PEERS = ["jactor", "pipe", "czmq", "nng", "seqpacket"]
 PROCESS_PEERS = ["jactor", "fifo", "czmq", "nng", "seqpacket"]
 FRAME_PEERS = ["jactor", "pipe", "czmq"]
 
-# What a row is about: how many messages a second, how long one thing takes, or
-# how many bytes it holds.
+# What a row measures: messages per second, how long one operation takes, or how
+# many bytes one object holds.
 RATE, TRIP, TIME, BYTES = "rate", "trip", "time", "bytes"
 
 
@@ -17,7 +17,7 @@ class Aim:
 
     to: str  # a system, or another row's key: this library's figure there
     limit: float
-    at_most: bool  # the ratio shall be at most, or at least, the limit
+    at_most: bool  # whether the ratio shall be at most, or at least, the limit
 
 
 @dataclass

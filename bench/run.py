@@ -2,8 +2,8 @@
 """Runs the rows of the comparison, interleaved, and reports them.
 
 Called by scripts/bench. Every repetition of a row runs each system once, in
-turn, each run a process of its own; a ratio is taken within each repetition, and
-the median of these ratios is what counts.
+turn, each in a separate process. A ratio is taken within each repetition, and the
+median of these ratios is shown.
 """
 
 import argparse
@@ -45,7 +45,7 @@ def show_progress(text):
 
 
 def measure(program, rows, repetitions, seconds):
-    """By row, by system: the list of results, one a repetition."""
+    """The list of results, one per repetition, by row and by system."""
     results = {row.key: {system: [] for system in row.systems} for row in rows}
     for repetition in range(repetitions):
         for row in rows:

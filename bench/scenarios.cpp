@@ -46,13 +46,13 @@ double SecondsSince(Clock::time_point start) {
 // Messages before the clock starts.
 std::uint64_t WarmUp(Shape shape) { return shape.frames * shape.size >= 65536 ? 20 : 1000; }
 
-// Tells a sender or a loop when to stop: never before twice the warm-up.
+// Tells a sender or a loop when to stop, but never before twice the warm-up.
 class Stopper {
  public:
   Stopper(Budget budget, std::uint64_t least)
       : budget_(budget), least_(least), start_(Clock::now()) {}
 
-  // Whether message number `number` shall be the last.
+  // Whether message `number` is to be the last.
   bool IsLast(std::uint64_t number) const {
     if (number + 1 < least_) {
       return false;
@@ -118,8 +118,8 @@ Received ReceiveAll(End& end, Checker& checker, unsigned senders,
   return received;
 }
 
-// One-way streams, each from a thread of its own to an actor of its own; the
-// first sender is the calling thread.
+// One-way streams, each from a separate thread to a separate actor; the first sender
+// is the calling thread.
 class Streams {
  public:
   Streams(System& system, const Options& options)
@@ -246,7 +246,7 @@ Result RunEcho(System& system, const Options& options) {
   return MeasureRoundTrips(actor->end(), actor->end(), options);
 }
 
-// Child processes that can be told, all at once, to go and to end.
+// Child processes that can all be told at the same time to go and to end.
 class Children {
  public:
   Children() { Must(::pipe2(go_, O_CLOEXEC) == 0, "pipe2"); }
@@ -287,8 +287,8 @@ class Children {
     Must(::read(go_[0], &byte, 1) == 1, "read");
   }
 
-  // In a child: waits until the parent has finished, since what a closing socket
-  // still holds may be thrown away.
+  // In a child: waits until the parent has finished, since a socket that is closed may
+  // throw away what it still holds.
   void WaitForEnd() const {
     char byte = 0;
     Must(::read(go_[0], &byte, 1) == 0, "read");
@@ -299,8 +299,8 @@ class Children {
   std::vector<pid_t> children_;
 };
 
-// Senders in processes of their own, one receiver. Every sender's first message
-// shows that it is connected.
+// Senders in separate processes, and one receiver. Every sender's first message shows
+// that it is connected.
 Result RunProcesses(System& system, const Options& options) {
   system.Prepare(1);
   Children children;
@@ -392,8 +392,8 @@ double ResidentBytes() {
   return 0;
 }
 
-// Actors that have answered one message each and now wait for the next. The
-// first is there to leave what a library sets up once out of the figure.
+// Actors that have answered one message each and now wait for the next. The first one
+// is not counted, so that the figure leaves out what a library sets up only once.
 Result RunMemory(System& system, const Options& options) {
   constexpr unsigned kActors = 100;
   const ActorFunction echo = [&](End& end) {

@@ -1,5 +1,5 @@
-// seqpacket_system.cpp - a pair of SOCK_SEQPACKET sockets: the kernel keeps the
-// messages apart, so that there is nothing to frame and nothing to buffer.
+// seqpacket_system.cpp - a pair of SOCK_SEQPACKET sockets. The kernel keeps the messages
+// apart, so there is nothing to frame and nothing to buffer.
 #include <sys/socket.h>
 #include <unistd.h>
 
