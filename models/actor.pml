@@ -2,17 +2,17 @@
  * actor.pml - an actor's start and stop: two threads, two bounded pipes.
  *
  * Claims
- *   1. j_actor_new returns when the function has signalled, and gives up when what
- *      comes instead cannot be read. Messages before the signal are dropped.
+ *   1. j_actor_new returns when the function has signalled, and gives up when
+ *      something unreadable arrives instead. Messages before the signal are dropped.
  *   2. j_actor_destroy returns when the function returns at the end of its stream,
- *      also one that is just then waiting for room for an answer.
+ *      even if the function is just then waiting for room for an answer.
  *   3. A function that receives to the end gets every message that was sent.
- *   4. The function's end is there as long as the function runs.
+ *   4. The function's end exists as long as the function runs.
  *   5. With SIGPIPE blocked in the actor's thread the process survives answers that
  *      nobody receives.
  *
- * Left out: bytes (a message is one unit, written and read whole), memory and
- * descriptors that run out, read-ahead, the registry.
+ * Left out: bytes (a message is one unit, written and read whole), running out of
+ * memory and descriptors, read-ahead, the registry.
  *
  * What stands for what
  *   Creator     j_actor_new, j_actor_destroy: JCXXActor::JCXXActor, StopAndRelease
@@ -36,9 +36,9 @@
  *   refuted  -DSIGPIPE_KILLS     assertion violated
  *
  * HANG_UP_FIRST is a function that takes the hang-up for the end while messages still
- * wait. NOBODY_RECEIVES is the mistake of a program, not of the library: both sides send
+ * wait. NOBODY_RECEIVES is a mistake of the program, not of the library: both sides send
  * more than the pipes hold. END_INHERITED is a program that another thread has
- * started between `pipe` and `fcntl`: it keeps the creator's writing end.
+ * started between `pipe` and `fcntl`: it keeps the creator's writing end open.
  */
 #ifndef CAPACITY
 #define CAPACITY 1

@@ -1,21 +1,22 @@
 /*
- * exit.pml - the end of the process, and a fork, beside a busy thread.
+ * exit.pml - the end of the process, and a fork, while another thread is busy.
  *
- * One thread ends the process: in order; or out of a signal handler that has interrupted
- * a call of its own, to which it never returns; or in the child of a fork, which has no
- * other thread. The fork may come out of such a handler too, and returns to the call
- * then. Another thread goes on calling. After the end has been marked the ending thread
+ * One thread ends the process: normally; or from a signal handler that has interrupted
+ * one of its own calls, to which it never returns; or in the child of a fork, which has no
+ * other thread. The fork may also be made in such a handler, which then returns to the
+ * call. Another thread goes on calling. After the end has been marked the ending thread
  * calls once more, as an exit handler or the destructor of a static object does.
  *
  * Claims
- *   1. The process ends, whoever holds the registry's lock then.
+ *   1. The process ends, whoever holds the registry's lock at that time.
  *   2. A call after the mark works or is refused; it never waits for ever.
- *   3. No call finds a set that another one has left half changed.
+ *   3. No call finds a set that another call has left half changed.
  *   4. The child of a fork can use the registry, and so can its parent.
  *
- * Left out: calls of exit handlers that come before the library's own, out of a signal
- * handler that has interrupted a call: no call may be made from a handler. How long the
- * bounded wait is: here some tries, each of which may fail while the lock is held.
+ * Left out: calls by exit handlers that run before the library's own, when exit() was
+ * called in a signal handler that has interrupted a call: no call may be made from a
+ * handler. How long the bounded wait is: here it is a few tries, each of which may fail
+ * while the lock is held.
  *
  * What stands for what
  *   Call        registry::Ask, Enter, Leave and their process::CriticalSection
@@ -41,9 +42,9 @@
  *   refuted  -DGIVES_BACK_NOTHING -DIN_PARENT             invalid end state
  *   refuted  -DIN_CHILD -DFORKS_IN_HANDLER -DON_ITS_WAY   invalid end state
  *
- * The last one is no mistake but a limit: a handler that forks while the call that it
- * interrupted waits for another thread to give the lock back. In the child, where that
- * thread is not, the call waits for ever when the handler returns to it.
+ * The last one is not a mistake but a limit: a handler that forks while the call that it
+ * interrupted waits for another thread to release the lock. In the child that thread does
+ * not exist, so the call waits for ever when the handler returns to it.
  */
 #define TRIES 2
 #define CALLS 2
@@ -52,7 +53,7 @@ bool locked = false;
 bool half = false;
 bool gone = false;
 bool alone = false;  /* the ending thread is the only one there is */
-bool inside = false; /* the ending thread is in a section, or on its way in or out */
+bool inside = false; /* the ending thread is in a section, or entering or leaving one */
 
 inline Change() {
   assert(!half);
@@ -78,7 +79,7 @@ inline Call() {
   fi
 }
 
-/* As far as a signal handler lets it come. */
+/* The part of a call before a signal handler interrupts it. */
 inline InterruptedCall() {
   inside = true;
   if
@@ -99,7 +100,7 @@ inline InterruptedCall() {
   fi
 }
 
-/* The rest of it, when the handler returns. It had the lock, or goes for it now. */
+/* The rest of it, when the handler returns. It had the lock, or tries to take it now. */
 inline RestOfCall() {
   if
   :: had -> skip

@@ -1,48 +1,48 @@
 /*
- * leaving.pml - who may leave an endpoint without losing what lies in it.
+ * leaving.pml - who may leave an endpoint without losing what is in it.
  *
  * A FIFO loses its bytes when the last descriptor on it is closed. The rules, which
  * need neither a clock nor a lock:
  *
- *   Look    A look is a descriptor on the FIFO for reading only and without waiting. It
- *           keeps the bytes, and everybody can tell it from an opened endpoint.
- *   Close   Whoever leaves closes the endpoint first and keeps a look; then it searches
- *           for others who have the endpoint open. So who closes last finds nobody, and
- *           knows that what waits is lost with its look.
- *   Report  A jpipe that finds nobody then reports as lost what waits.
+ *   Look    A look is a descriptor that is read-only and non-blocking. It keeps the
+ *           bytes in the FIFO, and others can tell it from an opened endpoint.
+ *   Close   A process that leaves first closes the endpoint and keeps a look; then it
+ *           searches for others that have the endpoint open. So the last one to close it
+ *           finds nobody, and knows that closing its look will lose what waits.
+ *   Report  A jpipe that finds nobody then reports what waits as lost.
  *   Stay    A push leaves when the FIFO is empty, or when it has found a process that
- *           stays: before it closes the endpoint, and the same one again behind that. A
- *           push that finds nobody to stay then, and something waiting, opens the
- *           endpoint again and goes on waiting.
- *   Mark    A jpipe that will leave by itself (push, signal, import; pull and export
+ *           stays: once before it closes the endpoint, and the same one again after that.
+ *           If then no process stays, and something waits, it opens the endpoint again
+ *           and goes on waiting.
+ *   Mark    A jpipe that will leave on its own (push, signal, import; pull and export
  *           with a count or a time limit) marks itself before it opens the endpoint,
- *           with a descriptor that everybody can see; one that stays until it is
- *           stopped, only when it is. So who has the endpoint open and no mark stays.
- *           Here has_look is both, the mark and the look: while the endpoint is open
+ *           with a descriptor that others can see. One that stays until it is stopped
+ *           marks itself only then. So a process with the endpoint open and no mark stays.
+ *           Here has_look is both the mark and the look: while the endpoint is open
  *           too, it keeps no bytes that are not kept anyway.
  *
  * Claims
  *   1. No message that a push has sent is lost without a report, unless a process that
  *      had the endpoint open, or was leaving it, was killed while messages waited, or a
- *      program that takes no part in these rules closed it then.
+ *      program that does not follow these rules closed it then.
  *   2. A push that is not interrupted leaves its messages only to a process that stays
- *      until it is stopped, or to a program; and it does leave beside such a one.
+ *      until it is stopped, or to a program; and it does leave if there is such a one.
  *
  * Left out: messages that are cut; a message that its reader has taken and cannot show;
- * push --no-wait, which does not search; processes that /proc does not show, which to
- * the others are not there. A report may be wrong, never missing: what was reported as
- * lost may still be taken by somebody who opens the endpoint at the same moment.
+ * push --no-wait, which does not search; processes that /proc does not show, which for
+ * the others do not exist. A report may be wrong, but never missing: a process that opens
+ * the endpoint at the same moment may still take what was reported as lost.
  *
  * What stands for what
  *   Pusher    push, signal, import: EndpointSock::LeaveWhenSafe
- *   Puller    pull and export that leave by themselves
+ *   Puller    pull and export that leave on their own
  *   Keeper    pull and export that stay until they are stopped
  *   Leave     EndpointSock::Leave
- *   Program   a program of the library, which knows nothing of the rules
+ *   Program   a program that uses the library and knows nothing of the rules
  *   Drain     drain, which only looks and takes
- *   Killer    SIGKILL, or a crash, of anybody at any point
- *   IsSeen... the search in /proc (FindKeeper, Keeps), which is not done in one moment: it
- *             may look for a process's mark before that is opened, and for its endpoint after
+ *   Killer    SIGKILL, or a crash, of any process at any point
+ *   IsSeen... the search in /proc (FindKeeper, Keeps), which is not atomic: it may look
+ *             for a process's mark before that is opened, and for its endpoint after
  *
  * Runs
  *   holds    -DPUSHERS=2 -DKEEPERS=1
@@ -78,7 +78,7 @@
 #define MOST 4
 
 byte waiting = 0;     /* messages in the FIFO */
-byte reported = 0;    /* as many of them, the first ones, somebody has reported as lost */
+byte reported = 0;    /* how many of them, the first ones, were reported as lost */
 bool excused = false; /* what waits may be lost: see claim 1 */
 byte looks_of_drains = 0;
 bool has_open[MOST]; /* the endpoint */
@@ -86,12 +86,12 @@ bool has_look[MOST];
 bool before[MOST] = true; /* it has not opened anything yet */
 bool dead[MOST];
 
-/* What the processes are in truth: the first ones leave by themselves. */
+/* What the processes really are: the first ones leave on their own. */
 #define stays(p) ((p) >= PUSHERS + PULLERS)
 #define SOMEBODY_STAYS (HAS_STAYED(0) || HAS_STAYED(1) || HAS_STAYED(2) || HAS_STAYED(3))
 #define HAS_STAYED(p) (has_open[p] && stays(p))
 
-/* Whether a first search may find that `p` stays: it looks for a look, and then,
+/* Whether a first search may find that `p` stays: it searches for a look, and then,
  * maybe after `p` has opened look and endpoint, for the endpoint. */
 #if defined COUNTS_ALL
 #define NO_LOOK(p) (me != p && has_open[p])
@@ -101,7 +101,7 @@ bool dead[MOST];
 #define NO_LOOK(p) (me != p && p < ALL && !has_look[p] && (has_open[p] || before[p]))
 #endif
 
-/* After a descriptor was closed: what waited is lost with the last one. */
+/* After a descriptor was closed: closing the last one loses what waited. */
 inline Closed() {
   other = 0;
   do
@@ -176,7 +176,7 @@ inline IsSeenToStay() {
 #endif
 }
 
-/* Leaves, whatever that loses. */
+/* Leaves, whatever is lost by that. */
 inline Leave() {
   has_look[me] = true;
 #ifndef SEARCHES_FIRST

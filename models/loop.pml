@@ -6,15 +6,15 @@
  *
  * Claims
  *   1. With the documented loop (a handler that receives while j_sock_wait is 1 and
- *      ends the loop when a receive gives null) every message is handled, the loop
- *      ends, and the creator's wait for it does; with a tolerant poller and without.
- *   2. So it is also when the creator stops only after all were handled, and when the
+ *      ends the loop when a receive returns null) every message is handled, and the loop
+ *      and the creator's wait for it end, with or without a tolerant poller.
+ *   2. The same holds when the creator stops only after all were handled, and when the
  *      function has received before the loop began, as long as it then went on while
  *      j_sock_wait was 1.
  *   3. A handler that receives while j_sock_wait is 1 never waits for the rest of a
  *      message.
- *   4. Programs that receive until j_sock_buffered is 0 (LOOKS_AT_BUFFERED) have the
- *      first two, with a tolerant poller.
+ *   4. For programs that receive until j_sock_buffered is 0 (LOOKS_AT_BUFFERED) claims 1
+ *      and 2 hold with a tolerant poller.
  *
  * Left out: other pollers of the same loop, timers, failing reads.
  *
@@ -45,7 +45,7 @@
  *
  * BELIEVES_POLL takes a readable descriptor for a whole message. HANG_UP_FIRST takes a
  * hang-up for the end while bytes still wait. SPLIT_WRITES writes a message in two
- * parts, as a full pipe makes a large one go.
+ * parts, as happens to a large one when the pipe is full.
  */
 #ifndef MESSAGES
 #define MESSAGES 3
@@ -61,7 +61,7 @@ byte buffered = 0;
 byte handled = 0;
 bool returned = false;
 
-/* Result: `ok`; it blocks while there is nothing and a writer. */
+/* Result: `ok`; it blocks while there is nothing to read but still a writer. */
 inline ReadByte() {
   if
   :: buffered > 0 -> buffered--; ok = true
@@ -78,7 +78,7 @@ inline ReadByte() {
           ok = true
         }
      :: avail <= 1 ->
-        assert(!ready || in_pipe > 0 || !writer_open); /* or it would wait */
+        assert(!ready || in_pipe > 0 || !writer_open); /* or it would block */
         if
         :: atomic { in_pipe > 0 -> in_pipe--; ok = true }
         :: atomic { in_pipe == 0 && !writer_open -> ok = false }
@@ -124,7 +124,7 @@ inline Wait() {
   od
 }
 
-/* Receives all that is there. Result: `ok`, unless the stream has ended. */
+/* Receives everything that is there. Result: `ok`, unless the stream has ended. */
 inline ReceiveAll() {
   ok = true;
   do
@@ -189,7 +189,7 @@ inline Loop() {
   do
   :: canceled -> break
   :: !canceled && watched && (in_pipe > 0 || !writer_open) ->
-     /* poll has returned: the events are those of one moment */
+     /* poll has returned: the events are a snapshot */
 #ifdef INTOLERANT
      if
      :: !writer_open ->

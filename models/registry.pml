@@ -1,19 +1,19 @@
 /*
  * registry.pml - the answers that threads remember about handles.
  *
- * Three addresses, all in one group of the counts and all in one place of a thread's
- * memory, the worst case: a program's addresses share both. Two threads add and
- * remove, so that an address is used again; a third asks.
+ * Three addresses, all in one group of the counts and all in one entry of a thread's
+ * memory. This is the worst case: real addresses can share both. Two threads add and
+ * remove, so that an address is reused; a third asks.
  *
  * Claims
  *   1. Every answer, remembered or not, was right at some moment of the call that
- *      gave it. So no answer is older than a change that the asking thread can know
+ *      returned it. So no answer is older than a change that the asking thread can know
  *      of: such a change was complete before the call began.
  *   2. No thread waits for ever for the registry's lock.
  *
- * Left out: the order of memory on weaker hardware (here every step is seen by all
- * threads at once; the library stores a count with release and loads it with
- * acquire), counts that come round after 2^63 changes.
+ * Left out: weaker memory ordering (here all threads see every step immediately; the
+ * library stores a count with release and loads it with acquire), counts that wrap
+ * around after 2^63 changes.
  *
  * What stands for what
  *   Changer       registry::Enter, Leave: EnterSet, LeaveSet, CountAdded, CountRemoved
@@ -21,7 +21,7 @@
  *   in_set        the set of one family; changed with the mutex held
  *   added,removed the counts of one group (Changes)
  *   known_*       one entry of the asking thread's Memory (KnownHandles)
- *   live          what is true: it turns where the change can first be known, at the
+ *   live          the truth: it changes where the change can first be known, at the
  *                 step that moves the count
  *
  * Runs
@@ -54,7 +54,7 @@ inline Since(valid, count) {
 #endif
 }
 
-/* The count and, for the claim, the moment from which the change is known. */
+/* The count and, for the claim, the moment when the change becomes known. */
 inline CountRemoved() {
 #ifdef COUNTS_NO_REMOVAL
   live[a] = false
@@ -75,7 +75,7 @@ inline CountAdded() {
   }
 }
 
-/* Each changing thread has addresses of its own, as an object has one owner. */
+/* Each changing thread has its own addresses, as an object has one owner. */
 proctype Changer(byte low; byte high) {
   byte changes = 0;
   byte count = 0;
