@@ -13,7 +13,7 @@
 #   need_packages NAME...  install the Debian packages that are missing
 #   need_run_directory     make sure that endpoints can be made
 #   stage NAME COMMAND...  run one named stage, remember its result and time
-#   summary                print what the stages gave; fails when one failed
+#   summary                print the results of the stages; fails when one failed
 
 # shellcheck disable=SC2034 # for the scripts that source this file
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -50,12 +50,12 @@ package_installed() {
   dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
 }
 
-# Installs those of the named packages that are missing; nothing happens when
-# all are there. Ends the script, naming them, when it cannot.
+# Installs those of the named packages that are missing. If it cannot, ends the script
+# and names them.
 need_packages() {
   local name missing=()
   if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
-    echo "$(basename "$0"): no apt here; this needs what Debian calls: $*" >&2
+    echo "$(basename "$0"): no apt here; this needs the equivalents of these Debian packages: $*" >&2
     return 0
   fi
   for name in "$@"; do
@@ -66,7 +66,7 @@ need_packages() {
     die "these packages are missing, and only root can install them: ${missing[*]}"
   fi
   echo "installing: ${missing[*]}"
-  # The package lists may be absent or old: fetch them when it does not work without.
+  # The package lists may be absent or old: fetch them if installing fails without.
   if ! apt_get install --no-install-recommends "${missing[@]}" >/dev/null 2>&1 &&
     ! { apt_get update && apt_get install --no-install-recommends "${missing[@]}"; } >/dev/null; then
     die "these packages are missing and could not be installed: ${missing[*]}"
@@ -74,8 +74,8 @@ need_packages() {
 }
 
 # Makes sure that this user can make endpoints: makes the directory of their FIFOs as the
-# library does, where it is missing. One that is there stays as the administrator has set
-# it up. Ends the script, and says what to ask the administrator for, when it cannot.
+# library does, if it is missing. An existing one stays as the administrator has set it up.
+# If it cannot, ends the script and says what to ask the administrator for.
 run_directory=/var/run/jactor
 need_run_directory() {
   [ -d "$run_directory" ] || make_run_directory 2>/dev/null ||
@@ -84,19 +84,19 @@ need_run_directory() {
     die "$run_directory is not writable for $(id -un); ask an administrator for: chmod 2777 $run_directory"
 }
 
-# A user who may write beside it needs no sudo.
+# A user who may write to the parent directory does not need sudo.
 make_run_directory() {
   install -d -m 2777 "$run_directory" || as_root install -d -m 2777 "$run_directory"
 }
 
-# The results so far. A script that goes on for another one inherits them.
+# The results so far. A script that continues for another one inherits them.
 export JACTOR_STAGES=${JACTOR_STAGES:-}
 export JACTOR_STAGES_PASSED=${JACTOR_STAGES_PASSED:-0}
 export JACTOR_STAGES_FAILED=${JACTOR_STAGES_FAILED:-0}
 
 # Runs COMMAND (a program or a function) as the stage NAME in a subshell with
-# `set -e`, and goes on after a failure. Not to be used in a condition, where
-# the shell would ignore `set -e`: `summary` has the result.
+# `set -e`, and goes on after a failure. Do not use it in a condition, where the shell
+# would ignore `set -e`: `summary` has the result.
 stage() {
   local name=$1 start=$SECONDS errexit=+e status word=ok
   shift
@@ -121,7 +121,7 @@ stage() {
   echo "---- $name: $word"
 }
 
-# Prints one line a stage and the closing line; fails when a stage failed.
+# Prints one line per stage and the closing line; fails when a stage failed.
 summary() {
   echo
   echo "==== summary"
