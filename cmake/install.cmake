@@ -1,4 +1,4 @@
-# What `cmake --install` puts where: headers, libraries and their links, the CMake
+# What `cmake --install` installs, and where: headers, libraries and their links, the CMake
 # package, jactor.pc, manual pages, documents, examples, the tool, and a tmpfiles.d snippet.
 include(CMakePackageConfigHelpers)
 
@@ -58,7 +58,7 @@ foreach(line IN LISTS aliases)
       SYMBOLIC)")
 endforeach()
 
-# The documents, which refer to each other by these paths, and the examples to copy.
+# The documents, which refer to each other by these paths, and the examples.
 install(FILES README.md NEWS.md SECURITY.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(DIRECTORY docs DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(FILES python/README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}/python")
@@ -88,6 +88,6 @@ if(TARGET jpipe)
     DESTINATION lib/sysusers.d RENAME jactor.conf)
 endif()
 
-# The run directory, made at start-up, so that programs without privileges find it.
+# The run directory, made at boot, so that programs without privileges find it.
 install(FILES "${PROJECT_SOURCE_DIR}/cmake/tmpfiles.conf"
   DESTINATION lib/tmpfiles.d RENAME jactor.conf)

@@ -13,7 +13,7 @@ target_link_libraries(jactor_options INTERFACE Threads::Threads)
 if(JACTOR_SANITIZE)
   target_compile_options(jactor_options INTERFACE
     -fsanitize=${JACTOR_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
-  # A program in C links the C++ library, and so needs the sanitizer's part for C++.
+  # A C program links the C++ library, and so needs the sanitizer's C++ part too.
   target_link_options(jactor_options INTERFACE -fsanitize=${JACTOR_SANITIZE}
     $<$<LINK_LANG_AND_ID:C,Clang>:-fsanitize-link-c++-runtime>)
   target_link_libraries(jactor_options INTERFACE $<$<LINK_LANG_AND_ID:C,Clang>:stdc++>)
