@@ -116,7 +116,7 @@ TEST_F(Wrapper, AnExceptionReachesTheCreator) {
   EXPECT_EQ(actor.receive()->signal(), 1);
   EXPECT_FALSE(actor.receive());
   EXPECT_THROW(actor.rethrow(), std::out_of_range);
-  Actor moved([](SockRef) {});
+  Actor moved(Echo);  // stopped by the assignment
   moved = std::move(actor);
   EXPECT_THROW(moved.join(), std::out_of_range);
   EXPECT_NO_THROW(moved.join());
