@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -20,6 +21,7 @@
 #include <mutex>
 #include <new>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "jcxxactorapi.h"
@@ -42,11 +44,10 @@ std::mutex log_mutex;
 std::vector<LogLine> log_lines;
 std::atomic<int> log_level{kAll};
 
-std::mutex script_mutex;
-std::atomic<Script*> scripts[static_cast<std::size_t>(Call::kCount)];
+thread_local Script* scripts[static_cast<std::size_t>(Call::kCount)] = {};
 std::atomic<const std::string*> run_folder{nullptr};
 
-std::atomic<Script*>& SlotOf(Call call) { return scripts[static_cast<std::size_t>(call)]; }
+Script*& SlotOf(Call call) { return scripts[static_cast<std::size_t>(call)]; }
 
 // The place of a path while a RunDirectory lives.
 std::string Place(const char* path) {
@@ -73,21 +74,13 @@ std::vector<iovec> CutList(const iovec* iov, int n, std::size_t limit) {
 
 // The step of an intercepted call; its `before` has run, and its error is in errno.
 Step Take(Call call) {
-  if (at_work || SlotOf(call) == nullptr) {
+  Script* const script = SlotOf(call);
+  if (at_work || script == nullptr) {
     return {};
   }
   const AtWork own;
-  Step step;
-  {
-    const std::lock_guard<std::mutex> lock(script_mutex);
-    Script* script = SlotOf(call);
-    if (script == nullptr ||
-        (script->thread_ != std::thread::id() && script->thread_ != std::this_thread::get_id())) {
-      return {};
-    }
-    const std::size_t i = script->count_++;
-    step = i < script->steps_.size() ? script->steps_[i] : script->rest_;
-  }
+  const std::size_t i = script->count_++;
+  Step step = i < script->steps_.size() ? script->steps_[i] : script->rest_;
   if (step.before) {
     step.before();
   }
@@ -123,20 +116,14 @@ std::string Log(int max_level, const std::string& function) {
   return texts;
 }
 
-Script::Script(std::initializer_list<Call> calls, std::vector<Step> steps, Step rest,
-               bool this_thread_only)
-    : calls_(calls),
-      steps_(std::move(steps)),
-      rest_(std::move(rest)),
-      thread_(this_thread_only ? std::this_thread::get_id() : std::thread::id()) {
+Script::Script(std::initializer_list<Call> calls, std::vector<Step> steps, Step rest)
+    : calls_(calls), steps_(std::move(steps)), rest_(std::move(rest)) {
   for (const Call call : calls_) {
     SlotOf(call) = this;
   }
 }
 
 Script::~Script() {
-  const AtWork own;
-  const std::lock_guard<std::mutex> lock(script_mutex);
   for (const Call call : calls_) {
     SlotOf(call) = nullptr;
   }

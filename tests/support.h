@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
-#include <atomic>
 #include <climits>
 #include <cstddef>
 #include <functional>
@@ -20,7 +19,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "jcxxsock.h"
@@ -86,13 +84,12 @@ inline Step Fail(int error) { return {nullptr, -1, error}; }  // new throws std:
 inline Step Return(long result) { return {nullptr, result}; }
 inline Step Cut(std::size_t bytes) { return {nullptr, std::nullopt, 0, bytes}; }
 
-// While it lives, the intercepted calls of the kinds in `calls` take one step
-// each from `steps`, in order, and `rest` when these are used up; calls made by
-// `before` and inside this file pass. One script per kind of call at a time.
+// While it lives, the intercepted calls of this thread of the kinds in `calls` take
+// one step each from `steps`, in order, and `rest` when these are used up; calls made
+// by `before` and inside this file pass. One script per kind of call at a time.
 class Script {
  public:
-  explicit Script(std::initializer_list<Call> calls, std::vector<Step> steps = {}, Step rest = {},
-                  bool this_thread_only = false);
+  explicit Script(std::initializer_list<Call> calls, std::vector<Step> steps = {}, Step rest = {});
   explicit Script(Call call, std::vector<Step> steps = {}, Step rest = {})
       : Script({call}, std::move(steps), std::move(rest)) {}
   ~Script();
@@ -104,8 +101,7 @@ class Script {
   const std::vector<Call> calls_;
   const std::vector<Step> steps_;
   const Step rest_;
-  const std::thread::id thread_;  // the only thread it applies to, or none
-  std::atomic<std::size_t> count_{0};
+  std::size_t count_ = 0;
 };
 
 // While it lives, paths that begin with /var/run/jactor lead below a temporary

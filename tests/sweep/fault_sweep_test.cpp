@@ -222,7 +222,7 @@ class FaultSweep : public support::Test, public ::testing::WithParamInterface<Sc
     support::KeepLog(support::kErrors);
     std::vector<support::Step> steps(first - 1, support::Pass());
     steps.insert(steps.end(), last + 1 - first, support::Fail(error));
-    std::optional<support::Script> script(std::in_place, fault.calls, steps, support::Step(), true);
+    std::optional<support::Script> script(std::in_place, fault.calls, std::move(steps));
     heap = {first, fault.calls.size() == 0 ? last : 0, 0};
     ok_ = GetParam().run(*world);
     const std::size_t calls = script->count() + std::exchange(heap, {}).calls;

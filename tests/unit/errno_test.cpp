@@ -75,7 +75,7 @@ TEST_F(ErrnoTest, ACallThatFailsSaysWhyInALine) {
     SCOPED_TRACE(error);
     ClearLog();
     {
-      const Script script({failing}, {}, Fail(error), true);
+      const Script script({failing}, {}, Fail(error));
       errno = kBefore;
       call();
       EXPECT_EQ(errno, error);
@@ -87,7 +87,7 @@ TEST_F(ErrnoTest, ACallThatFailsSaysWhyInALine) {
 
 TEST_F(ErrnoTest, HalfAMessageThatIsSentIsEioWhateverFollows) {
   const Script cut(Call::kWritev, {Cut(1)});
-  const Script memory({Call::kNew}, {Pass()}, Fail(ENOMEM), true);  // the cut needs one
+  const Script memory({Call::kNew}, {Pass()}, Fail(ENOMEM));  // the cut needs one
   Send();
   EXPECT_EQ(errno, EIO);
   Drain();

@@ -2,6 +2,7 @@
 // come.
 #include <cerrno>
 #include <chrono>
+#include <thread>
 
 #include "jactor.h"
 #include "jcxxmsg.h"
