@@ -36,6 +36,7 @@ TEST_F(ErrnoTest, ACallThatSucceedsLeavesItAsItWas) {
     errno = kBefore;
   };
   JCXXMsg* sent = j_msg_new();
+  EXPECT_EQ(j_msg_addstr(sent, "a"), 0);
   errno = kBefore;
   {
     const Script script({Call::kWritev, Call::kReadv}, {Cut(1), Fail(EINTR), Pass(), Fail(EINTR)});
@@ -85,7 +86,7 @@ TEST_F(ErrnoTest, ACallThatFailsSaysWhyInALine) {
   }
 }
 
-TEST_F(ErrnoTest, HalfAMessageThatIsSentIsEioWhateverFollows) {
+TEST_F(ErrnoTest, AMessageSentInPartIsEioWhateverFollows) {
   const Script cut(Call::kWritev, {Cut(1)});
   const Script memory({Call::kNew}, {Pass()}, Fail(ENOMEM));  // the cut needs one
   Send();

@@ -60,7 +60,7 @@ TEST_F(ActorTest, AFunctionThatReturnsBeforeItsSignalIsALine) {
   EXPECT_EQ(j_sock_signal(actors_end, 0), 0);
 }
 
-TEST_F(ActorTest, DestroyingIsNoCancellationPoint) {
+TEST_F(ActorTest, DestroyingIsNotACancellationPoint) {
   std::atomic<int> stopped{0};
   JCXXActor* actor = j_actor_new(WaitsForItsEnd, &stopped);
   const UniqueEndpoint endpoint;

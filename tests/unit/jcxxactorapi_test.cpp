@@ -1,5 +1,5 @@
 // jcxxactorapi_test.cpp - the registry, and what every exported call and every member
-// behind it answers to handles that are none.
+// behind it answers to what is not a handle.
 #include "jcxxactorapi.h"
 
 #include <cerrno>
@@ -17,7 +17,7 @@ using namespace support;
 
 using ApiTest = PairTest;
 
-// The line of a call, or of a member, about a handle that is none.
+// The line of a call, or of a member, about what is not a handle.
 std::string RefusalOf(const std::string& call, bool exported, bool null) {
   if (!null) {
     return "invalid pointer passed to " + call;
@@ -42,11 +42,11 @@ TEST_F(ApiTest, EveryCallRefusesNullStaleForeignAndWrongHandles) {
   for (JCXXActorAPI* api : {kExported, &own, JCXXActorAPI::GetInstance()}) {
     for (const calls::Call& call : calls::kCalls) {
       for (const auto& [kind, handle] : kHandles) {
-        const std::string name = call.name;
-        const bool nulls = api == kExported && name.ends_with("_destroy");
         if (calls::Fits(call.takes, kind)) {
           continue;
         }
+        const std::string name = call.name;
+        const bool nulls = api == kExported && name.ends_with("_destroy");
         SCOPED_TRACE(name + " of " + kind);
         ClearLog();
         errno = 0;

@@ -70,7 +70,7 @@ TEST_F(MsgTest, WhatIsBeyondALimitIsNotSent) {
   EXPECT_EQ(Make(Frames(511, "x"))->WriteMessage(a.get()), 0);
 }
 
-TEST_F(MsgTest, AFrameOfNothingIsZerosAndAListCanBeGivenUp) {
+TEST_F(MsgTest, ANullSourceAddsZerosAndDeallocatingDropsAllFrames) {
   JCXXMsg msg;
   EXPECT_EQ(msg.AddMem(nullptr, 2), 0);
   EXPECT_EQ(Wire(msg), "\2\0\0"s);
@@ -78,7 +78,7 @@ TEST_F(MsgTest, AFrameOfNothingIsZerosAndAListCanBeGivenUp) {
   EXPECT_EQ(Wire(msg), "\x40");
 }
 
-TEST_F(MsgTest, ASignalTakesNoFrameAndAMessageNoForeignOne) {
+TEST_F(MsgTest, WhatCannotStandInAMessageIsLeftOut) {
   JCXXMsg signal(static_cast<unsigned char>(9));
   JCXXMsg data;
   JCXXFrame frame;

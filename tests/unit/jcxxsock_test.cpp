@@ -55,7 +55,7 @@ TEST_F(SockTest, TheReadStepTakesWhatIsThereAndNoMore) {
   EXPECT_EQ(Drain(), "6789");
 }
 
-TEST_F(SockTest, ABufferIsFullBeforeThePipeIsEmpty) {
+TEST_F(SockTest, ReadingAheadTakesWhatTheBufferHolds) {
   char byte = 0;
   Feed(std::string(20000, 'x'));
   EXPECT_EQ(b->ReadBlockingReadaheadBuffered(&byte, 1), 1);
@@ -112,7 +112,7 @@ TEST_F(SockTest, AGatheredWriteTellsWhatInterruptsOrEndsIt) {
   }
 }
 
-TEST_F(SockTest, NothingToTransferTakesNoCallButAPlaceForIt) {
+TEST_F(SockTest, ATransferOfNothingMakesNoCall) {
   unsigned char byte = 'x';
   const iovec list[] = {{nullptr, 0}, {&byte, 1}};
   std::size_t n = 7;
