@@ -392,7 +392,7 @@ void Network::Tell(const Happening& happening) {
       }
       break;
     case ZMQ_EVENT_CONNECT_RETRIED:
-      SayOnce("no connection to " + linked_ + " yet: still trying");
+      SayOnce("no connection to " + linked_ + ": still trying");
       break;
     default:
       break;

@@ -279,8 +279,8 @@ Exit Exporter::Run() {
   sock_.Leave();
   Note("exported " + progress_.Counts());
   if (unconfirmed > 0) {
-    Note(Counted(unconfirmed, "message") +
-         " of these not confirmed: an import that is still running may have and deliver them");
+    Note("not confirmed: " + Counted(unconfirmed, "message") +
+         "; an import that is still running may have and deliver them");
   }
   if (failure_ || finished != Outcome::kReady || unconfirmed > 0) {
     return failure_ ? failure_->code() : carried == Outcome::kTimedOut ? kTimedOut : kFailed;
