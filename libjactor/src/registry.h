@@ -1,7 +1,6 @@
 // registry.h - the process-wide instance: entering its sets, leaving them, asking them. The
-// data kept beside each set makes it be asked less often, an entry costs no allocation in the
-// steady state, and the mutex is taken once for objects that enter or leave together
-// (together.h).
+// data kept beside each set saves most look-ups, and in the steady state every allocation.
+// The mutex is taken once for objects that enter or leave together (together.h).
 //
 // A set is only touched with the registry's mutex held; nothing is logged here. These rules
 // keep the answers exact:
