@@ -145,9 +145,10 @@ class Pusher {
 Counts CountWords(const std::string& text) {
   Counts counts;
   std::string word;
-  for (const unsigned char c : text) {
-    if (std::isalpha(c) != 0) {
-      word += static_cast<char>(std::tolower(c));
+  for (const char c : text) {
+    const int letter = std::tolower(static_cast<unsigned char>(c));
+    if (letter >= 'a' && letter <= 'z') {
+      word += static_cast<char>(letter);
     } else if (!word.empty()) {
       ++counts[std::exchange(word, "")];
     }
