@@ -1,6 +1,6 @@
 #!/bin/bash
-# One export deals its messages out to two imports, one of which is killed; two exports
-# feed one import.
+# One export shares its messages out among two imports, one of which is killed; then two
+# exports feed one import.
 . "$(dirname "$0")/lib.sh"
 near=$(endpoint near)
 cd "$scratch" || exit 1
@@ -26,8 +26,8 @@ until_true all_read
 all_shown() { [ "$(sort -nu one two | wc -l)" = 100000 ]; }
 until_true all_shown
 twice=$(($(cat one two | wc -l) - 100000))
-is 'at most the window came twice' yes "$([ $twice -le 16 ] && echo yes || echo $twice)"
-is 'each import got its part in order' "$(sort -n two)" "$(cat two)"
+is 'at most the window arrives twice' yes "$([ $twice -le 16 ] && echo yes || echo $twice)"
+is 'an import delivers its share in order' "$(sort -n two)" "$(cat two)"
 
 start_import "tcp://$loopback:*" "$(endpoint one)"
 : >one

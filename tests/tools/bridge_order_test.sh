@@ -1,6 +1,7 @@
 #!/bin/bash
-# 20,000 messages of mixed shape through endpoint, export, TCP, import, endpoint: every
-# byte and the order are compared. A far end without a reader first stops the near one.
+# Sends 20,000 messages of mixed shapes through endpoint, export, TCP, import and endpoint,
+# and compares every byte and the order. Back-pressure from a far end without a reader first
+# stops the sender.
 . "$(dirname "$0")/lib.sh"
 near=$(endpoint near)
 far=$(endpoint far)
@@ -11,8 +12,8 @@ start_export "$near" "$address" --window 100
 "$traffic" send "$near" "$count" mixed >"$scratch/send" &
 send=$!
 
-# Nobody reads at the far end: its FIFO fills, import takes as much as it has granted, and
-# then the near FIFO fills, and its sender waits.
+# Without a reader the far FIFO fills, import receives as much as it has granted, the near
+# FIFO fills, and the sender waits.
 both_wait() {
   "$JPIPE" list | awk -v n="ipc://${name}_near" -v f="ipc://${name}_far" \
     '$4 > 0 && ($1 == n || $1 == f) { found++ } END { exit found != 2 }'
@@ -23,11 +24,11 @@ is 'the sender waits for the far end' 0 "$(kill -0 $send; echo $?)"
 is 'every message arrives' "received $count lost 0 repeated 0" \
   "$("$traffic" check "$far" mixed | tail -n 1)"
 wait $send
-is 'the sender ends' 0 $?
+is 'the sender succeeds' 0 $?
 
 ends_cleanly export $export
 ends_cleanly import $import
 exported=$(sed -n 's/.*exported //p' "$scratch/export")
 has 'the count' "$((count + 1)) messages (*" "$exported"
-is 'both count alike' "$exported" "$(sed -n 's/.*imported //p' "$scratch/import")"
+is 'both report the same count' "$exported" "$(sed -n 's/.*imported //p' "$scratch/import")"
 finish

@@ -1,5 +1,5 @@
 #!/bin/bash
-# What a bridge does with far ends that do not fit, or mean it harm.
+# How a bridge treats peers that are incompatible or hostile.
 . "$(dirname "$0")/lib.sh"
 near=$(endpoint near)
 far=$(endpoint far)
@@ -7,7 +7,7 @@ said() { until_true grep -q -- "$2" "$scratch/$1"; }
 
 start_import "tcp://$loopback:*" "$far"
 
-# Another version is told on both sides, as is a peer that is not an export.
+# Both sides report a different version, or a peer that is not an export.
 greeting='E0123456789abcdef'
 for far_end in "JPB\\x02H$greeting|*version 1*version 2*" "hello|*does not speak jpipe's protocol*" \
   "JPB\\x01HI0123456789abcdef|*both sides are an import*" "JPB\\x01Hshort|*greeting is damaged*" \
@@ -16,20 +16,20 @@ for far_end in "JPB\\x02H$greeting|*version 1*version 2*" "hello|*does not speak
     "$("$traffic" dealer "$address" "${far_end%|*}")"
 done
 said import 'refused .*version'
-# Data that is not a message, a window from an export.
+# Data that is not a message; a window grant from an export.
 for data in 'D\x00\x00\x00\x00\x00\x00\x00\x01\x05ab|*not a message of an endpoint*' \
   'W0000000000000000|*something no export sends*'; do
   has "the answer to ${data%|*}" "${data#*|}" \
     "$("$traffic" dealer "$address" "JPB\\x01H$greeting" "JPB\\x01${data%|*}")"
 done
 
-# The sockets of an older jpipe do not fit: ZeroMQ itself ends the connection.
+# An older jpipe uses incompatible sockets: ZeroMQ itself closes the connection.
 "$traffic" push "$address" old &
 said import 'an older jpipe'
 wait $!
 
-# A message without an end is cut off before it takes much memory, and the others go on. An
-# emulator does not tell how many bytes a connection has got.
+# An endless message is cut off before it takes much memory, and other peers are still
+# served. An emulator does not report how many bytes a connection has received.
 if [ -z "${JACTOR_EMULATOR-}" ]; then
   before=$(awk '/VmHWM/ { print $2 }' "/proc/$import/status")
   is 'endless parts' ended "$("$traffic" endless "$address")"
@@ -40,23 +40,24 @@ if [ -z "${JACTOR_EMULATOR-}" ]; then
 fi
 start_export "$near" "$address"
 "$JPIPE" push "$near" good
-is 'others go on' good "$("$JPIPE" pull "$far" --count 1)"
+is 'other peers are still served' good "$("$JPIPE" pull "$far" --count 1)"
 
-# An export that is refused gives up after its time, with all still in the endpoint.
+# A refused export gives up when its time is up, and leaves its messages in the endpoint.
 ends_cleanly export "$export"
 ends_cleanly import "$import"
 start_export "$near" "tcp://$loopback:*" --bind
 "$JPIPE" push "$near" kept
 "$JPIPE" export "$(endpoint other)" "$address" 2>"$scratch/refused"
 is 'the refused export fails' 1 $?
-has 'and says why' '*both sides are an export*no connection for 10 seconds*exported 0 messages*' \
+has 'the refused export says why' '*both sides are an export*no connection for 10 seconds*exported 0 messages*' \
   "$(tr '\n' ' ' <"$scratch/refused")"
 start_import --connect "$address" "$far"
-is 'what was there arrives' kept "$("$JPIPE" pull "$far" --count 1)"
+is 'the message it left arrives' kept "$("$JPIPE" pull "$far" --count 1)"
 ends_cleanly export "$export"
 ends_cleanly import "$import"
 
-# More connections than descriptors: the ones there are go on, and nobody spins.
+# More connections than descriptors: existing connections still work, and import does not
+# spin.
 (
   ulimit -n 40
   exec "$JPIPE" import "tcp://$loopback:*" "$far" 2>"$scratch/few"
@@ -76,12 +77,12 @@ before=$(ticks $few)
 is 'a message gets through' $'one\ttwo' "$("$JPIPE" pull "$far" --count 1)"
 "$JPIPE" pull "$(endpoint other)" --timeout 1
 spent=$(($(ticks $few) - before))
-is 'and it rests' yes "$([ $spent -lt 50 ] && echo yes || echo "$spent ticks")"
+is 'it does not spin' yes "$([ $spent -lt 50 ] && echo yes || echo "$spent ticks")"
 for fd in "${idle[@]}"; do exec {fd}>&-; done
 ends_cleanly export $export
 start_export "$near" "$address"
 "$JPIPE" push "$near" again
-is 'others are let in again' again "$("$JPIPE" pull "$far" --count 1)"
+is 'connections are accepted again' again "$("$JPIPE" pull "$far" --count 1)"
 ends_cleanly export $export
 ends_cleanly import $few
 finish

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Export and import are stopped and killed again and again under steady traffic, and
-# started again. What was sent is compared with what arrives. $BRIDGE_ROUNDS rounds of
-# each of $BRIDGE_KINDS.
+# Repeatedly stops, kills or cuts off export and import under steady traffic, restarts
+# them, and compares what arrives with what was sent. Runs $BRIDGE_ROUNDS rounds of each of
+# $BRIDGE_KINDS.
 . "$(dirname "$0")/lib.sh"
 near=$(endpoint near)
 far=$(endpoint far)
@@ -10,7 +10,7 @@ kinds=${BRIDGE_KINDS:-import_binds export_binds reader_stands import_killed expo
   connection_cut link_cut}
 window=64
 
-# begin BINDING-SIDE - starts traffic, import and export, one of which binds.
+# begin BINDING-SIDE - starts traffic, import and export; BINDING-SIDE binds.
 begin() {
   address="tcp://$loopback:*"
   if [ "$1" = import ]; then
@@ -35,7 +35,7 @@ new_export() {
   start_export "$near" "$address" "$export_link" --window $window --linger "${1:-100}"
 }
 
-# flows - waits until messages have passed through all.
+# flows - waits until messages have passed all the way through.
 flows() {
   local before
   before=$(wc -l <"$scratch/check")
@@ -43,8 +43,9 @@ flows() {
 }
 more_than() { [ "$(wc -l <"$scratch/check")" -gt "$1" ] || ! kill -0 "$check"; }
 
-# finally WHAT PATTERN - stops all, and compares what has arrived. The sender goes first,
-# and its end goes through all.
+# finally WHAT LOST REPEATED - stops everything, and checks that no more messages than these
+# were lost or repeated. The sender stops first, and its last message passes all the way
+# through.
 finally() {
   kill -TERM "$send"
   wait "$check"
@@ -55,11 +56,11 @@ finally() {
   lost=$(sed -n 's/.*lost \([0-9]*\).*/\1/p' <<<"$figures")
   repeated=$(sed -n 's/.*repeated //p' <<<"$figures")
   echo "$1, $rounds rounds: $(cat "$scratch/send"), $figures"
-  is "$1: messages got lost within the bound" yes "$([ "$lost" -le "$2" ] && echo yes || echo "$lost")"
-  is "$1: and came again within it" yes "$([ "$repeated" -le "$3" ] && echo yes || echo "$repeated")"
+  is "$1: messages lost within the bound" yes "$([ "$lost" -le "$2" ] && echo yes || echo "$lost")"
+  is "$1: messages repeated within the bound" yes "$([ "$repeated" -le "$3" ] && echo yes || echo "$repeated")"
 }
 
-# One after the other, and in either order; the reader runs.
+# Each alone, and both in either order, while the reader runs.
 stop_all_ways() { # BINDING-SIDE
   begin "$1"
   for ((round = 0; round < rounds; round++)); do
@@ -68,10 +69,10 @@ stop_all_ways() { # BINDING-SIDE
       0) ends_cleanly 'import alone' "$import" && new_import ;;
       1) ends_cleanly 'export alone' "$export" && new_export ;;
       2) ends_cleanly 'import before export' "$import"
-         ends_cleanly 'export behind import' "$export"
+         ends_cleanly 'export after import' "$export"
          new_export && new_import ;;
       3) ends_cleanly 'export before import' "$export"
-         ends_cleanly 'import behind export' "$import"
+         ends_cleanly 'import after export' "$import"
          new_import && new_export ;;
     esac
   done
@@ -80,8 +81,8 @@ stop_all_ways() { # BINDING-SIDE
 import_binds() { stop_all_ways import; }
 export_binds() { stop_all_ways export; }
 
-# The reader stands still meanwhile: the side that is stopped ends all the same, and may
-# have to leave messages to the other one.
+# The reader is suspended: the side that is asked to stop still ends, and may have to leave
+# messages to the other side.
 reader_stands() {
   begin import
   for ((round = 0; round < rounds; round++)); do
@@ -103,7 +104,7 @@ reader_stands() {
     fi
     kill -CONT "$check"
   done
-  finally 'stopped with a reader that stands still' 0 0
+  finally 'stopped while the reader is suspended' 0 0
 }
 
 import_killed() {
@@ -128,7 +129,7 @@ export_killed() {
   finally 'export killed' $((rounds * window)) 0
 }
 
-# The system ends the TCP connection, where it has that and this user may.
+# The kernel closes the TCP connection, if it can and this user may ask for it.
 connection_cut() {
   if [ "$(id -u)" -ne 0 ] || ! ss -K dst 127.255.255.254 >"$scratch/ss" 2>&1; then
     echo 'connections cannot be cut here'
@@ -140,11 +141,11 @@ connection_cut() {
     ss -K dst "$loopback" >"$scratch/ss" 2>&1
   done
   finally 'connection cut' 0 0
-  echo "$(grep -c again "$scratch/export") times again"
+  echo "reconnected $(grep -c again "$scratch/export") times"
 }
 
-# Two hosts, which are two network namespaces here, and the cable between them is out for
-# $BRIDGE_CUT seconds, where this user may. Longer than TCP's first attempts to send again.
+# Two network namespaces stand for two hosts, if this user may make them. The link between
+# them is down for $BRIDGE_CUT seconds, longer than TCP's first retransmissions take.
 link_cut() {
   local here there program=$JPIPE rounds=1
   if ! unshare --net true 2>"$scratch/ip"; then
@@ -176,7 +177,7 @@ link_cut() {
   send=$!
   flows
   on $here ip link set cable_$$ down
-  sleep "${BRIDGE_CUT:-1}" # the case itself
+  sleep "${BRIDGE_CUT:-1}" # the outage under test
   on $here ip link set cable_$$ up
   flows
   finally 'link cut' 0 0

@@ -1,13 +1,13 @@
 #!/bin/bash
-# Standard input, output or error may be closed: nothing is lost by that, and nothing
-# of jpipe's own gets into their place.
+# Standard input, output or error may be closed: no message is lost, and nothing that
+# jpipe opens takes their place.
 . "$(dirname "$0")/lib.sh"
 e=$(endpoint e)
 mkfifo "$(fifo e)"
 exec 9<>"$(fifo e)"
 
-# CODE, what the endpoint then holds, and the command line; E stands for the endpoint,
-# in which there is a message "m".
+# Exit code, what the endpoint holds afterwards, and the command line. E stands for the
+# endpoint, which holds a message "m" beforehand.
 while IFS='|' read -r code left command; do
   "$JPIPE" drain "$e" >/dev/null
   printf '\x01m' >&9
@@ -32,7 +32,7 @@ done <<'LINES'
 1|"m" |decode <&-
 LINES
 
-# It still ends when it is asked to.
+# pull still ends when asked to.
 "$JPIPE" pull "$e" 9>&- <&- 2>&- >/dev/null &
 pull=$!
 until_true holds e $pull

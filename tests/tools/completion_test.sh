@@ -1,11 +1,11 @@
 #!/bin/bash
-# What the completion offers, and that an endpoint's name is never run as a command.
+# What completion offers, and that it never runs an endpoint's name as a command.
 . "$(dirname "$0")/lib.sh"
 jpipe() { "$JPIPE" "$@"; } # under emulation too
 . "$(dirname "$0")/../../tools/jpipe.bash"
 compopt() { :; } # works only while bash completes
 
-# offers WANTED WORD... - what is offered for the last word
+# offers WANTED WORD... - checks what is offered for the last WORD
 offers() {
   local wanted=$1
   shift
@@ -29,7 +29,7 @@ offers "ipc://${name}_e" jpipe pull --progress "ipc://$name"
 touch folder-file && mkdir folder
 offers 'folder' jpipe import --curve-clients fo
 offers 'folder-file' jpipe decode folder-
-# Nothing where a value stands, or where nothing more may.
+# Nothing is offered for a value, or after the last operand.
 offers '' jpipe pull --count ''
 offers '' jpipe pull -t ''
 offers '' jpipe push --frames "ipc://$name"

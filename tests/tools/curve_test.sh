@@ -1,5 +1,5 @@
 #!/bin/bash
-# Encryption: who holds a certificate that is let in gets through, others do not.
+# Encryption: only a peer with an accepted certificate gets through.
 . "$(dirname "$0")/lib.sh"
 near=$(endpoint near)
 cd "$scratch" || exit 1
@@ -11,8 +11,8 @@ is 'the secret is private' '-rw-------' "$(ls -l good_secret | cut -c1-10)"
 is 'a certificate is not overwritten' 1 $?
 cp good clients/
 
-# Keys that do not match: each side says why, nothing leaves the endpoint, and the side
-# that is refused fails after its time.
+# Keys that do not match: each side says why, nothing leaves the endpoint, and the refused
+# side fails when its time is up.
 said() { until_true grep -q -- "$2" "$scratch/$1"; }
 mkfifo "$(fifo near)" && exec {keep}<>"$(fifo near)"
 "$JPIPE" push "$near" secret
@@ -33,22 +33,22 @@ refused() { # WHAT BIND-OPTIONS CONNECT-OPTIONS SAID-HERE SAID-THERE
   ends_cleanly "$1: import" "$import"
 }
 server='--curve-cert server --curve-clients clients'
-refused 'a certificate that is not let in' "$server" '--curve-cert bad --curve-server server' \
+refused 'a certificate that is not accepted' "$server" '--curve-cert bad --curve-server server' \
   'does not accept this certificate' 'not among those in --curve-clients'
 refused 'another server' "$server" '--curve-cert good --curve-server bad' \
   'certificate is not the one in --curve-server' 'the keys do not match'
-# Who finds out first breaks off, and the other one can only guess.
+# The side that notices first breaks off, and the other can only guess why.
 unequal_here='one side encrypts\|only it encrypts'
 unequal_there='one side encrypts\|left without a greeting'
-refused 'no certificate' "$server" '' "$unequal_here" "$unequal_there"
-refused 'a certificate for nobody' '' '--curve-cert good --curve-server server' \
+refused 'no encryption in the export' "$server" '' "$unequal_here" "$unequal_there"
+refused 'no encryption in the import' '' '--curve-cert good --curve-server server' \
   "$unequal_here" "$unequal_there"
 exec {keep}>&-
 
 start_export "$near" "tcp://$loopback:*" --bind $server
 "$JPIPE" push "$near" secret
 start_import --connect "$address" "$(endpoint far)" --curve-cert good --curve-server server
-is 'all for who is let in' secret "$("$JPIPE" pull "$(endpoint far)" --count 1)"
+is 'an accepted certificate gets the message' secret "$("$JPIPE" pull "$(endpoint far)" --count 1)"
 ends_cleanly export "$export"
 ends_cleanly import "$import"
 finish

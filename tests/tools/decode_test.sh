@@ -1,5 +1,5 @@
 #!/bin/bash
-# Captured bytes: how they are explained, and every kind of fault.
+# How decode explains captured bytes, and every kind of fault.
 . "$(dirname "$0")/lib.sh"
 
 printf '\x45\x02ab\x03cde\x10\x04aaaaaaaaaaaaaaaaaaa\x00\xc0\x07\x40' >"$scratch/bytes"
@@ -17,7 +17,7 @@ is 'an explanation' '00000000  45                          message of 5 payload 
 00000021                              end: 4 messages' "$("$JPIPE" decode "$scratch/bytes")"
 is 'exit code' 0 $?
 
-# CODE, the bytes as printf understands them, and the last line after its offset.
+# Exit code, the bytes in printf's notation, and the last line of output.
 while read -r code bytes wanted; do
   output=$(printf "${bytes/EMPTY/}" | "$JPIPE" decode 2>"$scratch/err")
   is "exit code of $bytes" "$code" $?
@@ -40,7 +40,7 @@ done <<'LINES'
 1 \x41\x41 00000001 fault: a message header inside a message that still lacks 1 byte
 LINES
 
-# A frame of the largest size is read, and shown in part.
+# The largest frame is read, and shown in part.
 { printf '\x30\x00\x10\x00\x00'; head -c 1048576 /dev/zero; } >"$scratch/bytes"
 has 'a long frame' '*1048544 more bytes of the frame*end: 1 message' "$("$JPIPE" decode "$scratch/bytes")"
 finish

@@ -1,5 +1,5 @@
 #!/bin/bash
-# What drain finds, by the bytes that lie in the FIFO.
+# What drain reports for the bytes in the FIFO.
 . "$(dirname "$0")/lib.sh"
 e=$(endpoint e)
 mkfifo "$(fifo e)"
@@ -23,19 +23,19 @@ drained '\x05a' '2 bytes thrown away: 0 messages, 0 signals, and 2 bytes that ar
 drained '\x01a\x30\xff\xff\xff\xff\x01b\x01c' \
   '11 bytes thrown away: 1 message, 0 signals, and 9 bytes that are not a whole message'
 
-# A whole FIFO of bytes that mean nothing, more than one piece.
+# A full FIFO, which is read in more than one piece.
 head -c 65536 /dev/zero | tr '\0' '\377' >&9
 has 'a full FIFO' '*: 65536 bytes thrown away: 0 messages, 32768 signals' "$("$JPIPE" drain "$e")"
 
 printf '\x03abc\x81\x05' >&9
 is 'the messages themselves' $'{"frames":["abc"]}\n{"signal":1}' \
   "$("$JPIPE" drain "$e" --format json 2>"$scratch/err")"
-has 'with the tally on standard error' "jpipe: $e: 6 bytes thrown away*" "$(cat "$scratch/err")"
+has 'the tally on standard error' "jpipe: $e: 6 bytes thrown away*" "$(cat "$scratch/err")"
 
 "$JPIPE" drain "$(endpoint none)" 2>"$scratch/err"
 is 'no such endpoint' 1 $?
-is 'none is made' no "$([ -e "$(fifo none)" ] && echo yes || echo no)"
+is 'it is not made' no "$([ -e "$(fifo none)" ] && echo yes || echo no)"
 touch "$(fifo file)"
 "$JPIPE" drain "$(endpoint file)" 2>"$scratch/err"
-is 'no FIFO' 1 $?
+is 'not a FIFO' 1 $?
 finish

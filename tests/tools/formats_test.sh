@@ -4,7 +4,7 @@
 e=$(endpoint e)
 exec 9<>"$(mkfifo "$(fifo e)"; fifo e)"
 
-# shown FORMAT BYTES WANTED - all as printf understands them, newline included.
+# shown FORMAT BYTES WANTED - BYTES and WANTED are in printf's notation, newline included.
 shown() {
   printf -- "$2" >&9
   "$JPIPE" pull "$e" --format "$1" --count 1 >"$scratch/got"
@@ -33,7 +33,7 @@ shown json '\x00' '{"frames":[""]}\n'
 shown json '\xc0\xff' '{"signal":255}\n'
 shown raw '\x45\x02a\x00\x03cde' 'a\x00cde'
 shown raw '\x85' ''
-# What is no UTF-8: overlong, a surrogate, above U+10FFFF, cut off, a stray byte.
+# Invalid UTF-8: overlong, a surrogate, above U+10FFFF, cut off, a stray byte.
 for bytes in c080 e08080 eda080 f4908080 f09f98 80 c3; do
   escaped=$(sed 's/../\\x&/g' <<<"$bytes")
   shown json "\\x$(printf %02x $((${#bytes} / 2)))$escaped" "{\"frames\":[{\"hex\":\"$bytes\"}]}\n"

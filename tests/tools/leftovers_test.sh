@@ -13,6 +13,6 @@ LINES
 unset private_run_directory
 TMPDIR=$scratch bash "$scratch/killed_test.sh" 2>/dev/null
 is 'killed' 137 $?
-is 'after it had made a FIFO' yes "$([ -e "$scratch/made" ] && echo yes)"
-is 'what it left' '' "$(ls "$run_directory")"
+is 'it had made a FIFO' yes "$([ -e "$scratch/made" ] && echo yes)"
+is 'it left nothing' '' "$(ls "$run_directory")"
 finish

@@ -1,13 +1,13 @@
 # lib.sh - what the tests of jpipe share. $JPIPE is the program.
 #
-# Each test has endpoints, files and background processes of its own, and leaves
-# none of them behind.
+# Each test has its own endpoints, files and background processes, and leaves none of
+# them behind.
 set -u
 run_directory=/var/run/jactor
 mkdir -p "$run_directory" 2>/dev/null
 
-# Where it is allowed, the test runs again in a mount namespace with a run directory of
-# its own: nothing is left there, however the test ends.
+# If that is allowed, the test restarts in a mount namespace with its own run directory,
+# so that nothing is left there however the test ends.
 if [ -z "${private_run_directory-}" ]; then
   own_namespace=(unshare --mount)
   [ "$(id -u)" -eq 0 ] || own_namespace+=(--map-root-user)
@@ -22,8 +22,8 @@ name=jpipe_test_$$
 traffic=$(dirname "$0")/traffic.py
 scratch=$(mktemp -d)
 failures=0
-# A loopback address that no other test has: the port that a program leaves when it is
-# killed would be the next one that ZeroMQ chooses, maybe for another test.
+# A loopback address that no other test uses, so that ZeroMQ cannot give the port of a
+# program that was killed to another test.
 loopback=127.$((1 + ($$ >> 16))).$(($$ >> 8 & 255)).$(($$ & 255))
 
 if ! [ -w "$run_directory" ]; then
@@ -55,7 +55,7 @@ is() {
   fi
 }
 
-# has WHAT PATTERN TEXT - TEXT matches the shell PATTERN.
+# has WHAT PATTERN TEXT - TEXT must match the shell PATTERN.
 has() {
   case $3 in
     $2) ;;
@@ -63,14 +63,14 @@ has() {
   esac
 }
 
-# until_true COMMAND... - waits until the command succeeds; the test's time limit ends it.
+# until_true COMMAND... - waits until the command succeeds, or the test's time limit ends it.
 until_true() {
   until "$@" 2>/dev/null; do
     sleep 0.02
   done
 }
 
-# holds NAME PID - PID is no longer the shell, and has the endpoint's FIFO open.
+# holds NAME PID - whether PID is no longer the shell and has the endpoint's FIFO open.
 holds() {
   local fd
   [ "/proc/$2/exe" -ef /proc/self/exe ] && return 1
@@ -80,9 +80,9 @@ holds() {
   return 1
 }
 
-# start_import ADDRESS ENDPOINT OPTION..., start_export ENDPOINT ADDRESS OPTION... - run
-# one: $import or $export is its process, its standard error $scratch/import or
-# $scratch/export, $address where it is bound.
+# start_import ADDRESS ENDPOINT OPTION..., start_export ENDPOINT ADDRESS OPTION... - start
+# one. $import or $export is its process, $scratch/import or $scratch/export its standard
+# error, $address the address that it binds or connects to.
 start_import() {
   rm -f "$scratch/import"
   "$JPIPE" import "$@" 2>"$scratch/import" &
@@ -100,7 +100,7 @@ await_link() { # FILE
   address=$(sed -nE 's/.*(bound to|connecting to) //p' "$1")
 }
 
-# ends_cleanly WHAT PID - after a request to stop.
+# ends_cleanly WHAT PID - asks it to stop, and checks its exit code.
 ends_cleanly() {
   kill -TERM "$2"
   wait "$2"

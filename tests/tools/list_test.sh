@@ -1,5 +1,5 @@
 #!/bin/bash
-# The list tells endpoint, owner, mode, bytes and processes.
+# list shows each endpoint's name, owner, mode, bytes and processes.
 . "$(dirname "$0")/lib.sh"
 mkfifo -m 0600 "$(fifo e)"
 mkfifo -m 0666 "$run_directory/Jinproc_${name}"
@@ -8,15 +8,15 @@ exec 9<>"$(fifo e)"
 printf 'abc' >&9
 sleep 100 & # inherits the FIFO
 sleeper=$!
-until_true grep -qx sleep "/proc/$sleeper/comm" # no longer the shell's copy
+until_true grep -qx sleep "/proc/$sleeper/comm" # no longer a copy of the shell
 
 "$JPIPE" list >"$scratch/list"
 is 'exit code' 0 $?
-has 'the head' 'ENDPOINT *OWNER *MODE *BYTES *OPEN IN' "$(head -n 1 "$scratch/list")"
+has 'the heading' 'ENDPOINT *OWNER *MODE *BYTES *OPEN IN' "$(head -n 1 "$scratch/list")"
 row=$(grep "^ipc://${name}_e " "$scratch/list" | tr -s ' ')
 has 'an endpoint' "ipc://${name}_e $(id -un) 0600 3 *" "$row"
 has 'who has it open' "* $sleeper(sleep)*" "$row"
-is 'an endpoint that nobody has open' "inproc://$name $(id -un) 0666 0 -" \
+is 'an endpoint that no process has open' "inproc://$name $(id -un) 0666 0 -" \
   "$(grep "^inproc://$name " "$scratch/list" | tr -s ' ' | sed 's/ ?$/ -/')"
 is 'a file that is not a FIFO' 0 "$(grep -c "${name}_file" "$scratch/list")"
 
@@ -32,7 +32,7 @@ assert entry == {"endpoint": endpoint, "owner": owner, "mode": "0600", "bytes": 
 CHECK
 is 'the JSON' 0 $?
 
-# It is kept up to date until it is stopped.
+# A watch keeps the list up to date until it is stopped.
 "$JPIPE" list --watch >"$scratch/out" 2>"$scratch/err"
 is 'a watch without a terminal' 2 $?
 python3 "$(dirname "$0")/terminal.py" 200 "$JPIPE" list --watch >"$scratch/watched" &

@@ -6,12 +6,12 @@ mkfifo "$(fifo e)"
 exec 9<>"$(fifo e)"
 terminal="$(dirname "$0")/terminal.py"
 
-# drawn FILE - what each drawing of the line shows
+# drawn FILE - what the line shows each time it is drawn
 drawn() { tr '\r' '\n' <"$1" | sed -n 's/^\x1b\[K\([0-9]\)/\1/p'; }
-# on_screen FILE - the lines that stay
+# on_screen FILE - the lines that stay on the screen
 on_screen() { sed -E 's/\r$//; s/.*\r\x1b\[K//' "$1"; }
 
-# Nobody reads: it goes on all the same, and is never wider than the terminal.
+# Without a reader the line is still redrawn, and is never wider than the terminal.
 head -c 65536 /dev/zero >&9
 python3 "$terminal" 40 20 "$JPIPE" push "$e" x --progress >"$scratch/out" &
 push=$!
@@ -24,7 +24,7 @@ is 'the line fits before a resize' '' "$(drawn "$scratch/out" | grep -E '.{40}')
 is 'the line fits after a resize' '' "$(drawn "$scratch/out" | tail -n +2 | grep -E '.{20}')"
 "$JPIPE" drain "$e" >/dev/null
 
-# Messages and notes on the same terminal stand on lines of their own.
+# Messages and notes on the same terminal get lines of their own.
 shown() { drawn "$scratch/out" | grep -q "^$1 message"; }
 python3 "$terminal" 80 "$JPIPE" pull "$e" --progress --count 3 9>&- >"$scratch/out" &
 pull=$!
@@ -45,7 +45,7 @@ kill -TERM $push
 wait $push
 has 'a note' $'jpipe: 2 bytes wait in*\njpipe: 2 bytes *are lost*\n1 message, *' "$(on_screen "$scratch/out")"
 
-# A line of output that has not ended is left alone.
+# An unfinished line of output is left alone.
 exec 9<>"$(fifo e)"
 printf '\x01a\x01b' >&9
 python3 "$terminal" 80 "$JPIPE" pull "$e" --progress --format raw --count 2 >"$scratch/out"

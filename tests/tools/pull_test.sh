@@ -5,23 +5,23 @@ e=$(endpoint e)
 mkfifo "$(fifo e)"
 exec 9<>"$(fifo e)"
 
-# It takes the messages that it shows and no byte more.
+# It takes the messages that it shows, and not a byte more.
 printf '\x01a\x01b\x43\x01c\x02dd\x01e' >&9
 is 'the first two' $'a\nb' "$("$JPIPE" pull "$e" --count 2)"
 is 'the third' $'c\tdd' "$("$JPIPE" pull "$e" --count 1)"
 is 'the last' e "$("$JPIPE" pull "$e" --timeout 0; echo "$?" >"$scratch/code")"
-is 'nothing more waits' 124 "$(cat "$scratch/code")"
+is 'nothing is left' 124 "$(cat "$scratch/code")"
 
 "$JPIPE" pull "$e" --timeout 0.05
 is 'a time limit' 124 $?
 "$JPIPE" pull "$e" --timeout 0.05 --count 1
 is 'a time limit and a count' 124 $?
 
-# A sender that stops inside a message does not hold it for ever.
+# A sender that stops inside a message does not block it for ever.
 printf '\x03a' >&9
 "$JPIPE" pull "$e" --timeout 0.05 2>"$scratch/err"
 is 'a time limit inside a message' 124 $?
-has 'it tells what is lost' 'jpipe: 2 bytes of a message*jpipe drain*' "$(cat "$scratch/err")"
+has 'it says what is lost' 'jpipe: 2 bytes of a message*jpipe drain*' "$(cat "$scratch/err")"
 
 printf '\x45\x81\x01z' >&9
 "$JPIPE" pull "$e" 2>"$scratch/err"
@@ -29,10 +29,10 @@ is 'bytes that are not a message' 1 $?
 has 'it says what to do' 'jpipe: *not a message*jpipe drain*' "$(cat "$scratch/err")"
 "$JPIPE" drain "$e" >/dev/null
 
-# Signals end it; without a count that is its normal end.
+# Signals end it, which is its normal end unless there is a count.
 for signal in INT TERM HUP; do
-  set -m # a background job of its own, which does not ignore SIGINT
-  "$JPIPE" pull "$e" 9>&- & # without the FIFO of the test: see holds
+  set -m # job control, so that the background job does not ignore SIGINT
+  "$JPIPE" pull "$e" 9>&- & # without the test's descriptor: see holds
   pull=$!
   set +m
   until_true holds e $pull
@@ -47,14 +47,14 @@ kill -TERM $pull
 wait $pull
 is 'a signal before the count is reached' 1 $?
 
-# It notices a closed standard output without a further message, and then takes none.
+# It notices a closed standard output without waiting for another message, and takes no more.
 printf '\x01a' >&9
 "$JPIPE" pull "$e" 2>"$scratch/err" | head -n 1 >"$scratch/out"
 is 'exit codes of pull and head' '0 0' "${PIPESTATUS[*]}"
 is 'what head saw' a "$(cat "$scratch/out")"
-is 'nothing to complain about' '' "$(cat "$scratch/err")"
+is 'no complaint' '' "$(cat "$scratch/err")"
 
-# Nothing is taken when it cannot be written; what was taken is told when it is lost.
+# A message that cannot be written is not taken; if one was taken and is lost, pull says so.
 printf '\x01a' >&9
 "$JPIPE" pull "$e" --count 1 2>"$scratch/err" >/dev/full
 is 'a full device' 1 $?
@@ -63,10 +63,10 @@ has 'it says so' 'jpipe: cannot write to standard output: No space*' "$(cat "$sc
 is 'a full disk' 1 "${PIPESTATUS[0]}"
 has 'what is lost' 'jpipe: cannot write*: 1 message that was taken is lost' "$(cat "$scratch/err")"
 
-# Who leaves bytes behind says so when they are lost by that.
+# A pull that leaves bytes behind says so if they are lost.
 printf '\x01a\x01b' >&9
 "$JPIPE" pull "$e" --count 1 >"$scratch/out" 2>"$scratch/err"
-is 'somebody else has it open' '' "$(cat "$scratch/err")"
+is 'no warning while another process has it open' '' "$(cat "$scratch/err")"
 "$JPIPE" pull "$e" --count 2 9>&- >"$scratch/out" 2>"$scratch/err" &
 pull=$!
 until_true holds e $pull

@@ -1,7 +1,7 @@
-"""Runs a command on a terminal of its own: terminal.py COLUMNS [COLUMNS] COMMAND...
+"""Runs a command on its own terminal: terminal.py COLUMNS [COLUMNS] COMMAND...
 
-What the command writes there goes to standard output as it is. With a second number the
-terminal has that width after the first output. SIGTERM goes on to the command.
+Copies what the command writes there to standard output. With a second number the terminal
+changes to that width after the first output. SIGTERM is passed on to the command.
 """
 import fcntl
 import os

@@ -1,29 +1,29 @@
 #!/usr/bin/python3 -B
-"""Sends numbered messages to an endpoint, or receives them and compares every byte, with the
-Python package; and plays the far ends of a bridge that jpipe has to stand.
+"""Sends numbered messages to an endpoint, or receives them and compares every byte, using
+the Python package. Also plays the peers that a bridge has to withstand.
 
     traffic.py send ENDPOINT COUNT SHAPE
 
-sends COUNT messages, or fewer when it is told to stop with SIGTERM, and a signal as their
-end, and prints how many it were.
+sends COUNT messages, or fewer if SIGTERM stops it, then a signal that marks the end, and
+prints how many it has sent.
 
     traffic.py check ENDPOINT SHAPE
 
-receives them up to that signal, prints a line for every 200, and in the end how many there
-were, how many are missing, and how many came again.
+receives them up to that signal, prints a line every 200 messages, and at the end how many
+different ones arrived, how many are missing and how many were repeated.
 
-SHAPE is "mixed" (anything that the wire can carry, each in its order, none missing) or
-"numbered" (messages that name themselves and fit into PIPE_BUF).
+SHAPE is "mixed" (anything that the wire can carry; all must arrive, in order) or "numbered"
+(messages that carry their number and fit into PIPE_BUF).
 
     traffic.py dealer|push ADDRESS BYTES...
 
-sends messages of one part, with \\xHH for a byte, on such a socket, and prints what comes
-back first, if anything may.
+sends one-part messages, with \\xHH for a byte, on a ZeroMQ socket of that type. A dealer
+prints the reason for which it is refused; a push waits until the connection is closed.
 
     traffic.py endless ADDRESS
 
-sends a message whose parts do not end, until the other side ends the connection, and prints
-"ended"; its parts have one byte, where memory is used most for what is sent.
+sends a message of endless parts until the other side closes the connection, then prints
+"ended". Each part has one byte: that costs the receiver the most memory for each byte sent.
 """
 
 import random
@@ -37,11 +37,11 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
 import jactor  # noqa: E402
 
 END = jactor.Signal(255)
-random.seed(0)  # both ends make the same
+random.seed(0)  # both ends make the same messages
 
 
 def mixed(k):
-    """What the wire can carry, the rare and large kinds now and then."""
+    """Message k: anything that the wire can carry, the rare and large kinds now and then."""
     number, some_bytes = random.randrange, random.randbytes
     if k % 11 == 3:
         return jactor.Signal(number(END.value))
@@ -50,7 +50,7 @@ def mixed(k):
     if k % 499 == 9:
         return (b"x",) * 511
     count = number(6)
-    # The wire cannot tell an empty frame at the end from a message of its own.
+    # The wire cannot tell an empty frame at the end from a separate message.
     sizes = [number(40) if f < count else number(200) + (count > 1) for f in range(1, count + 1)]
     return tuple(map(some_bytes, sizes))
 
@@ -88,7 +88,7 @@ def check(endpoint, shape):
                 break
             k = int(message[0]) if shape == "numbered" else after
             if message != make(k, shape):
-                sys.exit(f"other bytes than were sent at message {after}")
+                sys.exit(f"message {after} is not the one that was sent")
             if k < after:
                 repeated += 1
                 continue
@@ -99,7 +99,7 @@ def check(endpoint, shape):
 
 
 def send_parts(kind, address, *words):
-    import zmq  # what only endpoints need goes without
+    import zmq  # not needed for endpoints
 
     with zmq.Context() as context, context.socket(zmq.PUSH if kind == "push" else zmq.DEALER) as sock:
         ended = sock.get_monitor_socket(zmq.EVENT_DISCONNECTED | zmq.EVENT_HANDSHAKE_FAILED_PROTOCOL)
@@ -118,13 +118,13 @@ def send_parts(kind, address, *words):
 def endless(address):
     host, port = address.removeprefix("tcp://").rsplit(":", 1)
     with socket.create_connection((host, int(port))) as sock:
-        # ZMTP 3.0: the greeting with no security, and the command READY of a DEALER.
+        # ZMTP 3.0: the greeting without security, and a DEALER's READY command.
         sock.sendall(b"\xff\0\0\0\0\0\0\0\1\x7f\3\0NULL".ljust(64, b"\0"))
         sock.sendall(b"\4\x1c\5READY\x0bSocket-Type\0\0\0\6DEALER")
         sock.recv(94, socket.MSG_WAITALL)  # its greeting, and most of its READY
         try:
             while True:
-                sock.sendall(1000 * b"\1\1x")  # parts of one byte, and more to come
+                sock.sendall(1000 * b"\1\1x")  # one-byte parts, with more to come
         except OSError:
             print("ended")
 

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Help and version succeed on standard output; whatever is wrong with a command line
-# gives exit code 2 and a line on standard error that begins with "jpipe:".
+# Help and version go to standard output and succeed; any mistake in a command line gives
+# exit code 2 and a line on standard error that begins with "jpipe:".
 . "$(dirname "$0")/lib.sh"
 set -f
 
@@ -16,7 +16,7 @@ for command in pull push signal list drain remove decode export import keygen; d
 done
 has 'the version' 'jpipe [0-9]*.[0-9]*.[0-9]*' "$("$JPIPE" --version)"
 
-# CODE, then the command line; E stands for an endpoint that nobody has opened.
+# Exit code and command line. E stands for an endpoint that was never opened.
 while read -r code words; do
   output=$("$JPIPE" ${words//E/ipc://$name/none} 2>"$scratch/err" </dev/null)
   is "exit code of: $words" "$code" $?
