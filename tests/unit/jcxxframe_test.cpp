@@ -43,11 +43,14 @@ TEST_F(FrameTest, ADataFrameIsWrittenAsItsHeaderAndItsBytes) {
   EXPECT_EQ(Drain(), "\3\0\0\0"s);
 }
 
-// A sock that tells of more bytes than there are, and of a descriptor that it has not.
+// A sock that tells of more bytes than there are, after its first `truths` reads, and of a
+// descriptor that it has not.
 struct OddSock : JCXXSock {
+  int truths = 0;
   int GetReadFD(int&) override { return 0; }
-  int ReadBlocking(unsigned char*, std::size_t size, std::size_t& got) override {
-    got = size + 1;
+  int ReadBlocking(unsigned char* buf, std::size_t size, std::size_t& got) override {
+    *buf = 1;  // a data frame of one byte
+    got = truths-- > 0 ? size : size + 1;
     return 0;
   }
   int WriteBlocking(unsigned char*, std::size_t size, std::size_t& written) override {
@@ -74,7 +77,10 @@ TEST_F(FrameTest, AFailedOrUntrueTransferIsAFailure) {
             "WriteBlocking failed 4; other error, errno=32; size mismatch");
   std::size_t waiting = 0;
   EXPECT_EQ(JCXXMsg().WriteMessage(&odd), -1);
-  EXPECT_EQ(JCXXFrame::ReadFrameFromSock(&odd), nullptr);
+  for (const int truths : {0, 1}) {
+    odd.truths = truths;
+    EXPECT_EQ(JCXXFrame::ReadFrameFromSock(&odd), nullptr);
+  }
   EXPECT_EQ(odd.AvailableToRead(waiting), -1);
   EXPECT_EQ(j_sock_fd(&odd), -1);
   EXPECT_EQ(j_sock_wait(&odd, 0), -1);

@@ -107,6 +107,7 @@ TEST_F(SockTest, AGatheredWriteTellsWhatInterruptsOrEndsIt) {
     EXPECT_EQ(j_msg_send(&msg, a.get()), error == 0 ? 0 : -1);
     EXPECT_EQ(errno, error);
     EXPECT_EQ(Log(), log);
+    EXPECT_EQ(Log(kAll).find("front_iov[j].iov_len=0"), std::string::npos) << "an empty entry";
     EXPECT_EQ(script.count(), steps.size());
     EXPECT_EQ(msg == nullptr, error == 0);
   }
