@@ -323,7 +323,7 @@ JACTOR_API JCXXSock* j_pipe_new_push(const char* endpoint);
  *            memory has run out or the loop refuses.
  * Ownership: `loop`, `sock` and `arg` stay the caller's. The sock must live
  *            until hybrid_zloop_reader_end. Only one loop may watch a sock: ending
- *            a registration ends all of the sock's descriptor, in every loop. */
+ *            one registration ends all those of its descriptor, in every loop. */
 JACTOR_API int hybrid_zloop_reader(zloop_t* loop, JCXXSock* sock, j_zloop_fn handler, void* arg);
 
 /* Ends every registration of the sock's descriptor with `loop`. Does nothing

@@ -633,7 +633,7 @@ class Actor : public detail::Stream<Actor> {
     }
   }
 
-  // Whether the callable has ended, by returning or by throwing; true for an empty actor.
+  // Whether the callable has ended, in any way; true for an empty actor.
   bool finished() const noexcept { return state_ == nullptr || state_->finished(); }
 
   // The creator's end; valid as long as the actor. Its receive() does not notice that
