@@ -1,6 +1,6 @@
-"""Checks that `man -k WORD` finds the pages by the words that a user searches for.
+"""Checks that `man -k WORD` finds the pages by the words that users search for.
 
-Exit status 77: there is no mandoc.
+Exit status 77: mandoc is not installed.
 """
 
 import glob
@@ -11,7 +11,7 @@ import subprocess
 import sys
 import tempfile
 
-# What a word must find at least; "jactor" finds everything.
+# The pages that a word must find, at least; "jactor" must find them all.
 WANTED = {
     "actor": {"jactor.7", "j_actor_new.3", "j_actor_destroy.3", "jactor_hpp.3"},
     "message": {"jactor.7", "j_msg_new.3", "j_msg_recv.3", "j_frame_data.3", "j_sock_fd.3",
@@ -22,7 +22,7 @@ WANTED = {
 
 
 def install(tree):
-    """Lays the pages out as an installation does; returns all names."""
+    """Lays the pages out as an installation does. Returns all names."""
     with open("man/aliases.txt", encoding="utf-8") as file:
         linked = dict(line.split() for line in file if line.strip())
     names = {os.path.basename(page): None for page in glob.glob("man/*.[1-9]")} | linked
@@ -48,7 +48,7 @@ def found(tree, word):
 
 def main():
     if shutil.which("mapropos") is None:
-        print("skipped: there is no mandoc")
+        print("skipped: mandoc is not installed")
         return 77
     with tempfile.TemporaryDirectory() as tree:
         names = install(tree)

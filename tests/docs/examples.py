@@ -1,15 +1,15 @@
-"""Compiles the code that a document shows, and runs its whole programs.
+"""Compiles the code in a document, and runs its complete programs.
 
 usage: examples.py DOCUMENT CC CXX DIR
 
 DIR holds compile.rsp and link.rsp, the options of the build. In Markdown, fences
 marked "c", "cpp" or "python" are code; in a manual page, every literal display is. Code
-with a main() and all Python is a program: it has to end with exit status 0 and print what
-stands in the next block, when the text before that block ends in "prints:". Code
-below a link to a file, as in "From [libuv.c](../examples/loops/libuv.c):", is a part
-of that file, which has tests of its own, and is not compiled.
-Code with asio is C++20, and left out where asio is not installed.
-Endpoint names are made unique while a program runs, and their FIFOs are removed.
+with a main(), and all Python, is a program: it must exit with status 0 and, if the text
+before the next block ends in "prints:", print that block. Code below a link to a file,
+as in "From [libuv.c](../examples/loops/libuv.c):", must be a part of that file, which has
+its own tests, and is not compiled.
+Code with asio is C++20, and skipped where asio is not installed.
+Programs run with unique endpoint names, and their FIFOs are removed.
 """
 
 import glob
@@ -44,7 +44,7 @@ def markdown_blocks(lines):
 
 
 def mdoc_text(line):
-    """What the reader of a manual page sees of a line of a literal display."""
+    """A line of a literal display, as the reader of the manual page sees it."""
     line = re.sub(r"^\\&", "", line)
     for escape, text in (("\\(aq", "'"), ("\\-", "-"), ("\\e", "\\"), ("\\&", "")):
         line = line.replace(escape, text)
@@ -66,7 +66,7 @@ def mdoc_blocks(lines, language):
 
 
 def difference_from_source(document, before, text):
-    """Whether `text` is a part of a file, and what is wrong with it then."""
+    """Whether `text` is to be a part of a file, and what is wrong if it is not."""
     link = re.search(r"\]\((\S+)\):$", before)
     if link is None:
         return False, None
@@ -133,10 +133,10 @@ def main():
                 failures += [f"{where}: {difference}"] if difference else []
                 continue
             if uses_asio(text) and not asio_is_here(compilers["cpp"]):
-                print(f"{where}: left out, asio is not installed")
+                print(f"{where}: skipped, asio is not installed")
                 continue
             if document == "README.md" and compiled == 0 and len(body) > README_LINES:
-                failures.append(f"{where}: {len(body)} lines, promised are {README_LINES}")
+                failures.append(f"{where}: {len(body)} lines, but at most {README_LINES} are promised")
             program = re.search(r"^(int )?main\(", text, re.M) is not None
             output = f"{scratch}/example{number}"
             errors = compile_code(compilers[language], language, directory, code, output, program)

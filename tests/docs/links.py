@@ -1,4 +1,4 @@
-"""Checks that every link of the Markdown files leads to a file, or a heading, that is there."""
+"""Checks that every link in the Markdown files leads to an existing file or heading."""
 
 import glob
 import os

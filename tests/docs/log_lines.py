@@ -1,5 +1,5 @@
-"""Checks that the log lines that docs/errors.md names are lines that the library writes,
-and that only files whose names users know from the log write any.
+"""Checks that the library writes the log lines that docs/errors.md names, and that only
+files whose names users know from the log write to it.
 """
 
 import glob
@@ -10,7 +10,7 @@ FROM_THE_SYSTEM = ("std::bad_alloc", "Resource temporarily unavailable", "filesy
 
 
 def loggers_without_a_name():
-    """A line carries its file's name: what moves to a new file must not log."""
+    """A log line carries its file's name, so code that moves to a new file must not log."""
     known = re.compile(r"libjactor/src/(jcxx\w+\.cpp|jactor\.cpp|log\.h)")
     return [f"{path}: logs, but users do not know this file from the log" for path in glob.glob("libjactor/src/*")
             if not known.fullmatch(path) and '"log.h"' in open(path, encoding="utf-8").read()]

@@ -1,8 +1,8 @@
 """Checks the manual pages: clean mdoc, synopses that agree with jactor.h, and a page and a
 row in README.md for every call.
 
-man/aliases.txt names, a line each, a page and the page that it is a link to.
-Exit status 77: there is no mandoc.
+Each line of man/aliases.txt names a page and the page that it links to.
+Exit status 77: mandoc is not installed.
 """
 
 import glob
@@ -18,7 +18,7 @@ LOG_HEADERS = "jlog/include"
 
 
 def lint(pages):
-    # What mandoc says of other pages depends on the machine: see dead_references().
+    # What mandoc says about other pages depends on the machine: see dead_references().
     done = subprocess.run(["mandoc", "-Tlint", *pages], capture_output=True, text=True)
     return [line for line in done.stdout.splitlines() if "referenced manual not found" not in line]
 
@@ -31,7 +31,7 @@ def synopsis(page):
 
 
 def disagreement(page, code):
-    """A declaration that differs from the header's is an error of the compiler."""
+    """The compiler reports a declaration that differs from the header's."""
     with tempfile.NamedTemporaryFile("w", suffix=".c") as file:
         file.write(code)
         file.flush()
@@ -75,7 +75,7 @@ def dead_references(pages, linked):
 
 def main():
     if shutil.which("mandoc") is None:
-        print("skipped: there is no mandoc")
+        print("skipped: mandoc is not installed")
         return 77
     pages = sorted(glob.glob("man/*.[1-9]"))
     linked = aliases()

@@ -1,4 +1,4 @@
-"""Checks that every picture in docs/pictures was drawn from its source as it is now."""
+"""Checks that every picture in docs/pictures was drawn from its current source."""
 
 import glob
 import hashlib
@@ -12,7 +12,7 @@ def main():
             wanted = f"<!-- scripts/pictures: {hashlib.sha256(file.read()).hexdigest()} -->"
         with open(source.removesuffix(".dot") + ".svg", encoding="utf-8") as file:
             if wanted not in file.read():
-                failures.append(f"{source}: the picture is older: run scripts/pictures")
+                failures.append(f"{source}: the picture is out of date: run scripts/pictures")
     print("\n".join(failures))
     return 1 if failures or not sources else 0
 

@@ -2,9 +2,9 @@
 
 usage: wire_format.py READER
 
-A line of a fence "wire" has bytes in hex (78*16 stands for 16 bytes of 78), "=>"
-and what READER prints of them, the last line left out when nothing stays behind.
-In a fence marked "wire sent" the library has to send the same bytes as well.
+Each line of a fence marked "wire" has bytes in hex (78*16 stands for 16 bytes of 78), "=>"
+and what READER prints for them, without the last line if no bytes are left over. In a
+fence marked "wire sent" the library must also send the same bytes.
 """
 
 import os

@@ -2,13 +2,13 @@
 
 usage: wire_grammar.py READER
 
-The fence "abnf" of the page is read as ABNF, and as it stands it generates streams and
-decodes them; the fence "abnf sent" has the rules that are different for a writer. What
-the grammar leaves to numbers are the rules of the page called size, length, sum, limit
-and shortest, below under the same names. READER receives the streams through the
-library: generated ones, which it must take whole, and damaged ones, of which it must
-take what the grammar derives. What it sends again must be as a writer's grammar says,
-and so must the page's examples of what is sent, which stand at the limits of each form.
+The page's fence "abnf" is read as ABNF and used as it is to generate and decode streams;
+the fence "abnf sent" has the rules that differ for a writer. The page's rules about
+numbers, called size, length, sum, limit and shortest, are implemented below under the same
+names. READER receives the streams through the library. It must take a generated stream
+whole, and of a damaged one what the grammar derives. What it sends on must match the
+writer's grammar, and so must the page's examples of what is sent, which lie at the limits
+of each form.
 """
 
 import os
@@ -124,7 +124,7 @@ class Decoder:
             try:
                 return self.take(choice, inside)
             except NoMatch:
-                # One byte tells the forms apart: a fault behind it is one.
+                # The first byte tells the forms apart: a fault after it is final.
                 if self.at > start:
                     raise
         raise NoMatch
@@ -251,7 +251,7 @@ def damaged(data, chance):
 
 
 def library_differs(reader, rules, sent_rules, data):
-    """What the library makes of `data`, where that is not what the grammar says."""
+    """How the library's decoding of `data` differs from the grammar's, or None."""
     lines = Decoder(rules, data).all()
     done = subprocess.run(reader, input=data, capture_output=True, timeout=60,
                           env={**os.environ, "JLOG_LEVEL": "0"})
@@ -268,7 +268,7 @@ def main():
     rules = read_rules("abnf")
     sent_rules = {**rules, **read_rules("abnf sent")}
     chance = random.Random(1)
-    # The last lead byte of every form, and bytes behind it that suit each of them.
+    # The last lead byte of every form, followed by bytes that suit each of them.
     behind = bytes(4) + b"\x0f" + b"x" * 15 + b"\x1e\xf1" + b"x" * 3841
     streams = [bytes([lead]) + behind for lead in range(15, 256, 16)]
     together, taken = b"", 0
