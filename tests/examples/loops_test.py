@@ -1,10 +1,10 @@
-"""Runs a program of examples/loops: every loop has to print the same.
+"""Runs a program of examples/loops: every loop must print the same.
 
 usage: loops_test.py COMMAND...
 
 The test writes bytes into the endpoint's FIFO itself, so that it can stop in the middle of a
-message. It waits for lines of the program, never for time to pass: where a loop misses a
-message or stands still, an alarm ends the test, and what it has started.
+message. It waits for lines of the program, never for time to pass: if a loop misses a
+message or hangs, an alarm ends the test and the program.
 """
 
 import contextlib
@@ -18,14 +18,14 @@ LIMIT_SECONDS = 50
 
 
 def message(*frames):
-    """A message on the wire: an announced sum, then each frame behind its size (below 16)."""
+    """A message on the wire: an announced sum, then each frame after its size (below 16)."""
     sizes = b"".join(bytes([len(frame)]) + frame for frame in frames)
     return sizes if len(frames) == 1 else bytes([0x40 + sum(map(len, frames))]) + sizes
 
 
 @contextlib.contextmanager
 def run(command, name, before):
-    """Starts the program with a FIFO that the test holds open, and in which `before` waits."""
+    """Starts the program with a FIFO that the test holds open and that already holds `before`."""
     endpoint = f"loops-{os.getpid()}-{name}"
     path = f"{DIRECTORY}/Jipc_{endpoint}"
     os.mkfifo(path)
@@ -53,7 +53,7 @@ class Program:
         os.write(self.fifo, data)
 
     def expect(self, *lines):
-        """Reads these lines; ticks may come between them."""
+        """Expects these lines, with or without ticks between them."""
         for line in lines:
             while (got := self.process.stdout.readline()) == "tick\n":
                 pass
@@ -72,7 +72,7 @@ class Program:
 
 
 def takes_everything(command):
-    # The title is received before the loop starts, and what is behind it is read ahead.
+    # The title is received before the loop starts, and what follows it is read ahead.
     read_ahead = message(b"pears") + message(b"one") + message(b"two", b"and half") + b"\x05th"
     with run(command, "all", read_ahead) as program:
         program.expect("title: pears", "answer: one done", "answer: two and half done")
@@ -82,7 +82,7 @@ def takes_everything(command):
         program.expect_ticks(3)
         program.write(b"four" + b"\x85")
         program.expect("answer: four done", "answer:")  # a signal has no frames
-        # More than a pipe holds: the loop is given one piece after the other.
+        # More than a pipe holds: the loop gets one piece at a time.
         large = b"x" * 200000
         header = b"\x30" + len(large).to_bytes(4, "big")
         program.write(header + large + message(b"last"))
@@ -92,7 +92,7 @@ def takes_everything(command):
         program.expect_end(0, "")
 
 
-def ends_at_bytes_that_are_no_message(command):
+def ends_at_bytes_that_are_not_a_message(command):
     damage = b"\x7f" * 5
     with run(command, "later", message(b"apples")) as program:
         program.expect("title: apples")
@@ -106,10 +106,10 @@ def ends_at_bytes_that_are_no_message(command):
 
 
 def on_alarm(number, frame):
-    raise TimeoutError("the program does not go on")
+    raise TimeoutError("the program hangs")
 
 
 signal.signal(signal.SIGALRM, on_alarm)
 signal.alarm(LIMIT_SECONDS)
 takes_everything(sys.argv[1:])
-ends_at_bytes_that_are_no_message(sys.argv[1:])
+ends_at_bytes_that_are_not_a_message(sys.argv[1:])

@@ -1,4 +1,4 @@
-"""Sends a message through an endpoint with the package that Python finds, and receives it."""
+"""Sends a message through an endpoint and receives it, with the package that Python finds."""
 
 import os
 
