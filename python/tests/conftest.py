@@ -1,5 +1,5 @@
-"""What the tests share. The programs of the build come in environment variables; a test that
-needs one is skipped without it."""
+"""What the tests share. Environment variables name the programs of the build; a test that needs
+one is skipped without it."""
 
 import glob
 import itertools
@@ -30,7 +30,7 @@ def pytest_sessionstart():
 
 @pytest.fixture
 def endpoint():
-    """The name of an endpoint that no other test has. Its FIFO is removed behind the test."""
+    """The name of an endpoint that no other test uses. Its FIFO is removed after the test."""
     name = f"python-test-{os.getpid()}-{next(_numbers)}"
     yield f"ipc://{name}"
     for fifo in glob.glob(f"{RUN_DIRECTORY}/Jipc_{name}*"):
@@ -40,7 +40,7 @@ def endpoint():
 def program(variable):
     path = os.environ.get(variable)
     if not path:
-        pytest.skip(f"{variable} does not name the program of the build")
+        pytest.skip(f"{variable} does not name a program of the build")
     return path
 
 

@@ -1,4 +1,4 @@
-"""asyncio: waiting beside other tasks, cancellation at every wait, closing."""
+"""asyncio: waiting alongside other tasks, cancellation at every wait, closing."""
 
 import asyncio
 import os
@@ -16,7 +16,7 @@ STREAM = b"".join(map(jactor.encode, MESSAGES))
 
 
 def run(test):
-    """Runs a coroutine function with the endpoint's name; nothing hangs for ever."""
+    """Runs a coroutine function with the endpoint's name, within a time limit."""
     def runner(endpoint):
         async def limited():
             async with asyncio.timeout(60):
@@ -77,7 +77,7 @@ async def test_a_cancelled_receive_loses_nothing(endpoint):
 
 
 @run
-async def test_half_a_message_leaves_the_loop_to_others(endpoint):
+async def test_half_a_message_does_not_block_the_loop(endpoint):
     async with aio.Pull(endpoint) as pull:
         os.write(pull.fileno(), b"\x04ha")
         with pytest.raises(TimeoutError):
@@ -90,7 +90,7 @@ async def test_half_a_message_leaves_the_loop_to_others(endpoint):
 
 
 @run
-async def test_an_endless_stream_leaves_the_loop_to_others(endpoint):
+async def test_an_endless_stream_does_not_starve_other_tasks(endpoint):
     code = "import sys, jactor\nwith jactor.Push(sys.argv[1]) as push:\n  while True: push.send('x' * 100)"
     async with aio.Pull(endpoint) as pull, aio.Push(endpoint + "-2") as push, aio.Pull(endpoint + "-2") as other:
         sender = subprocess.Popen([sys.executable, "-c", code, endpoint])
@@ -122,14 +122,14 @@ async def test_an_endless_stream_leaves_the_loop_to_others(endpoint):
 
 
 @run
-async def test_a_cancelled_send_is_nothing_or_follows(endpoint):
+async def test_a_cancelled_send_sends_nothing_or_is_completed_later(endpoint):
     async with aio.Push(endpoint) as push, aio.Pull(endpoint) as pull:
         task = asyncio.create_task(push.send(LARGE))
         await settle()
         task.cancel()
         await ends_in(asyncio.CancelledError, task)
         assert push.pending > 0
-        waiting = asyncio.create_task(push.send("small"))  # behind the rest, without room
+        waiting = asyncio.create_task(push.send("small"))  # has to wait for the rest, which has no room
         await settle()
         waiting.cancel()
         await ends_in(asyncio.CancelledError, waiting)
@@ -141,7 +141,7 @@ async def test_a_cancelled_send_is_nothing_or_follows(endpoint):
 
 @run
 async def test_tasks_take_turns(endpoint):
-    """What several of them send arrives whole, and each message goes to one of them."""
+    """What several tasks send arrives whole, and each message reaches one task."""
     async with aio.Push(endpoint) as push, aio.Pull(endpoint) as pull:
         found = []
 
@@ -199,7 +199,7 @@ async def test_closing_ends_a_wait_and_leaves_nothing_in_the_loop(endpoint):
 
 
 @run
-async def test_closing_gives_a_message_that_has_begun_time_for_its_rest(endpoint):
+async def test_closing_gives_a_started_message_time_to_be_completed(endpoint):
     async with aio.Pull(endpoint) as pull:
         push = aio.Push(endpoint)
         task = asyncio.create_task(push.send(LARGE))
@@ -212,7 +212,7 @@ async def test_closing_gives_a_message_that_has_begun_time_for_its_rest(endpoint
 
 
 @run
-async def test_a_fork_leaves_the_parents_wait_alone(endpoint):
+async def test_a_fork_does_not_disturb_the_parents_wait(endpoint):
     async with aio.Pull(endpoint) as pull, aio.Push(endpoint) as push:
         waiting = asyncio.create_task(pull.receive())
         await settle()

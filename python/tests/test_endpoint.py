@@ -1,4 +1,4 @@
-"""Names, the run directory, what stands in the way, fork and closing."""
+"""Names, the run directory, obstacles at the path, fork and closing."""
 
 import ctypes
 import os
@@ -38,7 +38,7 @@ def test_the_library_opens_the_same_fifo(library, name):
 
 
 def library_has_open(path):
-    """How many descriptors of this process there are on the file."""
+    """How many descriptors this process has open on the file."""
     there = os.stat(path)
     count = 0
     for fd in os.listdir("/proc/self/fd"):
@@ -54,7 +54,7 @@ def library_has_open(path):
     "", "ipc:", "ipc://", "://x", "@ipc", "@@ipc://x", "ipc//x", "tcp://127.0.0.1:1", "foo://x", "ipc://a,ipc://b",
     "IPC://x", " ipc://x",
 ])
-def test_the_library_refuses_what_is_a_value_error(library, name):
+def test_names_that_the_library_refuses_raise_value_error(library, name):
     assert not library.j_pipe_new_push(name.encode())
     for kind in (jactor.Pull, jactor.Push):
         with pytest.raises(ValueError, match="ipc"):
@@ -125,7 +125,7 @@ def test_what_stands_in_the_way_is_replaced(tmp_path, monkeypatch, make):
     (make_link_to_nowhere, "a symbolic link stands in the way: remove it"),
     (make_full_directory, "something else stands in the way"),
 ])
-def test_what_cannot_be_replaced_is_an_os_error(tmp_path, monkeypatch, make, advice):
+def test_what_cannot_be_replaced_raises_os_error(tmp_path, monkeypatch, make, advice):
     monkeypatch.setattr(_endpoint, "RUN_DIRECTORY", str(tmp_path))
     make(tmp_path / "Jipc_x")
     with pytest.raises(OSError, match=advice) as caught:
@@ -143,14 +143,14 @@ except PermissionError as error:
 """
 
 
-@pytest.mark.skipif(os.getuid() != 0, reason="only root can become somebody else")
-def test_an_endpoint_of_another_user_is_a_permission_error(endpoint):
+@pytest.mark.skipif(os.getuid() != 0, reason="only root can become another user")
+def test_another_users_endpoint_raises_permission_error(endpoint):
     with jactor.Pull(endpoint):
         done = subprocess.run([sys.executable, "-c", AS_NOBODY, endpoint], capture_output=True, text=True, check=True)
     assert "only the user whose process has made an endpoint, and root, can open it" in done.stdout
 
 
-def test_after_a_fork_the_child_opens_its_own(endpoint):
+def test_after_a_fork_the_child_must_open_its_own(endpoint):
     with jactor.Pull(endpoint) as pull, jactor.Push(endpoint) as push:
         push.send("one")
         push.send("two")
@@ -178,7 +178,7 @@ def test_after_a_fork_the_child_opens_its_own(endpoint):
         assert [pull.receive(), pull.receive()] == [(b"two",), (b"four",)]
 
 
-def test_closing_warns_of_what_is_lost(endpoint):
+def test_closing_warns_about_what_is_lost(endpoint):
     with jactor.Push(endpoint) as push:
         pull = jactor.Pull(endpoint)
         push.send_many([("one",), ("two",), jactor.Signal(3)])
@@ -197,7 +197,7 @@ def test_no_descriptor_is_left_behind(endpoint):
     before = len(os.listdir("/proc/self/fd"))
     for _ in range(3):
         jactor.Pull(endpoint).close()
-        jactor.Push(endpoint)  # nobody closes it
+        jactor.Push(endpoint)  # never closed
     with pytest.raises(OSError):
         (RUN_DIRECTORY / f"Jipc_{endpoint[6:]}-dir").mkdir()
         try:

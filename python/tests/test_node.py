@@ -14,7 +14,7 @@ from jactor import _endpoint
 NODE = shutil.which("node")
 SCRIPT = ROOT / "examples" / "node" / "messages.mjs"
 
-pytestmark = pytest.mark.skipif(NODE is None, reason="there is no node")
+pytestmark = pytest.mark.skipif(NODE is None, reason="node is not installed")
 
 
 def shown(message):

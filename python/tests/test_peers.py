@@ -14,7 +14,7 @@ TRAFFIC = ROOT / "tests/tools/traffic.py"
 
 
 def test_messages_pass_whole_through_the_library(endpoint, library):
-    """Mixed ones: signals, empty frames, 511 frames, a mebibyte; the receiver compares every byte."""
+    """Signals, empty frames, 511 frames, a mebibyte; the receiver compares every byte."""
     there, back = endpoint + "/there", endpoint + "/back"
     pull = ctypes.c_void_p(library.j_pipe_new_pull(there.encode()))
     push = ctypes.c_void_p(library.j_pipe_new_push(back.encode()))
@@ -53,7 +53,7 @@ def test_python_receives_what_jpipe_sends(endpoint, jpipe, tmp_path):
                 (b"a", b"", b"bc"), jactor.Signal(70), (large.read_bytes(),)]
 
 
-def test_jpipe_goes_on_where_a_drained_pull_ends(endpoint, jpipe):
+def test_jpipe_continues_where_a_drained_pull_ends(endpoint, jpipe):
     with jactor.Push(endpoint) as push:
         push.send_many((str(k),) for k in range(5000))
         with jactor.Pull(endpoint) as pull:

@@ -1,4 +1,4 @@
-"""Pull and Push that wait in their thread: order, time limits, half messages, interrupts."""
+"""Blocking Pull and Push: order, time limits, half messages, interrupts."""
 
 import os
 import signal
@@ -55,7 +55,7 @@ def test_frames_of_all_sizes_arrive(pull, push, size):
         assert pull.receive(timeout=0) == (payload,)
 
 
-def test_the_loop_waits_for_messages(pull, endpoint):
+def test_iteration_waits_for_messages(pull, endpoint):
     code = "import sys, jactor\nwith jactor.Push(sys.argv[1]) as push:\n  for k in range(2000): push.send(str(k))"
     with subprocess.Popen([sys.executable, "-c", code, endpoint]):
         for k, message in enumerate(pull):
@@ -74,7 +74,7 @@ def test_a_time_limit_inside_a_message_loses_nothing(pull):
         assert found + receive_all(pull) == MESSAGES
 
 
-def test_drain_takes_up_to_the_end_of_a_message_and_no_further(endpoint):
+def test_drain_stops_at_the_end_of_a_message(endpoint):
     for at in range(len(STREAM) + 1):
         with jactor.Push(endpoint) as push:
             with jactor.Pull(endpoint) as pull:
@@ -106,7 +106,7 @@ def test_drain_keeps_everything_at_its_time_limit(pull):
     (b"\x42\x01a\x41", "inside a message"),
     (b"\x42\x03abc", "only 2 were announced"),
 ])
-def test_damage_is_reported_behind_the_messages_before_it(pull, damage, error):
+def test_damage_is_reported_after_the_messages_before_it(pull, damage, error):
     os.write(pull.fileno(), STREAM + damage + b"\x01z")
     for message in MESSAGES:
         assert pull.receive(timeout=0) == message
@@ -134,7 +134,7 @@ def test_a_large_message_goes_through_while_it_is_received(pull, endpoint):
 
 
 def fill(push):
-    """Leaves no room for a byte."""
+    """Leaves no room for another byte."""
     try:
         while True:
             push.send(b"x" * 4094, timeout=0)
@@ -186,7 +186,7 @@ class Interrupt(Exception):
 
 @pytest.fixture
 def interrupts():
-    """Every 300 microseconds of this process an exception, as from Ctrl-C, inside the package."""
+    """Every 300 microseconds raises an exception, as Ctrl-C does, if the package is running."""
     package = os.path.dirname(_endpoint.__file__)
     count = [0]
 
@@ -218,7 +218,7 @@ def test_interrupts_at_any_moment_lose_and_repeat_nothing(pull, endpoint, interr
     assert interrupts[0] > 10
 
 
-def test_interrupted_sends_are_whole_or_follow(push, endpoint, interrupts):
+def test_interrupted_sends_are_completed_or_never_begin(push, endpoint, interrupts):
     code = ("import sys, jactor\n"
             "with jactor.Pull(sys.argv[1]) as pull:\n"
             "  print('ready', flush=True)\n"

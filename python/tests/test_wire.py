@@ -15,7 +15,7 @@ from jactor._wire import encode_many
 
 
 def decode(*pieces):
-    """What the decoder makes of the pieces: messages, the fault, bytes behind it."""
+    """The messages that a decoder finds in the pieces, and the decoder."""
     decoder, found = jactor.Decoder(), []
     for piece in pieces:
         decoder.chunks.append(piece)
@@ -61,7 +61,7 @@ def test_every_example_of_the_page(line, fence, data, told):
         assert b"".join(encode_many(found)) == data
 
 
-def test_a_stream_may_come_in_any_two_pieces():
+def test_a_stream_may_arrive_in_any_pieces():
     stream = b"".join(data for _, _, data, told in page_examples() if len(data) < 9000 and "null" not in told)
     whole, _ = decode(stream)
     for cut in range(len(stream)):
@@ -75,7 +75,7 @@ SIZES = strategies.sampled_from((0, 1, 2, 15, 16, 17, 271, 272, 4111, 4112, 6553
 
 @strategies.composite
 def items(draw):
-    """A frame, an announce or a signal, in any form, and not always rightly so."""
+    """A frame, an announce or a signal, in any form, correct or not."""
     lead = draw(strategies.integers(0, 255))
     if lead & 0x80:
         return bytes((lead,)) + (draw(strategies.binary(min_size=1, max_size=1)) if lead & 0x40 else b"")
