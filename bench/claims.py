@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""README's sentences about performance, with the figures of docs/performance.md.
+"""Checks that README.md's sentences about performance have the figures of docs/performance.md.
 
 usage: claims.py [--update]
 
-Without --update it fails when README says something else.
+With --update it writes them; without, it fails if README.md says something else.
 """
 
 import re

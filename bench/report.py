@@ -27,7 +27,7 @@ def figure(row, result, cpu_time=False):
 
 
 def ratios(row, results, to, cpu_time=False):
-    """This library's figure to that of a system or of another row, by repetition."""
+    """The ratio of this library's figure to a system's or another row's, by repetition."""
     own = results[row.key]["jactor"]
     others = results[to]["jactor"] if to in results else results[row.key].get(to, [])
     return [figure(row, mine, cpu_time) / figure(row, other, cpu_time)
@@ -132,8 +132,8 @@ def write_json(path, rows, results, machine):
     path.write_text(json.dumps(content, indent=1) + "\n", encoding="utf-8")
 
 
-# The charts: file, title, label of the axis, logarithmic or not, and the rows with
-# their short names.
+# The charts: file, title, axis label, logarithmic or not, and the rows with their short
+# names.
 CHARTS = [
     ("throughput", "One-way messages on one CPU (higher is better)", "thousand messages a second",
      True,
@@ -196,7 +196,7 @@ def write_charts(folder, rows, results):
 
 
 def refresh_docs(docs, rows, results, measured):
-    """Writes the charts below `docs`, the tables into its page, and README's sentences."""
+    """Writes the charts under `docs`, the tables into its page, and README's sentences."""
     charts = docs / "performance"
     charts.mkdir(parents=True, exist_ok=True)
     titles = {name: title for name, title, *_ in CHARTS}

@@ -1,4 +1,4 @@
-"""The rows of the comparison: what runs, over which systems, and the aims."""
+"""The rows of the comparison: what runs, on which systems, and the aims."""
 
 from dataclasses import dataclass, field
 
@@ -13,9 +13,9 @@ RATE, TRIP, TIME, BYTES = "rate", "trip", "time", "bytes"
 
 @dataclass
 class Aim:
-    """The ratio of this library's figure to another system's, or row's."""
+    """The ratio to reach, of this library's figure to another system's or another row's."""
 
-    to: str  # a system, or another row's key: this library's figure there
+    to: str  # a system, or another row's key for this library's figure in that row
     limit: float
     at_most: bool  # whether the ratio shall be at most, or at least, the limit
 
