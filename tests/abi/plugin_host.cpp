@@ -1,10 +1,10 @@
-// plugin_host.cpp - a host that has given away nearly all of the thread-local storage
-// that a process can share out to libraries loaded by dlopen().
+// plugin_host.cpp - a host that has used up nearly all of the static thread-local storage
+// that a process reserves for libraries loaded by dlopen().
 //
 //   plugin_host TAKER LIBRARY...
 //
-// TAKER is a library with 64 bytes of such storage, loaded as often as there is room;
-// then all but two of them are loaded again, in a process of its own, and the LIBRARYs.
+// TAKER is a library with 64 bytes of such storage. A child process loads copies of it until
+// there is no room; then this process loads two fewer of them, and each LIBRARY.
 #include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>

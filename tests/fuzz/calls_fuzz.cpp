@@ -4,7 +4,7 @@
 //
 // Each call takes four bytes: which one, its handle, the other handle, and how long
 // its text is. No frame is empty: the wire cannot tell one at the end of a message from
-// a message of its own, and messages are counted.
+// a separate message, and messages are counted.
 #include <czmq.h>
 
 #include <csignal>
@@ -22,8 +22,8 @@
 
 namespace {
 
-// Sends back what comes. It makes no object of the library: a stale handle could
-// mean one that belongs to the actor.
+// Sends back what it receives. It makes no object of the library, since a stale handle
+// could match an object that belongs to the actor.
 void RawEcho(j_sock_t* sock, void*) {
   unsigned char byte = 0x80;
   std::size_t count = 0;
@@ -95,8 +95,8 @@ class Session {
     return found != live_.end() && calls::Fits(takes, found->second.kind);
   }
 
-  // Whether an old handle has become the address of an object that the library owns:
-  // it would be taken for it, as the interface says.
+  // Whether an old handle has become the address of an object that the library owns: the
+  // library would accept it, as the interface says.
   bool BelongsToTheLibrary(void* handle) {
     JCXXActorAPI* api = JCXXActorAPI::GetInstance();
     const std::lock_guard<std::mutex> lock(api->mutex);
@@ -112,7 +112,7 @@ class Session {
     support::ClearLog();
     support::KeepLog(support::kErrors);
     if (sends && call.takes == 'e') {
-      return;  // the other one does as well
+      return;  // the row of the message covers it
     }
     if (Fits(call.takes, handle) && (!sends || Fits('e', other))) {
       Use(call, handle, live_.at(sends ? other : handle).stream, rest);
@@ -124,7 +124,7 @@ class Session {
     }
   }
 
-  // A call on good handles, unless it would block or end what an actor has lent.
+  // A call on good handles, unless it would block or destroy a sock that an actor has lent.
   void Use(const calls::Call& call, void* handle, const std::shared_ptr<Stream> stream,
            calls::Rest& rest) {
     const std::string_view name = call.name;
@@ -145,7 +145,7 @@ class Session {
     const bool failed = call.fails(nullptr, handle, rest);
     Require(!failed || (!puts && !takes));
     Require(rest.left == (ends || sends ? nullptr : handle));
-    Require(ends || support::LogLines().empty());  // an actor that is ended may fail to answer
+    Require(ends || support::LogLines().empty());  // an actor may fail to answer while it stops
     if (rest.left == nullptr) {
       live_.erase(handle);
     }
@@ -168,7 +168,7 @@ class Session {
 void Prepare() {
   std::thread([] {}).join();  // a sanitizer's own thread starts with the first one
   std::signal(SIGPIPE, SIG_IGN);
-  struct sigaction clock;  // libFuzzer's: an interrupted read would be a line
+  struct sigaction clock;  // libFuzzer's: an interrupted read would log a line
   Require(::sigaction(SIGALRM, nullptr, &clock) == 0);
   clock.sa_flags |= SA_RESTART;
   Require(::sigaction(SIGALRM, &clock, nullptr) == 0);

@@ -1,4 +1,4 @@
-// endpoint_fuzz.cpp - endpoint strings: accepted exactly when they should be, and the
+// endpoint_fuzz.cpp - endpoint strings: accepted exactly when they should be, with the
 // FIFO where it should be.
 //
 // The first byte chooses the direction; the rest is the string.
@@ -13,7 +13,7 @@
 
 namespace {
 
-// The file that an endpoint stands for; empty when the string is refused.
+// The name of an endpoint's FIFO; empty if the string is refused.
 std::string FileOf(const std::string& name) {
   static const std::regex kAccepted("[@>]?(ipc|inproc)://([^,]+)");
   static const std::regex kSeparator(R"([/\\])");

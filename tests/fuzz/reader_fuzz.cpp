@@ -1,7 +1,7 @@
-// reader_fuzz.cpp - the reader on arbitrary bytes, through a pipe, in pieces of
-// arbitrary sizes: the same messages and refusals as the model's.
+// reader_fuzz.cpp - arbitrary bytes through a pipe, in pieces of arbitrary sizes: the
+// reader must return the same messages and refusals as the model.
 //
-// The first eight bytes are the sizes of the pieces, over and over; the rest is the
+// The first eight bytes are the sizes of the pieces, used in turn; the rest is the
 // stream.
 #include <unistd.h>
 
@@ -28,8 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(sock.AvailableToRead(count) == 0);
     return count;
   };
-  // Puts the next piece into the pipe when the reader is about to look at it. An odd
-  // size comes also when the pipe still holds something.
+  // Puts the next piece into the pipe when the reader is about to look at it: if the pipe
+  // is empty, and a piece of odd size even if it is not.
   const auto feed = [&] {
     const std::size_t next = data[pieces % kSizes];
     if (waiting() == 0 || (next % 2 != 0 && waiting() <= 16384)) {

@@ -1,4 +1,4 @@
-// replay.cpp - runs a fuzz target on every file of the folders named as arguments.
+// replay.cpp - runs a fuzz target on every file in the folders named as arguments.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
