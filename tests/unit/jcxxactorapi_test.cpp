@@ -1,6 +1,9 @@
-// jcxxactorapi_test.cpp - the registry, and what every exported call and every member
-// behind it answers to what is not a handle.
+// jcxxactorapi_test.cpp - the registry, what every exported call and every member behind
+// it answers to what is not a handle, what errno says, and socks in a CZMQ event loop.
 #include "jcxxactorapi.h"
+
+#include <czmq.h>
+#include <dlfcn.h>
 
 #include <cerrno>
 #include <thread>
@@ -13,7 +16,27 @@
 
 namespace {
 
+bool loop_refuses = false;
+zloop_fn* callback = nullptr;  // of the last registration, and what it is called with
+void* record = nullptr;
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int zloop_poller(zloop_t* loop,
+                                                                   zmq_pollitem_t* item,
+                                                                   zloop_fn handler, void* arg) {
+  static const auto real =
+      reinterpret_cast<decltype(&::zloop_poller)>(::dlsym(RTLD_NEXT, "zloop_poller"));
+  callback = handler;
+  record = arg;
+  return loop_refuses ? 5 : real(loop, item, handler, arg);
+}
+
+namespace {
+
 using namespace support;
+
+// Handles and the registry
 
 using ApiTest = PairTest;
 
@@ -161,6 +184,174 @@ TEST_F(ApiTest, ACopyIsAnEmptyObjectOfItsOwn) {
   EXPECT_EQ(LinesOfCopying<SockFromPipes>(), "");
   EXPECT_EQ(LinesOfCopying<SockFromNamedEndpoint>(), "");
   EXPECT_EQ(LinesOfCopying<JActorThreadWrapper>(), "");
+}
+
+// errno
+
+constexpr int kBefore = 4711;
+
+class ErrnoTest : public PairTest {
+ protected:
+  ErrnoTest() { EXPECT_EQ(j_msg_addstr(&msg, "text"), 0); }
+
+  // Sends a message that stays.
+  void Send() {
+    JCXXMsg* handle = &msg;
+    EXPECT_EQ(j_msg_send(&handle, a.get()), -1);
+  }
+
+  JCXXMsg msg;
+};
+
+void ReadyAtOnce(j_sock_t* sock, void*) { j_sock_signal(sock, 0); }
+
+// The calls on messages and frames are in the table of calls.h, which says so.
+TEST_F(ErrnoTest, ACallThatSucceedsLeavesItAsItWas) {
+  const RunDirectory run;
+  const auto expect_unchanged = [](const char* what) {
+    EXPECT_EQ(errno, kBefore) << what;
+    errno = kBefore;
+  };
+  JCXXMsg* sent = j_msg_new();
+  EXPECT_EQ(j_msg_addstr(sent, "a"), 0);
+  errno = kBefore;
+  {
+    const Script script({Call::kWritev, Call::kReadv}, {Cut(1), Fail(EINTR), Pass(), Fail(EINTR)});
+    j_msg_send(&sent, a.get());
+    expect_unchanged("an interrupted send");
+    sent = j_msg_recv(b.get());
+    expect_unchanged("an interrupted receive");
+  }
+  j_msg_destroy(&sent);
+  j_msg_destroy(&sent);
+  expect_unchanged("destroy, also of nothing");
+  EXPECT_EQ(j_sock_wait(b.get(), 0), 0);
+  expect_unchanged("a wait in vain");
+  JCXXSock* sock = j_pipe_new_pull("ipc://x");
+  j_sock_destroy(&sock);
+  expect_unchanged("an endpoint");
+  JCXXActor* actor = j_actor_new(ReadyAtOnce, nullptr);
+  j_actor_destroy(&actor);
+  expect_unchanged("an actor");
+}
+
+TEST_F(ErrnoTest, ACallThatFailsSaysWhyInALine) {
+  const auto add = [&] { EXPECT_EQ(j_msg_addstr(&msg, "x"), -1); };
+  const auto signal = [&] { EXPECT_EQ(j_sock_signal(a.get(), 1), -1); };
+  const auto receive = [&] { EXPECT_EQ(j_msg_recv(b.get()), nullptr); };
+  const auto start = [] { EXPECT_EQ(j_actor_new(ReadyAtOnce, nullptr), nullptr); };
+  Feed("\1x");
+  const std::tuple<int, Call, std::function<void()>, int, const char*> kFailures[] = {
+      {EIO, Call::kReadv, receive, 2, "read error, errno=5; irv=-1"},
+      {ENOMEM, Call::kNew, receive, 1, "std::bad_alloc"},
+      {ENOMEM, Call::kNew, add, 2, "std::bad_alloc"},
+      {EPIPE, Call::kWrite, signal, 2, "WriteBlocking failed"},
+      {EMFILE, Call::kPipe, start, 2, "std::bad_alloc"},
+      {EAGAIN, Call::kPthreadCreate, start, 2, "Resource temporarily unavailable"},
+  };
+  for (const auto& [error, failing, call, level, log] : kFailures) {
+    SCOPED_TRACE(error);
+    ClearLog();
+    {
+      const Script script({failing}, {}, Fail(error));
+      errno = kBefore;
+      call();
+      EXPECT_EQ(errno, error);
+    }
+    EXPECT_EQ(Log(), log);
+    EXPECT_EQ(LogLines().front().level, level);
+  }
+}
+
+TEST_F(ErrnoTest, AMessageSentInPartIsEioWhateverFollows) {
+  const Script cut(Call::kWritev, {Cut(1)});
+  const Script memory({Call::kNew}, {Pass()}, Fail(ENOMEM));  // the cut needs one
+  Send();
+  EXPECT_EQ(errno, EIO);
+  Drain();
+}
+
+// The log is the program's, and may call the library.
+TEST_F(ErrnoTest, ACallInsideTheCallsKeepsTheReasonApart) {
+  const Script script(Call::kWritev,
+                      {{[] { EXPECT_EQ(j_msg_recv(nullptr), nullptr); }, -1, EPIPE}});
+  Send();
+  EXPECT_EQ(errno, EPIPE);
+}
+
+// The event loop
+
+class BridgeTest : public PairTest {
+ protected:
+  ~BridgeTest() override { zloop_destroy(&loop); }
+
+  int Register(JCXXSock* sock) { return hybrid_zloop_reader(loop, sock, Handle, this); }
+
+  // Receives one message and ends the loop.
+  static int Handle(zloop_t* running, j_sock_t* sock, void* arg) {
+    auto* test = static_cast<BridgeTest*>(arg);
+    EXPECT_EQ(running, test->loop);
+    test->handled.push_back(sock);
+    const std::unique_ptr<JCXXMsg> msg(j_msg_recv(sock));
+    EXPECT_NE(msg, nullptr);
+    return -1;
+  }
+
+  zloop_t* loop = zloop_new();
+  std::vector<JCXXSock*> handled;
+};
+
+TEST_F(BridgeTest, OneEndDropsEveryRegistrationOfADescriptor) {
+  for (JCXXSock* sock : {a.get(), a.get(), b.get()}) {
+    EXPECT_EQ(Register(sock), 0);
+  }
+  for (int i = 0; i < 2; ++i) {
+    hybrid_zloop_reader_end(loop, a.get());
+    EXPECT_EQ(JCXXActorAPI::GetInstance()->pollers.size(), 1U);
+  }
+  EXPECT_EQ(j_sock_signal(b.get(), 1), 0);
+  EXPECT_EQ(j_sock_signal(a.get(), 1), 0);
+  zloop_start(loop);
+  EXPECT_EQ(handled, std::vector<JCXXSock*>{b.get()});
+  hybrid_zloop_reader_end(loop, b.get());
+  EXPECT_EQ(Log(), "");
+}
+
+TEST_F(BridgeTest, ARefusedRegistrationLeavesNothing) {
+  JCXXSock plain;
+  EXPECT_EQ(Register(&plain), -1);
+  EXPECT_EQ(errno, EBADF);
+  hybrid_zloop_reader_end(loop, &plain);
+  loop_refuses = true;
+  EXPECT_EQ(Register(a.get()), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  loop_refuses = false;
+  EXPECT_EQ(Log(), "");
+}
+
+TEST_F(BridgeTest, AnEventWithoutItsLoopItemOrRecordIsRefused) {
+  zmq_pollitem_t item = {};
+  EXPECT_EQ(Register(b.get()), 0);
+  EXPECT_EQ(callback(nullptr, &item, record), -1);
+  EXPECT_EQ(callback(loop, nullptr, record), -1);
+  EXPECT_EQ(callback(loop, &item, nullptr), -1);
+  EXPECT_TRUE(handled.empty());
+  hybrid_zloop_reader_end(loop, b.get());
+}
+
+// The loop has the sock by then, and keeps its record.
+TEST_F(BridgeTest, ALockThatFailsDoesSoOnceTheLoopHasAccepted) {
+  EXPECT_TRUE(JCXXActorAPI::GetInstance()->JCXXSockPtrIsValid(b.get()));  // known from now on
+  {
+    const Script locks(Call::kMutexLock, {Fail(EINVAL)});
+    EXPECT_EQ(Register(b.get()), -1);
+  }
+  EXPECT_EQ(Log(), "Invalid argument");
+  EXPECT_EQ(j_sock_signal(a.get(), 1), 0);
+  zloop_start(loop);
+  EXPECT_EQ(handled.size(), 1U);
+  hybrid_zloop_reader_end(loop, b.get());
+  delete static_cast<hybrid_poller_info*>(record);
 }
 
 }  // namespace
