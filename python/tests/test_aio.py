@@ -129,7 +129,7 @@ async def test_a_cancelled_send_sends_nothing_or_is_completed_later(endpoint):
         task.cancel()
         await ends_in(asyncio.CancelledError, task)
         assert push.pending > 0
-        waiting = asyncio.create_task(push.send("small"))  # has to wait for the rest, which has no room
+        waiting = asyncio.create_task(push.send("small"))  # must wait until the rest is sent
         await settle()
         waiting.cancel()
         await ends_in(asyncio.CancelledError, waiting)

@@ -66,7 +66,7 @@ def mdoc_blocks(lines, language):
 
 
 def difference_from_source(document, before, text):
-    """Whether `text` is to be a part of a file, and what is wrong if it is not."""
+    """Whether `text` should be a part of a file, and what is wrong if it is not."""
     link = re.search(r"\]\((\S+)\):$", before)
     if link is None:
         return False, None

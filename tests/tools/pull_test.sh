@@ -29,7 +29,7 @@ is 'bytes that are not a message' 1 $?
 has 'it says what to do' 'jpipe: *not a message*jpipe drain*' "$(cat "$scratch/err")"
 "$JPIPE" drain "$e" >/dev/null
 
-# Signals end it, which is its normal end unless there is a count.
+# A signal ends it; without a count that is the normal end.
 for signal in INT TERM HUP; do
   set -m # job control, so that the background job does not ignore SIGINT
   "$JPIPE" pull "$e" 9>&- & # without the test's descriptor: see holds

@@ -41,7 +41,7 @@ for file in bytes longest; do
   is "$file round trip" 0 "$(cmp "$scratch/$file" "$scratch/got" >&2; echo $?)"
 done
 
-# What is too long is refused, and what was sent before is not lost.
+# A file or line that is too long is refused, and the lines before it are not lost.
 echo >>"$scratch/longest"
 "$JPIPE" push "$e" --file "$scratch/longest" 2>"$scratch/err"
 is 'a file that is too long' 1 $?
