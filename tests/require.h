@@ -1,5 +1,5 @@
-// require.h - a condition that counts in every build, for programs without a test
-// framework: the process ends where it does not hold.
+// require.h - a check that every build makes, for programs without a test framework: the
+// process aborts where it fails.
 #ifndef JACTOR_TESTS_REQUIRE_H
 #define JACTOR_TESTS_REQUIRE_H
 

@@ -1,4 +1,4 @@
-// cases.cpp - the small cases whose orders of events are tried: see schedule.h.
+// cases.cpp - the small cases whose orders of events are tried; see schedule.h.
 #include <czmq.h>
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ void Send(void* to, const char* text) {
   Demand(j_msg_addstr(msg, text) == 0 && j_msg_send(&msg, to) == 0, "a message is not sent");
 }
 
-// The frames of a message, one behind the other; the message is gone then.
+// The frames of a message, one after the other. Destroys the message.
 std::string Take(JCXXMsg* msg) {
   std::string all;
   while (char* text = j_msg_popstr(msg)) {
@@ -86,8 +86,8 @@ void ComesAndGoes() {
   step(true);
 }
 
-// Every answer has to be right for some state from the last one that was known before the
-// question to the one that may be there behind it.
+// Every answer must be right for some state between the last one that was known before the
+// question and the one that may have been reached after it.
 void AsksForIt() {
   JCXXActorAPI& api = *JCXXActorAPI::GetInstance();
   for (int i = 0; i < 2; ++i) {
@@ -170,7 +170,7 @@ void WatchEndsInItsHandler() {
   j_actor_destroy(&actor);
 }
 
-// Cases that are wrong
+// Cases that are wrong on purpose
 
 void CountsUnlocked() {
   std::mutex mutex;

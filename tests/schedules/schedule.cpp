@@ -1,5 +1,5 @@
-// schedule.cpp - the processes that run a schedule each, the search through plans, and
-// the program around it.
+// schedule.cpp - a process for each schedule, the search through the plans, and the
+// program around it.
 #include "schedule.h"
 
 #include <fcntl.h>
@@ -43,7 +43,7 @@ std::uint8_t Usual(const Choice& choice) {
 
 namespace {
 
-constexpr unsigned kHangs = 60;  // seconds: a wait that is none of the stops
+constexpr unsigned kHangs = 60;  // seconds, for a wait that is not one of the stops
 
 std::size_t OpenDescriptors() {
   std::size_t open = 0;
@@ -66,8 +66,8 @@ std::size_t OpenDescriptors() {
   ::_exit(0);
 }
 
-// Runs the schedule. The heap of this process stays as it is, so that every child finds
-// its own as the others did.
+// Runs the schedule. This process allocates nothing between two of them, so that every
+// child starts with the same heap.
 bool Passes(const Case& of) {
   current.count = 0;
   current.fault[0] = '\0';
@@ -84,8 +84,8 @@ bool Passes(const Case& of) {
   return status == 0;
 }
 
-// Plans the next order with up to `bound` preemptions: the last choice that can have
-// another outcome has it. Result: whether there is one.
+// Plans the next order with up to `bound` preemptions, by changing the last choice that
+// can be changed. Result: whether there is one.
 bool PlanNext(unsigned bound) {
   const auto preempts = [](const Choice& c) { return c.Allows(c.came) && c.chosen != c.came; };
   for (current.planned = current.count; current.planned > 0; --current.planned) {
@@ -94,7 +94,7 @@ bool PlanNext(unsigned bound) {
     if (preemptions + choice.Allows(choice.came) > bound) {
       continue;
     }
-    const std::uint8_t usual = Usual(choice);  // was the first
+    const std::uint8_t usual = Usual(choice);  // was tried first
     choice.chosen = choice.chosen == usual ? 0 : choice.chosen + 1;
     while (choice.chosen < kThreads && (choice.chosen == usual || !choice.Allows(choice.chosen))) {
       ++choice.chosen;
@@ -127,8 +127,9 @@ void ReadPlan(std::string_view words) {
   }
 }
 
-// Runs the schedules that `plan` makes, given how many there were, until one fails, and
-// says how it went. Result: whether that is as it must be; what fails has to do so twice.
+// Runs the schedules that `plan` makes, given the number of those before, until it has no
+// more or one fails, and prints the outcome. Result: whether that is the right one. What
+// fails must fail again.
 template <class MakePlan>
 bool Search(const Case& of, const char* how, MakePlan plan) {
   std::size_t schedules = 0;
@@ -159,7 +160,7 @@ bool RunBriefly(const Case& of) {
          good;
 }
 
-// Seeds that were not tried before, of each case for the same time.
+// Seeds that were not tried before, for the same time in each case.
 bool RunFor(std::chrono::duration<double> seconds) {
   using Clock = std::chrono::steady_clock;
   const std::uint64_t first = std::uint64_t{std::random_device()()} << 24;
@@ -184,7 +185,7 @@ bool Replay(const Case& of, const char* plan) {
   return passed;
 }
 
-// Has the program start again with the same addresses in every run, where that is allowed.
+// Starts the program again with the same addresses in every run, where that is allowed.
 void FixAddresses(char** argv) {
   const int personality = ::personality(0xFFFFFFFF);
   if ((personality & ADDR_NO_RANDOMIZE) == 0 &&
@@ -200,7 +201,7 @@ void FixAddresses(char** argv) {
 int main(int argc, char** argv) {
   using namespace schedule;
   FixAddresses(argv);
-  std::setbuf(stdout, nullptr);  // a child has nothing to write again
+  std::setbuf(stdout, nullptr);  // a child must not write again what waits there
   const std::string_view how = argc > 1 ? argv[1] : "";
   const auto of = std::find_if(cases.begin(), cases.end(), [=](const Case& each) {
     return argc > 2 && std::string_view(each.name) == argv[2];

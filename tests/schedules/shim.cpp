@@ -42,11 +42,11 @@ struct Thread {
   sem_t turn = {};
 };
 
-// All of this is touched by the thread only that has the turn.
+// Only the thread whose turn it is touches any of this.
 Thread threads[kThreads];
 unsigned thread_count = 0;
 thread_local Thread* self = nullptr;  // null in a thread that is not of a case
-Thread* leaving = nullptr;            // has ended, and given the turn away
+Thread* leaving = nullptr;            // has ended and passed the turn on
 std::size_t moves = 0;
 thread_local std::size_t last_move = 0;  // of this thread
 
@@ -101,8 +101,8 @@ Thread& Choose() {
   return threads[choice.chosen];
 }
 
-// A thread that has ended is given the time to leave, so that no chance decides on what
-// the next one finds.
+// A thread that has ended is joined here, so that chance does not decide what the next
+// one finds.
 void AwaitTurn() {
   while (::sem_wait(&self->turn) != 0) {
   }
@@ -111,7 +111,7 @@ void AwaitTurn() {
   }
 }
 
-// Has the thread wait for its turn, at `at`, for as long as it is not `able`.
+// Makes the thread wait at `at` until it is `able` and it is its turn.
 void Stop(const char* at, const Condition& able = Always) {
   if (self == nullptr) {
     return;
@@ -153,7 +153,7 @@ bool Ready(int fd, short event) {
 bool Free(pthread_mutex_t* mutex) {
   return REAL(pthread_mutex_trylock)(mutex) == 0 && REAL(pthread_mutex_unlock)(mutex) == 0;
 }
-bool Free(const pthread_once_t* once) { return (*once & 3) != 1; }  // glibc's: under way
+bool Free(const pthread_once_t* once) { return (*once & 3) != 1; }  // 1: glibc runs the routine
 
 }  // namespace
 
@@ -200,7 +200,7 @@ REPLACE(int, pthread_mutex_unlock, true, (pthread_mutex_t* mutex) noexcept, mute
 REPLACE(int, pthread_once, Free(once), (pthread_once_t* once, void (*routine)()), once, routine)
 // clang-format on
 
-// It can expect a change when others have moved since its last stop.
+// It makes sense to go on when others have moved since this thread's last stop.
 REPLACED int sched_yield() noexcept {
   Stop("sched_yield", [last = last_move] { return moves > last + 1; });
   return 0;
@@ -251,7 +251,7 @@ REPLACED void jlog_printf(int level, int, const char* format, ...) {
   errno = ENOSPC;
 }
 
-// What is freed is not what it was.
+// Freed memory does not keep what it held.
 void operator delete(void* memory) noexcept {
   if (memory != nullptr) {
     std::memset(memory, 0xA5, ::malloc_usable_size(memory));

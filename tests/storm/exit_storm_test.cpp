@@ -46,7 +46,7 @@ using namespace jactor;
 using storm::Child;
 using storm::Outcome;
 
-// How many times a storm does it: a sanitizer's slower program fewer times.
+// The rounds of a storm: fewer in a sanitizer's slower program.
 constexpr int Rounds(int usual) {
 #ifdef JACTOR_SANITIZED
   usual /= 4;
@@ -79,7 +79,7 @@ void ExchangeForEver() {
   }
 }
 
-// Lives longer than the library's own end, since it was made before its first use.
+// Outlives the library's exit handler, since it is made before the first use.
 struct Late {
   void (*at_the_end)() = [] {};
   std::optional<Message> msg = {};
@@ -88,9 +88,8 @@ struct Late {
 };
 Late late;
 
-// A child that exchanges messages until a handler, in the middle of it, calls exit(0). It
-// asks for a handle at the very end, which takes the registry's lock; to allocate would not
-// be safe.
+// Exchanges messages until a signal handler calls exit(0) in the middle of that. At the very
+// end it asks for a handle, which takes the registry's lock; to allocate would not be safe.
 void ExitAtWork(bool second_thread) {
   late.at_the_end = [] {
     JCXXActorAPI::GetInstance()->JCXXMsgPtrIsValid(reinterpret_cast<JCXXMsg*>(&late));
@@ -157,7 +156,8 @@ TEST(ExitStorm, AForkedChildUsesTheLibraryWhateverTheParentsThreadsHeld) {
   EXPECT_EQ(Outcome(parent), 0);
 }
 
-// Nothing is started any more, in a line each; what lives can be used and released.
+// Nothing can be started any more, and each refusal is one line; what is alive can be used
+// and released.
 void UseWhatLives() {
   errors_logged = 0;
   Require(j_actor_new([](j_sock_t*, void*) {}, nullptr) == nullptr && errno == ECANCELED);

@@ -10,8 +10,8 @@
 
 namespace storm {
 
-// Runs `body` in a child process, which ends with 1 when it has failed a test, and is
-// killed when it hangs.
+// Runs `body` in a child process. It exits with 1 if it has failed a test, and is killed if
+// it hangs.
 template <class Body>
 pid_t Child(Body body) {
   constexpr unsigned kHangs = 50;  // seconds
@@ -24,7 +24,8 @@ pid_t Child(Body body) {
   return pid;
 }
 
-// How a child ends, killed or not: its exit code, or minus its signal.
+// Kills a child, if there is a signal to do so, and waits for it. Result: its exit code, or
+// minus the signal that ended it.
 inline int Outcome(pid_t pid, int signal = 0) {
   int status = 0;
   ::kill(pid, signal);

@@ -1,5 +1,5 @@
 // decoder_sweep_test.cpp - the reader against a second decoder, over every short byte
-// string: same verdict, same bytes left over. Longer ones are fuzzed.
+// string: same verdict, same bytes left over. The fuzz target takes longer ones.
 #include <gtest/gtest.h>
 
 #include <cstring>

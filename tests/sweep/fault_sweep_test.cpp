@@ -34,7 +34,7 @@ thread_local struct { std::size_t first, last, calls; } heap = {};
 #ifndef JACTOR_SANITIZED  // the sanitizers own the heap
 extern "C" void* __libc_calloc(std::size_t n, std::size_t size);
 
-// Strings fail. CZMQ, which ends the process when memory runs out, makes none here.
+// Only strings fail: CZMQ, which ends the process when memory runs out, makes none here.
 extern "C" __attribute__((visibility("default"))) void* calloc(std::size_t n,
                                                                std::size_t size) noexcept {
   const bool counts = heap.last != 0 && size == 1;
@@ -177,8 +177,8 @@ const Scenario kScenarios[] = {
     {"LoopRegistrationAndEnd", WithEndpoint, RegisterAndEnd},
 };
 
-// Calls, what they really give, and what that does to a scenario: the documented failure,
-// nothing, or one of them, as several calls could have failed.
+// Calls, the errors that they can really return, and what these do to a scenario: the
+// documented failure, nothing, or either, since any of several calls may have failed.
 struct Fault {
   const char* name;
   std::initializer_list<Call> calls;
