@@ -198,7 +198,7 @@ Outcome EndpointSock::Unfinished(Direction direction) {
   }
   if (moved_ > 0 && pull) {
     Note(
-        Text("%s of a message that its sender has not finished were taken from %s and are lost; "
+        Text("lost %s of a message, taken from %s, that its sender did not finish; "
              "once no sender is running, throw away the rest with: jpipe drain %s",
              Counted(moved_, "byte").c_str(), endpoint_.c_str(), endpoint_.c_str()));
   } else if (moved_ > 0) {
@@ -301,8 +301,8 @@ Outcome EndpointSock::LeaveWhenSafe() {
       if (!keeper && look > 0 && !said && Waiting() > 0) {
         said = true;
         Note(
-            Text("%s wait in %s, which no other process keeps open: staying until they are read "
-                 "(leaving now would lose them; --no-wait leaves anyway)",
+            Text("staying until somebody reads %s waiting in %s: no other process keeps it open, "
+                 "so leaving would lose data (--no-wait leaves anyway)",
                  Counted(Waiting(), "byte").c_str(), endpoint_.c_str()));
       }
     }
@@ -321,7 +321,7 @@ void EndpointSock::Leave() {
   MarkAsLeaving();
   KeepALook();
   if (Waiting() > 0 && !IsHeldElsewhere(fd_)) {
-    Note(Text("%s that wait in %s are lost, since no other process has it open",
+    Note(Text("lost %s waiting in %s, since no other process has it open",
               Counted(Waiting(), "byte").c_str(), endpoint_.c_str()));
   }
 }

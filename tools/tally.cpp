@@ -43,8 +43,7 @@ std::string Tally::Told() const {
   if (bytes > 0) {
     text += ": " + Counted(messages, "message") + ", " + Counted(signals, "signal");
   }
-  return loose == 0 ? text
-                    : text + ", and " + Counted(loose, "byte") + " that are not a whole message";
+  return loose == 0 ? text : text + ", and " + Counted(loose, "byte") + " outside a whole message";
 }
 
 Tally DrainAll(int fd, std::size_t most, const Formatter* formatter, Patience& patience) {

@@ -13,7 +13,7 @@ namespace jpipe {
 struct Tally {
   unsigned long long messages = 0;
   unsigned long long signals = 0;
-  unsigned long long loose = 0;  // bytes that are not a whole message
+  unsigned long long loose = 0;  // bytes outside a whole message
   unsigned long long bytes = 0;
 
   // "5 bytes thrown away: 1 message, 1 signal".

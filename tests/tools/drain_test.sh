@@ -18,10 +18,10 @@ drained '' '0 bytes thrown away'
 drained '\x03abc\x81' '5 bytes thrown away: 1 message, 1 signal'
 drained '\x45\x02ab\x03cde\x40\xc0\xc8' '11 bytes thrown away: 2 messages, 1 signal'
 drained '\x03abc\x45\x02ab' \
-  '8 bytes thrown away: 1 message, 0 signals, and 4 bytes that are not a whole message'
-drained '\x05a' '2 bytes thrown away: 0 messages, 0 signals, and 2 bytes that are not a whole message'
+  '8 bytes thrown away: 1 message, 0 signals, and 4 bytes outside a whole message'
+drained '\x05a' '2 bytes thrown away: 0 messages, 0 signals, and 2 bytes outside a whole message'
 drained '\x01a\x30\xff\xff\xff\xff\x01b\x01c' \
-  '11 bytes thrown away: 1 message, 0 signals, and 9 bytes that are not a whole message'
+  '11 bytes thrown away: 1 message, 0 signals, and 9 bytes outside a whole message'
 
 # A full FIFO, which is read in more than one piece.
 head -c 65536 /dev/zero | tr '\0' '\377' >&9

@@ -43,7 +43,7 @@ push=$!
 until_true grep -q staying "$scratch/out"
 kill -TERM $push
 wait $push
-has 'a note' $'jpipe: 2 bytes wait in*\njpipe: 2 bytes *are lost*\n1 message, *' "$(on_screen "$scratch/out")"
+has 'a note' $'jpipe: staying *2 bytes waiting in*\njpipe: lost 2 bytes *\n1 message, *' "$(on_screen "$scratch/out")"
 
 # An unfinished line of output is left alone.
 exec 9<>"$(fifo e)"

@@ -21,7 +21,7 @@ is 'a time limit and a count' 124 $?
 printf '\x03a' >&9
 "$JPIPE" pull "$e" --timeout 0.05 2>"$scratch/err"
 is 'a time limit inside a message' 124 $?
-has 'it says what is lost' 'jpipe: 2 bytes of a message*jpipe drain*' "$(cat "$scratch/err")"
+has 'it says what is lost' 'jpipe: lost 2 bytes of a message*jpipe drain*' "$(cat "$scratch/err")"
 
 printf '\x45\x81\x01z' >&9
 "$JPIPE" pull "$e" 2>"$scratch/err"
@@ -76,6 +76,6 @@ exec 9>&-
 kill -CONT $pull
 wait $pull
 is 'the messages that were taken' $'b\nc' "$(cat "$scratch/out")"
-has 'what is lost' "jpipe: 2 bytes that wait in $e are lost*" "$(cat "$scratch/err")"
+has 'what is lost' "jpipe: lost 2 bytes waiting in $e,*" "$(cat "$scratch/err")"
 exec 9<>"$(fifo e)"
 finish

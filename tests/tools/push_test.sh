@@ -87,7 +87,7 @@ is 'it arrives whole' '0 0' "${PIPESTATUS[*]}"
 exec 9>&-
 
 # No other process has the FIFO open: push stays, and says so, until its bytes are taken.
-said() { grep -q '^jpipe: .* wait in .*staying' "$scratch/$1"; }
+said() { grep -q '^jpipe: staying .* waiting in ' "$scratch/$1"; }
 printf '1\n2\n3\n' | "$JPIPE" push "$e" 2>"$scratch/err" &
 push=$!
 until_true said err
@@ -131,7 +131,7 @@ done
 
 "$JPIPE" push "$e" x --timeout 1 2>"$scratch/err"
 is 'the time limit bounds the wait' 124 $?
-has 'it says what is lost' '*staying*jpipe: 2 bytes*lost*' "$(cat "$scratch/err")"
+has 'it says what is lost' '*staying*jpipe: lost 2 bytes*' "$(cat "$scratch/err")"
 "$JPIPE" push "$e" x --no-wait 2>"$scratch/err"
 is '--no-wait' 0 $?
 is '--no-wait is silent' '' "$(cat "$scratch/err")"

@@ -29,7 +29,7 @@ removed 1 "jpipe: cannot remove $e: it is open in *$!(sleep)*--force*" "$e"
 is 'it stays, with the bytes in it' '6 yes' \
   "$("$JPIPE" list | awk -v e="ipc://${name}_e" '$1 == e { print $4 }') $(there)"
 removed 0 "jpipe: $e was open in *
-$e: removed, 6 bytes thrown away: 1 message, 1 signal, and 1 byte that are not a whole message" "$e" --force
+$e: removed, 6 bytes thrown away: 1 message, 1 signal, and 1 byte outside a whole message" "$e" --force
 is 'it is gone with --force' no "$(there)"
 
 # A reader alone, without a writer.
