@@ -2,9 +2,6 @@
 // string: same verdict, same bytes left over. The fuzz target takes longer ones.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
-#include "jcxxsock.h"
 #include "jlog.h"
 #include "sweep/wire_model.h"
 
@@ -12,31 +9,6 @@
 extern "C" void jlog_printf(int, int, const char*, ...) {}
 
 namespace {
-
-// A sock that reads from a string.
-struct StringSock : JCXXSock {
-  std::string stream;
-  std::size_t at = 0;
-  int ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got) override {
-    const std::size_t count = std::min(len, stream.size() - at);
-    std::memcpy(buf, stream.data() + at, count);
-    at += count;
-    got = count == len ? len : 0;
-    return count == len ? 0 : -1;
-  }
-};
-
-// Decodes the stream both ways, message by message.
-bool SameVerdicts(StringSock& sock) {
-  bool same = true;
-  std::size_t at = 0;
-  sock.at = 0;
-  do {
-    const wire::Message expected = wire::DecodeMessage(sock.stream, at);
-    same = wire::Read(&sock) == expected && sock.at == at;
-  } while (same && at < sock.stream.size());
-  return same;
-}
 
 // Sanitizers and emulators make each string several times as expensive: they see
 // a part.
@@ -48,7 +20,7 @@ constexpr unsigned kStep = 1;
 #endif
 
 TEST(DecoderSweep, EveryByteStringOfUpToThreeBytes) {
-  StringSock sock;
+  wire::StringSock sock;
   unsigned long strings = 0;
   for (unsigned length = 0; length <= 3; ++length) {
     for (unsigned n = 0; n < 1U << 8 * length; n += length == 3 ? kStep : 1, ++strings) {
@@ -56,7 +28,7 @@ TEST(DecoderSweep, EveryByteStringOfUpToThreeBytes) {
       for (unsigned byte = 0; byte < length; ++byte) {
         sock.stream += static_cast<char>(n >> 8 * byte);
       }
-      ASSERT_TRUE(SameVerdicts(sock)) << ::testing::PrintToString(sock.stream);
+      ASSERT_TRUE(wire::SameVerdicts(sock)) << ::testing::PrintToString(sock.stream);
     }
   }
   std::printf("decoder sweep: %lu strings of up to 3 bytes\n", strings);

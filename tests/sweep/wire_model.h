@@ -5,13 +5,16 @@
 #ifndef WIRE_MODEL_H
 #define WIRE_MODEL_H
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "jcxxframe.h"
 #include "jcxxmsg.h"
+#include "jcxxsock.h"
 
 namespace wire {
 
@@ -84,6 +87,31 @@ inline Message Read(JCXXSock* sock) {
     message.frames.emplace_back(frame->data.begin(), frame->data.end());
   }
   return message;
+}
+
+// A sock that reads from a string.
+struct StringSock : JCXXSock {
+  std::string stream;
+  std::size_t at = 0;
+  int ReadBlocking(unsigned char* buf, std::size_t len, std::size_t& got) override {
+    const std::size_t count = std::min(len, stream.size() - at);
+    std::memcpy(buf, stream.data() + at, count);
+    at += count;
+    got = count == len ? len : 0;
+    return count == len ? 0 : -1;
+  }
+};
+
+// Decodes the stream both ways, message by message. Result: whether they agree.
+inline bool SameVerdicts(StringSock& sock) {
+  bool same = true;
+  std::size_t at = 0;
+  sock.at = 0;
+  do {
+    const Message expected = DecodeMessage(sock.stream, at);
+    same = Read(&sock) == expected && sock.at == at;
+  } while (same && at < sock.stream.size());
+  return same;
 }
 
 }  // namespace wire
