@@ -54,8 +54,16 @@ TEST_F(EndpointTest, ARefusedNameTouchesNoFile) {
     EXPECT_EQ(Log(), log);
   }
   EXPECT_EQ(script.count(), 0U);
+}
+
+TEST_F(EndpointTest, ANameIsSplitWhateverTheResultHeld) {
   EXPECT_EQ(SockFromNamedEndpoint::SplitAtCommas(",a,,b,"),
             (std::list<std::string>{"", "a", "", "b", ""}));
+  std::string name = "ipc:/x";
+  std::string transport = "old";
+  std::string path = "old";
+  SockFromNamedEndpoint::SplitLikeURI(name, transport, path);
+  EXPECT_EQ(transport + path, "");
 }
 
 // The prefix and the direction choose a line, and nothing else.

@@ -148,6 +148,7 @@ void OnceInAndOut(const std::string& name, JCXXActorAPI& api, bool (JCXXActorAPI
   EXPECT_EQ(Log(kAll), "NULL " + name + " pointer passed to interface; NULL " + name +
                            " pointer passed to add; " + name + " pointer already exists; NULL " +
                            name + " pointer passed to remove; " + name + " pointer does not exist");
+  { Object first, second; }  // take them again
 }
 
 TEST_F(ApiTest, ARegistryHoldsAnAddressOnce) {
