@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 
 namespace storm {
 
@@ -19,7 +20,7 @@ pid_t Child(Body body) {
   if (pid == 0) {
     ::alarm(kHangs);
     body();
-    ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+    std::exit(::testing::Test::HasFailure() ? 1 : 0);
   }
   return pid;
 }
