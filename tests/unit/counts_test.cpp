@@ -1,7 +1,7 @@
 // counts_test.cpp - what a message costs, counted: system calls, allocations, and
-// acquisitions of the registry's mutex. The bounds are what is used now: a change
-// that needs more has to say so here. Acquisitions depend a little on where the
-// objects happen to lie, so that their bounds have some room.
+// acquisitions of a mutex, of which there is only the registry's. The bounds are what is
+// used now: a change that needs more has to say so here. Acquisitions depend a little on
+// where the objects happen to lie, so that their bounds have some room.
 #include "messages.h"
 #include "support.h"
 
