@@ -129,26 +129,18 @@ Script::~Script() {
   }
 }
 
-RunDirectory::RunDirectory() : folder_(testing::TempDir() + "jactor-XXXXXX"), owner_(::getpid()) {
+RunDirectory::RunDirectory() : folder_(testing::TempDir() + "jactor-XXXXXX") {
   EXPECT_NE(::mkdtemp(folder_.data()), nullptr);
   run_folder = &folder_;
 }
 
 RunDirectory::~RunDirectory() {
   run_folder = nullptr;
-  if (::getpid() == owner_) {
-    fs::remove_all(folder_);
-  }
+  fs::remove_all(folder_);
 }
 
 std::string RunDirectory::path(const std::string& name) const {
   return folder_ + "/run" + (name.empty() ? "" : "/" + name);
-}
-
-UniqueEndpoint::UniqueEndpoint() {
-  static const RunDirectory shared;
-  static std::atomic<int> counter{0};
-  name = "ipc://test/" + std::to_string(++counter);
 }
 
 Census TakeCensus() {

@@ -9,7 +9,6 @@
 #define JACTOR_TESTS_SUPPORT_H
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
 #include <climits>
 #include <cstddef>
@@ -117,13 +116,6 @@ class RunDirectory {
 
  private:
   std::string folder_;
-  pid_t owner_;  // a child that exits leaves it to its parent
-};
-
-// An endpoint name that nobody else uses, in a run directory for all of them.
-struct UniqueEndpoint {
-  UniqueEndpoint();
-  std::string name;
 };
 
 // Leaks

@@ -63,8 +63,8 @@ TEST_F(ActorTest, AFunctionThatReturnsBeforeItsSignalIsALine) {
 TEST_F(ActorTest, DestroyingIsNotACancellationPoint) {
   std::atomic<int> stopped{0};
   JCXXActor* actor = j_actor_new(WaitsForItsEnd, &stopped);
-  const UniqueEndpoint endpoint;
-  JCXXSock* sock = j_pipe_new_pull(endpoint.name.c_str());
+  const RunDirectory run;
+  JCXXSock* sock = j_pipe_new_pull("ipc://x");
   std::thread([&] {
     ::pthread_cancel(::pthread_self());
     j_sock_destroy(&sock);

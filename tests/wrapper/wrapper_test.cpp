@@ -25,9 +25,9 @@ using Loop = detail::Owner<zloop_t, zloop_destroy>;
 // An endpoint of the test's own, with both ends.
 class Wrapper : public support::Test {
  protected:
-  const support::UniqueEndpoint endpoint;
-  Sock pull = Sock::pull("@" + endpoint.name);
-  const Sock push = Sock::push(">" + endpoint.name);
+  const support::RunDirectory run;
+  Sock pull = Sock::pull("@ipc://x");
+  const Sock push = Sock::push(">ipc://x");
 };
 
 // The reason for which `call` throws; 0 when it does not.
