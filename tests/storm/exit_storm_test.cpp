@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "jactor.hpp"
 #include "jcxxactorapi.h"

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <barrier>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
