@@ -23,6 +23,7 @@ class _Blocking(Endpoint):
     """Waits for the FIFO. Ctrl-C and other exceptions from signal handlers end a wait."""
 
     _partner_is_fast = False  # the last wait was short
+    _is_blocking = False
 
     def __enter__(self) -> Self:
         return self
@@ -35,19 +36,34 @@ class _Blocking(Endpoint):
 
     def _run(self, steps: Steps, deadline: float | None) -> None:
         """Runs the steps to their end. Raises TimeoutError at the deadline, of time.monotonic."""
+        self._set_blocking(False)  # in case an exception came before it
         began = time.monotonic()
         yields = 0 if deadline is not None and deadline <= began else YIELDS if self._partner_is_fast else 1
-        for event in steps:
-            if yields > 0:
-                yields -= 1
-                os.sched_yield()  # lets the partner run, if it shares our processor
-                continue
-            poll = select.poll()
-            poll.register(self.fileno(), event)
-            left = None if deadline is None else math.ceil(1000 * max(0.0, deadline - time.monotonic()))
-            if not poll.poll(left) and left is not None:
-                raise TimeoutError(f"{self.endpoint}: the time limit has passed")
+        try:
+            for event in steps:
+                if yields > 0:
+                    yields -= 1
+                    os.sched_yield()  # lets the partner run, if it shares our processor
+                elif deadline is None:
+                    self._set_blocking(True)
+                else:
+                    self._poll(event, deadline)
+        finally:
+            self._set_blocking(False)
         self._partner_is_fast = time.monotonic() - began < FAST
+
+    def _set_blocking(self, blocking: bool) -> None:
+        """Lets reads and writes wait, or not. With poll(2) every later write to the FIFO would take longer."""
+        if blocking != self._is_blocking and not self.closed:
+            self._is_blocking = True
+            os.set_blocking(self._fd, blocking)
+            self._is_blocking = blocking
+
+    def _poll(self, event: int, deadline: float) -> None:
+        poll = select.poll()
+        poll.register(self.fileno(), event)
+        if not poll.poll(math.ceil(1000 * max(0.0, deadline - time.monotonic()))):
+            raise TimeoutError(f"{self.endpoint}: the time limit has passed")
 
 
 def _deadline(timeout: float | None) -> float | None:
@@ -122,7 +138,7 @@ class Push(_Blocking, Writer):
         follows in the same way. Raises ValueError for what no message can carry; see `encode`.
         """
         # The usual case: each name and call saved here shows in the rate.
-        if type(frame) is bytes and not more and not self._written:
+        if type(frame) is bytes and timeout is None and not more and not self._written:
             try:
                 write(self._fd, SMALL_HEADERS[len(frame)] + frame)
                 return
@@ -159,6 +175,7 @@ class Push(_Blocking, Writer):
 
     def _send(self, data: bytes, timeout: float | None) -> None:
         if len(data) <= PIPE_BUF and not self._written:
+            self._set_blocking(False)  # as in _run
             try:
                 write(self.fileno(), data)
                 return

@@ -245,6 +245,35 @@ def test_interrupted_sends_are_completed_or_never_begin(push, endpoint, interrup
         assert receiver.stdout.read() == f"{k}\n"
 
 
+def test_an_interrupted_wait_leaves_time_limits_alone(pull, push, monkeypatch):
+    """Even if the interrupt is what prevents the descriptor from becoming non-blocking again."""
+    def interrupted(fd, blocking, set_blocking=os.set_blocking):
+        if not blocking:
+            raise Interrupt
+        set_blocking(fd, blocking)
+
+    def interrupt(*_):
+        raise Interrupt
+
+    def waits_and_is_interrupted(call):
+        before = signal.signal(signal.SIGALRM, interrupt)
+        with monkeypatch.context() as patch, pytest.raises(Interrupt):
+            patch.setattr(os, "set_blocking", interrupted)
+            signal.setitimer(signal.ITIMER_REAL, 0.02)
+            call()
+        signal.signal(signal.SIGALRM, before)
+
+    waits_and_is_interrupted(pull.receive)
+    with pytest.raises(TimeoutError):
+        pull.receive(timeout=0)
+    fill(push)
+    for message in ("text", b"bytes"):
+        waits_and_is_interrupted(lambda: push.send("more"))
+        with pytest.raises(TimeoutError):
+            push.send(message, timeout=0)
+    assert not os.get_blocking(push.fileno())
+
+
 def test_ctrl_c_ends_a_receive(endpoint):
     code = ("import sys, jactor\n"
             "with jactor.Pull(sys.argv[1]) as pull:\n"
