@@ -139,7 +139,9 @@ void OnceInAndOut(const std::string& name, JCXXActorAPI& api, bool (JCXXActorAPI
   for (auto member : {add, remove}) {
     (api.*member)(nullptr);
     EXPECT_EQ((api.*valid)(p), member == remove);
+    const std::size_t errors = LogLines().size();
     std::thread([&] { (api.*member)(p); }).join();
+    EXPECT_EQ(LogLines().size(), errors);
     EXPECT_EQ((api.*valid)(p), member == add);
     (api.*member)(p);
     EXPECT_EQ((api.*valid)(p), member == add);
