@@ -122,9 +122,10 @@ class Endpoint:
     def fileno(self) -> int:
         """The descriptor, for an event loop of your own.
 
-        It is non-blocking: do not pass it to code or to a process that wants to block. When
-        it is readable, call `receive(timeout=0)` until it raises TimeoutError: `Pull` reads
-        ahead, and the descriptor does not show what it holds. Raises ValueError when closed.
+        It is non-blocking, except while a call without a time limit waits: do not pass it to
+        code or to a process that wants to block. When it is readable, call
+        `receive(timeout=0)` until it raises TimeoutError: `Pull` reads ahead, and the
+        descriptor does not show what it holds. Raises ValueError when closed.
         """
         if self._fd < 0:
             raise ValueError(f"{self.endpoint}: {self._why_closed}")
