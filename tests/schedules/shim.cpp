@@ -90,14 +90,14 @@ Thread& Choose() {
   if (current.count == std::size(current.choices)) {
     FailAt("no end");
   }
-  Choice& place = current.choices[current.count];
+  Choice& kept = current.choices[current.count];
   if (current.count++ < current.planned) {
-    choice.chosen = place.chosen;
+    choice.chosen = kept.chosen;
     Demand(choice.Allows(choice.chosen), "this plan is of another program");
   } else {
     choice.chosen = current.seed != 0 ? AtRandom(choice) : Usual(choice);
   }
-  place = choice;
+  kept = choice;
   return threads[choice.chosen];
 }
 
