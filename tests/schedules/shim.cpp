@@ -90,14 +90,14 @@ Thread& Choose() {
   if (current.count == std::size(current.choices)) {
     FailAt("no end");
   }
-  Choice& kept = current.choices[current.count];
+  Choice& taken = current.choices[current.count];
   if (current.count++ < current.planned) {
-    choice.chosen = kept.chosen;
+    choice.chosen = taken.chosen;
     Demand(choice.Allows(choice.chosen), "this plan is of another program");
   } else {
     choice.chosen = current.seed != 0 ? AtRandom(choice) : Usual(choice);
   }
-  kept = choice;
+  taken = choice;
   return threads[choice.chosen];
 }
 
