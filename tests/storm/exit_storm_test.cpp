@@ -70,9 +70,9 @@ struct Pair {
   std::unique_ptr<JCXXSock> b;
 };
 
-void ExchangeForEver() {
+void ExchangeForEver(const Pair& pair = {}) {
   try {
-    for (const Pair pair;;) {
+    for (;;) {
       pair.Exchange();
     }
   } catch (const error&) {  // refused at the end of the process
@@ -90,19 +90,26 @@ struct Late {
 Late late;
 
 // Exchanges messages until a signal handler calls exit(0) in the middle of that. At the very
-// end it asks for a handle, which takes the registry's lock; to allocate would not be safe.
+// end it asks for a handle, which takes the registry's lock. The allocator's lock would not be
+// safe: the handler runs in this thread, whose exchange has all its large blocks by then.
 void ExitAtWork(bool second_thread) {
   late.at_the_end = [] {
     JCXXActorAPI::GetInstance()->JCXXMsgPtrIsValid(reinterpret_cast<JCXXMsg*>(&late));
   };
-  Pair().Exchange();
+  const Pair pair;
+  pair.Exchange();
+  sigset_t tick;
+  sigemptyset(&tick);
+  sigaddset(&tick, SIGVTALRM);
+  ::pthread_sigmask(SIG_BLOCK, &tick, nullptr);
   if (second_thread) {
-    std::thread(ExchangeForEver).detach();
+    std::thread([] { ExchangeForEver(); }).detach();
   }
+  ::pthread_sigmask(SIG_UNBLOCK, &tick, nullptr);
   std::signal(SIGVTALRM, [](int) { std::exit(0); });
   const itimerval next_tick = {{0, 0}, {0, 1}};
   Require(::setitimer(ITIMER_VIRTUAL, &next_tick, nullptr) == 0);
-  ExchangeForEver();
+  ExchangeForEver(pair);
 }
 
 TEST(ExitStorm, ASignalHandlerMayExitWhereverItInterruptsTheLibrary) {

@@ -49,6 +49,7 @@ TEST_F(EndpointTest, ARefusedNameTouchesNoFile) {
   const Script script({Call::kStat, Call::kMkdir, Call::kOpen});
   for (const auto& [name, log, error] : kNames) {
     ClearLog();
+    errno = 0;
     EXPECT_EQ(j_pipe_new_pull(name), nullptr);
     EXPECT_EQ(errno, error) << name;
     EXPECT_EQ(Log(), log);
