@@ -2,6 +2,8 @@
 #include "jcxxframe.h"
 
 #include <cerrno>
+#include <memory>
+#include <utility>
 
 #include "jcxxmsg.h"
 #include "support.h"
@@ -84,6 +86,16 @@ TEST_F(FrameTest, AFailedOrUntrueTransferIsAFailure) {
   EXPECT_EQ(odd.AvailableToRead(waiting), -1);
   EXPECT_EQ(j_sock_fd(&odd), -1);
   EXPECT_EQ(j_sock_wait(&odd, 0), -1);
+}
+
+TEST_F(FrameTest, ATraceTellsTheFormOfASignal) {
+  for (const auto& [bytes, line] :
+       {std::pair("\x83", "signal 6"), std::pair("\xC0\x40", " default case signal 8")}) {
+    Feed(bytes);
+    ClearLog();
+    const std::unique_ptr<JCXXFrame> frame(JCXXFrame::ReadFrameFromSock(b.get()));
+    EXPECT_EQ(Log(kAll, "ReadFrameFromSock"), line);
+  }
 }
 
 TEST_F(FrameTest, WhatCannotBeWrittenIsRefused) {
