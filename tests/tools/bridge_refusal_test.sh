@@ -26,6 +26,7 @@ done
 # An older jpipe uses incompatible sockets: ZeroMQ itself closes the connection.
 "$traffic" push "$address" old &
 said import 'an older jpipe'
+kill $!
 wait $!
 
 # An endless message is cut off before it takes much memory, and other peers are still

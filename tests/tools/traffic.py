@@ -18,7 +18,8 @@ SHAPE is "mixed" (anything that the wire can carry; all must arrive, in order) o
     traffic.py dealer|push ADDRESS BYTES...
 
 sends one-part messages, with \\xHH for a byte, on a ZeroMQ socket of that type. A dealer
-prints the reason for which it is refused; a push waits until the connection is closed.
+prints the reason for which it is refused, and tries again if that gets lost with its
+connection; a push connects again and again until it is killed.
 
     traffic.py endless ADDRESS
 
@@ -101,18 +102,20 @@ def check(endpoint, shape):
 def send_parts(kind, address, *words):
     import zmq  # not needed for endpoints
 
-    with zmq.Context() as context, context.socket(zmq.PUSH if kind == "push" else zmq.DEALER) as sock:
-        ended = sock.get_monitor_socket(zmq.EVENT_DISCONNECTED | zmq.EVENT_HANDSHAKE_FAILED_PROTOCOL)
-        sock.linger = 0
-        sock.connect(address)
-        for word in words:
-            sock.send(word.encode("latin-1").decode("unicode_escape").encode("latin-1"))
-        if kind == "push":
-            ended.recv_multipart()
-            return
-        while (answer := sock.recv())[4:5] != b"R":
-            pass
-        print(answer[5:].decode())
+    parts = [word.encode("latin-1").decode("unicode_escape").encode("latin-1") for word in words]
+    answer = b""
+    while answer[4:5] != b"R":
+        with zmq.Context() as context, context.socket(zmq.PUSH if kind == "push" else zmq.DEALER) as sock:
+            sock.linger = 0
+            sock.connect(address)
+            for part in parts:
+                sock.send(part)
+            if kind == "push":
+                signal.pause()  # while ZeroMQ connects again and again
+            # An answer may be lost with its connection: then this peer connects again.
+            while answer[4:5] != b"R" and sock.poll(10000):
+                answer = sock.recv()
+    print(answer[5:].decode())
 
 
 def endless(address):
