@@ -142,7 +142,7 @@ class Endpoint:
             os.close(fd)
             loss = self._discard()
             if loss:
-                warnings.warn(f"{self.endpoint}: closed with {loss}", LossWarning, stacklevel=3)
+                warnings.warn(f"{self.endpoint}: closed with {loss}", LossWarning, stacklevel=4)
 
     def _discard(self) -> str:
         """Drops what is held, and says what it was."""
